@@ -1,0 +1,28 @@
+# SPDX-License-Identifier: ISC
+# Compiler and linker flags, by purpose. What a preset switches on is here too,
+# so that a router's build system, which brings its own flags, meets none of it
+# unless it asks.
+option(FWUPDATE_WERROR "Treat warnings as errors" OFF)
+option(FWUPDATE_HARDENING "Fortify, stack protector, RELRO, immediate binding" OFF)
+option(FWUPDATE_SANITIZE "Address and undefined behaviour sanitizers, no recovery" OFF)
+
+add_compile_options(-Wall -Wextra -Wshadow -Wconversion)
+if(FWUPDATE_WERROR)
+  add_compile_options(-Werror)
+endif()
+
+add_compile_options(-ffunction-sections -fdata-sections)
+add_link_options(-Wl,--gc-sections -Wl,--as-needed)
+
+if(FWUPDATE_HARDENING)
+  add_compile_options(-fstack-protector-strong)
+  # Fortify works on what the optimizer knows, and warns without it.
+  add_compile_options($<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
+  add_link_options(-pie -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
+endif()
+
+if(FWUPDATE_SANITIZE)
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all
+                      -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()

@@ -1,0 +1,84 @@
+# SPDX-License-Identifier: ISC
+# Where the libraries come from. libcurl and Mini-XML are always the real ones.
+# libubox, libubus and miniz are in no Debian release: `auto` takes the real
+# ones where they are installed and the testbed's stand-ins where they are not.
+#
+# The rest of the project links fwupdate::{ubox,blobmsg_json,ubus,miniz,curl,mxml}
+# and never asks which kind it got.
+set(FWUPDATE_LIBRARIES auto CACHE STRING "Origin of libubox, libubus, miniz: auto, system, testbed")
+set_property(CACHE FWUPDATE_LIBRARIES PROPERTY STRINGS auto system testbed)
+if(NOT FWUPDATE_LIBRARIES MATCHES "^(auto|system|testbed)$")
+  message(FATAL_ERROR "FWUPDATE_LIBRARIES is '${FWUPDATE_LIBRARIES}'; it takes auto, system or testbed")
+endif()
+
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(CURL REQUIRED IMPORTED_TARGET libcurl)
+add_library(fwupdate::curl ALIAS PkgConfig::CURL)
+find_path(MXML_INCLUDE_DIR mxml.h REQUIRED)
+find_library(MXML_LIBRARY mxml REQUIRED)
+add_library(fwupdate::mxml INTERFACE IMPORTED)
+target_include_directories(fwupdate::mxml SYSTEM INTERFACE ${MXML_INCLUDE_DIR})
+target_link_libraries(fwupdate::mxml INTERFACE ${MXML_LIBRARY})
+
+# Looks for one installed library; sets <name>_FOUND_ON_SYSTEM and, when found,
+# makes fwupdate::<name>.
+function(find_system_library name header library)
+  find_path(FWUPDATE_${name}_INCLUDE_DIR ${header})
+  find_library(FWUPDATE_${name}_LIBRARY ${library})
+  mark_as_advanced(FWUPDATE_${name}_INCLUDE_DIR FWUPDATE_${name}_LIBRARY)
+  if(FWUPDATE_${name}_INCLUDE_DIR AND FWUPDATE_${name}_LIBRARY)
+    set(${name}_FOUND_ON_SYSTEM TRUE PARENT_SCOPE)
+  else()
+    set(${name}_FOUND_ON_SYSTEM FALSE PARENT_SCOPE)
+  endif()
+endfunction()
+
+function(use_system_library name)
+  add_library(fwupdate::${name} INTERFACE IMPORTED GLOBAL)
+  target_include_directories(fwupdate::${name} SYSTEM INTERFACE ${FWUPDATE_${name}_INCLUDE_DIR})
+  target_link_libraries(fwupdate::${name} INTERFACE ${FWUPDATE_${name}_LIBRARY})
+endfunction()
+
+if(NOT FWUPDATE_LIBRARIES STREQUAL testbed)
+  find_system_library(ubox libubox/uloop.h ubox)
+  find_system_library(ubus libubus.h ubus)
+  find_system_library(blobmsg_json libubox/blobmsg_json.h blobmsg_json)
+  find_system_library(miniz "miniz.h;miniz/miniz.h" miniz)
+endif()
+
+# libubus is built on libubox's structures: the two are taken from one place or
+# not at all. The daemon itself does without blobmsg_json.
+set(bus_origin testbed)
+if(ubox_FOUND_ON_SYSTEM AND ubus_FOUND_ON_SYSTEM
+   AND (blobmsg_json_FOUND_ON_SYSTEM OR NOT BUILD_TESTING))
+  set(bus_origin system)
+endif()
+set(miniz_origin testbed)
+if(miniz_FOUND_ON_SYSTEM)
+  set(miniz_origin system)
+endif()
+if(FWUPDATE_LIBRARIES STREQUAL system AND
+   NOT (bus_origin STREQUAL system AND miniz_origin STREQUAL system))
+  message(FATAL_ERROR "FWUPDATE_LIBRARIES=system, but not all of libubox, libubus and miniz "
+                      "were found; CMAKE_PREFIX_PATH says where to look")
+endif()
+
+if(bus_origin STREQUAL system)
+  use_system_library(ubox)
+  use_system_library(ubus)
+  if(blobmsg_json_FOUND_ON_SYSTEM)
+    use_system_library(blobmsg_json)
+  endif()
+else()
+  add_subdirectory(testbed/lib/libubox)
+  add_subdirectory(testbed/lib/libubus)
+endif()
+if(miniz_origin STREQUAL system)
+  use_system_library(miniz)
+else()
+  add_subdirectory(testbed/lib/miniz)
+endif()
+
+message(STATUS "libubox, libubus: ${bus_origin}")
+message(STATUS "miniz: ${miniz_origin}")
+message(STATUS "libcurl: system ${CURL_VERSION}; Mini-XML: system")
