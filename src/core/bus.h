@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: ISC
+//
+// The daemon's connection to the bus, the one buffer in which every reply and
+// event is built, and the parsing of a request's arguments. Knows no method.
+#pragma once
+
+#include <cstddef>
+
+#include "core/system_headers.h"
+
+namespace fwupdate
+{
+
+// Set once by start-up; never null while a handler or callback runs.
+extern ubus_context *bus_connection;
+
+// Shared by all replies and events: its content is valid until the next
+// begin_reply(). Never freed, so that its memory is reused.
+extern blob_buf reply_buffer;
+
+// Empties the reply buffer for a new message.
+void begin_reply();
+
+// Appends a string field, terminator included.
+void add_text(const char *name, const char *text);
+
+// Appends a string field with the decimal text of `number`.
+void add_number(const char *name, int number);
+
+// Sends what the buffer holds as the answer to `request`, live or deferred.
+// Nobody could act on a failure: it is returned and may be ignored.
+int send_reply(ubus_request_data *request);
+
+// Finds the arguments that `policy` names in `message` (null when the caller
+// sent none). values[i] points into the message, or is null where an argument is
+// absent or of another type.
+template<std::size_t COUNT>
+void parse_arguments(const blobmsg_policy (&policy)[COUNT], blob_attr *(&values)[COUNT],
+		     blob_attr *message)
+{
+	for (blob_attr *&value : values) {
+		value = nullptr;
+	}
+	if (message != nullptr) {
+		blobmsg_parse(policy, static_cast<int>(COUNT), values, blob_data(message),
+			      static_cast<unsigned int>(blob_len(message)));
+	}
+}
+
+} // namespace fwupdate

@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: ISC
+//
+// The daemon's only way to the router's tools: shell commands whose first line
+// of output is a value (run_probe) or whose exit status is the answer
+// (run_command). Also the one line reader, which a stale EINTR cannot trap.
+// Every call blocks until the command has ended.
+#pragma once
+
+#include <cstddef>
+#include <cstdio>
+
+namespace fwupdate
+{
+
+// Runs `command` and stores the first line of its output, line feed included,
+// in `field`: at most size - 1 bytes, the rest of the field zero. The exit status
+// does not matter. When the command cannot be started or prints nothing, the
+// field is empty and `failure` is logged.
+void run_probe(const char *command, char *field, std::size_t size, const char *failure);
+
+// What a command of which only the exit status counts came to.
+enum class CommandResult {
+	SUCCEEDED, // exit status 0; also a command that a signal ended
+	FAILED,	   // another exit status
+	NOT_RUN,   // it could not be started at all
+};
+
+CommandResult run_command(const char *command);
+
+// Reads one line of at most size - 1 bytes, terminated, into `line`; an
+// interrupted read is repeated. False at the end of the file or on an error.
+bool read_line(std::FILE *stream, char *line, std::size_t size);
+
+// Closes a stream that fopen or fdopen gave, at the end of its scope.
+struct StreamGuard {
+	std::FILE *stream;
+
+	explicit StreamGuard(std::FILE *opened) : stream(opened)
+	{
+	}
+	StreamGuard(const StreamGuard &) = delete;
+	StreamGuard &operator=(const StreamGuard &) = delete;
+	~StreamGuard()
+	{
+		if (stream != nullptr) {
+			std::fclose(stream);
+		}
+	}
+};
+
+} // namespace fwupdate
