@@ -1,0 +1,140 @@
+// SPDX-License-Identifier: ISC
+#include "discovery/manifest.h"
+
+#include <cstring>
+
+#include "core/log.h"
+#include "core/records.h"
+#include "core/text.h"
+#include "discovery/device_facts.h"
+
+namespace fwupdate
+{
+
+namespace
+{
+
+constexpr std::size_t REQUEST_URL_SIZE = 2048;
+
+// How many bytes of each value are kept. Less than the field for three of them;
+// the whole field, without a terminator, for the others.
+constexpr std::size_t BUILDTIME_LIMIT = 9;
+constexpr std::size_t FLAG_LIMIT = 2;
+
+enum { MANDATORY = 0, OPTIONAL = 1 };
+
+void release_document()
+{
+	mxmlDelete(manifest_buffer.document);
+	manifest_buffer.document = nullptr;
+}
+
+// The values go into the query as they are, without percent-encoding.
+void format_request_url(char (&url)[REQUEST_URL_SIZE])
+{
+	const DeviceFacts &facts = device_facts;
+	const char *base = facts.cpe_update_xml_url[0] != '\0' ? facts.cpe_update_xml_url
+							       : FWUPDATE_MANIFEST_URL;
+	const char *model = read_cpe_model();
+	format_text(url, sizeof(url),
+		    "%s?fw=%s&version=%s&mac=%s&ip=%s&model=%s&sn=%s&customid=%s&os=%s", base,
+		    facts.cpe_builddate, facts.cpe_version, facts.cpe_wan_mac, facts.cpe_wan_ip,
+		    model, facts.cpe_sn, device_customid(), "VOLKRAN");
+}
+
+bool is_one(const char *flag)
+{
+	return std::strcmp(flag, "1") == 0;
+}
+
+int read_values(mxml_node_t *document)
+{
+	UpdateManifest &manifest = update_manifest;
+	if (manifest_get_value(document, "buildtime", manifest.buildtime, BUILDTIME_LIMIT,
+			       MANDATORY) != 0) {
+		return -1;
+	}
+	if (manifest_get_value(document, "url", manifest.url, sizeof(manifest.url), MANDATORY) !=
+	    0) {
+		return -1;
+	}
+	manifest_get_value(document, "version", manifest.version, sizeof(manifest.version),
+			   OPTIONAL);
+	manifest_get_value(document, "release_notes", manifest.release_notes,
+			   sizeof(manifest.release_notes), OPTIONAL);
+	manifest_get_value(document, "force_update", manifest.force_update, FLAG_LIMIT, OPTIONAL);
+	manifest_get_value(document, "archive", manifest.archive, FLAG_LIMIT, OPTIONAL);
+	manifest_get_value(document, "file_name", manifest.file_name, sizeof(manifest.file_name),
+			   OPTIONAL);
+	if (is_one(manifest.archive) && manifest.file_name[0] == '\0') {
+		return -1;
+	}
+	return 0;
+}
+
+// A forced manifest offers older builds as well, but never the installed one.
+int decide()
+{
+	const auto device = static_cast<std::uint32_t>(parse_decimal(device_facts.cpe_builddate));
+	const auto server = static_cast<std::uint32_t>(parse_decimal(update_manifest.buildtime));
+	if (device < server) {
+		return 1;
+	}
+	return device != server && is_one(update_manifest.force_update) ? 1 : 0;
+}
+
+} // namespace
+
+ManifestBuffer manifest_buffer;
+
+int query_update_server()
+{
+	char url[REQUEST_URL_SIZE] = {};
+
+	// A query that failed leaves its document behind.
+	release_document();
+	update_context.state = UpdateState::NETWORK_GET;
+	gather_device_facts();
+	format_request_url(url);
+	if (fetch_manifest(url) != 0) {
+		return -1;
+	}
+	if (read_values(manifest_buffer.document) != 0) {
+		return -1;
+	}
+	release_document();
+	const int result = decide();
+	update_context.state = UpdateState::XML_DONE;
+	return result;
+}
+
+int manifest_get_value(mxml_node_t *document, const char *name, char *field, std::size_t limit,
+		       int optional)
+{
+	update_context.state = UpdateState::XML_PARSE;
+	mxml_node_t *element =
+		mxmlFindElement(document, document, name, nullptr, nullptr, MXML_DESCEND);
+	if (element == nullptr) {
+		if (optional == MANDATORY) {
+			log_message(
+				"Error parsing XML recived from update server, can't find '%s' section\n",
+				name);
+		}
+		return -1;
+	}
+	const char *text = mxmlGetOpaque(element);
+	if (text == nullptr) {
+		mxmlDelete(element);
+		if (optional == MANDATORY) {
+			log_message(
+				"Error parsing XML recived from update server, can't get '%s' value\n",
+				name);
+		}
+		return -1;
+	}
+	copy_limited(field, text, limit);
+	mxmlDelete(element);
+	return 0;
+}
+
+} // namespace fwupdate
