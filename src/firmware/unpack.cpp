@@ -1,0 +1,65 @@
+// SPDX-License-Identifier: ISC
+#include "firmware/unpack.h"
+
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+
+#include "core/log.h"
+#include "firmware/download.h"
+#include "firmware/zip.h"
+
+namespace fwupdate
+{
+
+namespace
+{
+
+// A member on the heap, released at the end of its scope.
+struct Member {
+	void *data = nullptr;
+	std::size_t size = 0;
+
+	Member() = default;
+	Member(const Member &) = delete;
+	Member &operator=(const Member &) = delete;
+	~Member()
+	{
+		std::free(data);
+	}
+};
+
+// Whatever goes wrong in the archive leaves an empty member.
+void extract(const char *name, Member &member)
+{
+	ZipArchive *archive = zip_open(DOWNLOADED_ARCHIVE, 0, 'r');
+	zip_entry_open(archive, name);
+	zip_entry_read(archive, &member.data, &member.size);
+	zip_entry_close(archive);
+	zip_close(archive);
+}
+
+} // namespace
+
+int unpack_firmware(const char *name, bool archive)
+{
+	if (!archive) {
+		return 0;
+	}
+	Member member;
+	extract(name, member);
+	if (std::remove(DOWNLOADED_ARCHIVE) != 0) {
+		log_message("Error on removing %s\n", DOWNLOADED_ARCHIVE);
+		return -1;
+	}
+	std::FILE *image = std::fopen(DOWNLOADED_IMAGE, "wb");
+	if (image == nullptr) {
+		log_message("Error while save unpacked firmware\n");
+		return -1;
+	}
+	std::fwrite(member.data, 1, member.size, image);
+	std::fclose(image);
+	return 0;
+}
+
+} // namespace fwupdate
