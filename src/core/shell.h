@@ -22,7 +22,7 @@ void run_probe(const char *command, char *field, std::size_t size, const char *f
 enum class CommandResult {
 	SUCCEEDED, // exit status 0; also a command that a signal ended
 	FAILED,	   // another exit status
-	NOT_RUN,   // it could not be started at all
+	NOT_RUN,   // nobody knows: the system could not run it
 };
 
 CommandResult run_command(const char *command);
