@@ -1,0 +1,97 @@
+#!/bin/sh
+# SPDX-License-Identifier: ISC
+# Builds the daemon and shows it at work on a simulated router: testbed/router
+# opens it, testbed/demo-steps.sh runs inside.
+set -u
+
+usage() {
+	cat <<'TEXT'
+Usage: ./demo.sh [--shell | --fail]
+
+Without an option: checks for firmware, downloads it, verifies it and installs it.
+  --shell   leave me on that router, with a shell
+  --fail    a damaged firmware: tried twice, refused, nothing installed
+  --help    show this
+The exit status is 0 only if every step went as it should.
+TEXT
+}
+
+fail() {
+	echo "demo.sh: $*" >&2
+	exit 1
+}
+
+mode=update
+case $#:${1-} in
+0:) ;;
+1:--shell) mode=shell ;;
+1:--fail) mode=fail ;;
+1:--help) usage && exit 0 ;;
+*) fail "unknown arguments '$*'; --help lists them." ;;
+esac
+
+cd -- "$(dirname -- "$0")" || exit 1
+build=build/release
+work=build/demo
+log=$work/build.log
+server=$work/server
+programs="fwupdate ubusd ubus jsonfilter fwtool routerd"
+
+# On a terminal ninja draws its own single line; elsewhere a log is enough.
+build_programs() {
+	cmake --preset release >"$log" 2>&1 || return
+	# shellcheck disable=SC2086 # one word per target
+	set -- cmake --build --preset release --target $programs
+	if [ -t 1 ]; then
+		"$@"
+	else
+		"$@" >"$log" 2>&1
+	fi
+}
+
+# A uImage as a router's build system makes it, 24 MiB as the flash partition. Its
+# entry point differs from the load address, so its data checksum counts.
+make_image() {
+	head -c $((24 * 1024 * 1024 - 64)) /dev/urandom >"$work/payload" &&
+		mkimage -A arm -O linux -T kernel -C none -a 0x80008000 -e 0x80008040 \
+			-n MODEL-X -d "$work/payload" "$server/firmware.bin" >/dev/null &&
+		rm "$work/payload"
+}
+
+# Zeros in the middle: random data has no such run, so the checksum is wrong.
+damage_image() {
+	dd if=/dev/zero of="$server/firmware.bin" bs=64 count=1 seek=100000 conv=notrunc \
+		2>/dev/null
+}
+
+make_manifest() {
+	cat >"$server/update.xml" <<'TEXT'
+<?xml version="1.0" encoding="utf-8"?>
+<update>
+	<buildtime>174200000</buildtime>
+	<url>http://update.example.com/firmware.bin</url>
+	<version>r1300</version>
+	<release_notes>Faster start, fewer surprises.</release_notes>
+</update>
+TEXT
+}
+
+./setup.sh || exit 1
+mkdir -p "$server" || fail "the folder $server cannot be made."
+echo "Building the daemon and the router's tools ..."
+if ! build_programs; then
+	[ -t 1 ] || tail -n 40 "$log" >&2
+	fail "the build failed; the configuration's log is $log."
+fi
+if ! make_image || ! make_manifest; then
+	fail "the firmware for the update server could not be made."
+fi
+[ "$mode" != fail ] || damage_image || fail "the firmware could not be damaged."
+
+# A rate at which there is something to see; the damaged one is loaded twice.
+case $mode in
+shell) set -- --server-rate 3670016 ;;
+update) set -- --server-rate 3670016 -- sh "$PWD/testbed/demo-steps.sh" update ;;
+fail) set -- --server-rate 8388608 -- sh "$PWD/testbed/demo-steps.sh" refusal ;;
+esac
+exec testbed/router --build "$build" --server-root "$server" "$@"
