@@ -1,0 +1,92 @@
+// SPDX-License-Identifier: ISC
+#include <stdlib.h>
+
+#include "blob.h"
+
+bool blob_attr_equal(const struct blob_attr *a1, const struct blob_attr *a2)
+{
+	if (!a1 || !a2)
+		return a1 == a2;
+	if (a1->id_len != a2->id_len)
+		return false;
+	return memcmp(a1->data, a2->data, blob_len(a1)) == 0;
+}
+
+struct blob_attr *blob_memdup(const struct blob_attr *attr)
+{
+	const size_t len = blob_pad_len(attr);
+	struct blob_attr *copy;
+
+	if (blob_raw_len(attr) < sizeof(struct blob_attr))
+		return NULL;
+	copy = malloc(len);
+	if (copy)
+		memcpy(copy, attr, len);
+	return copy;
+}
+
+bool blob_check_type(const void *ptr, unsigned int len, int type)
+{
+	const char *bytes = ptr;
+
+	switch (type) {
+	case BLOB_ATTR_INT8:
+		return len == sizeof(uint8_t);
+	case BLOB_ATTR_INT16:
+		return len == sizeof(uint16_t);
+	case BLOB_ATTR_INT32:
+		return len == sizeof(uint32_t);
+	case BLOB_ATTR_INT64:
+		return len == sizeof(uint64_t);
+	case BLOB_ATTR_DOUBLE:
+		return len >= sizeof(double);
+	case BLOB_ATTR_STRING:
+		return len > 0 && bytes[len - 1] == '\0';
+	case BLOB_ATTR_UNSPEC:
+	case BLOB_ATTR_NESTED:
+	case BLOB_ATTR_BINARY:
+		return true;
+	default:
+		return false;
+	}
+}
+
+static bool allowed(struct blob_attr *attr, const struct blob_attr_info *info)
+{
+	const size_t len = blob_raw_len(attr);
+
+	if (info->type < BLOB_ATTR_LAST &&
+	    !blob_check_type(attr->data, (unsigned int)blob_len(attr), (int)info->type))
+		return false;
+	if (len < info->minlen || (info->maxlen && len > info->maxlen))
+		return false;
+	return !info->validate || info->validate(info, attr);
+}
+
+int blob_parse_untrusted(struct blob_attr *attr, size_t attr_len, struct blob_attr **data,
+			 const struct blob_attr_info *info, int max)
+{
+	struct blob_attr *pos;
+	int found = 0;
+	size_t rem;
+
+	memset(data, 0, sizeof(*data) * (size_t)max);
+	if (attr_len < sizeof(struct blob_attr) || blob_raw_len(attr) > attr_len)
+		return 0;
+	blob_for_each_attr(pos, attr, rem)
+	{
+		const int id = (int)blob_id(pos);
+
+		if (id >= max || (info && !allowed(pos, &info[id])))
+			continue;
+		found += data[id] == NULL;
+		data[id] = pos;
+	}
+	return found;
+}
+
+int blob_parse(struct blob_attr *attr, struct blob_attr **data, const struct blob_attr_info *info,
+	       int max)
+{
+	return blob_parse_untrusted(attr, attr ? blob_raw_len(attr) : 0, data, info, max);
+}
