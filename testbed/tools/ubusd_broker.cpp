@@ -1,0 +1,223 @@
+// SPDX-License-Identifier: ISC
+#include "ubusd_broker.h"
+
+namespace ubusd
+{
+
+namespace
+{
+
+// Whether the bytes are whole attributes with names, all of one type.
+bool is_list_of(std::string_view list, int type)
+{
+	while (!list.empty()) {
+		const auto *attr = reinterpret_cast<const blob_attr *>(list.data());
+
+		if (list.size() < sizeof(blob_attr) || blob_raw_len(attr) < sizeof(blob_attr) ||
+		    blob_pad_len(attr) > list.size() ||
+		    !blobmsg_check_attr_len(attr, true, list.size()))
+			return false;
+		if (blobmsg_type(attr) != type)
+			return false;
+		list.remove_prefix(blob_pad_len(attr));
+	}
+	return true;
+}
+
+// Signatures are kept and shown to everybody: a table per method, and in it a number
+// per argument.
+bool is_signature(std::string_view signature)
+{
+	if (!is_list_of(signature, BLOBMSG_TYPE_TABLE))
+		return false;
+	while (!signature.empty()) {
+		const auto *method = reinterpret_cast<const blob_attr *>(signature.data());
+
+		if (!is_list_of({static_cast<const char *>(blobmsg_data(method)),
+				 blobmsg_data_len(method)},
+				BLOBMSG_TYPE_INT32))
+			return false;
+		signature.remove_prefix(blob_pad_len(method));
+	}
+	return true;
+}
+
+} // namespace
+
+void Broker::welcome(int socket)
+{
+	const uint32_t id =
+		new_id(1, [this](uint32_t candidate) { return clients_.contains(candidate); });
+	auto &client = clients_[id] = std::make_unique<Client>(*this, socket, id);
+
+	client->send(MessageWriter().finish(UBUS_MSG_HELLO, 0, id));
+	drop_lost_clients();
+}
+
+void Broker::client_lost(Client &client)
+{
+	lost_.push_back(client.id());
+}
+
+// Telling the others about its objects may lose more of them.
+void Broker::drop_lost_clients()
+{
+	while (!lost_.empty()) {
+		const auto found = clients_.find(lost_.back());
+
+		lost_.pop_back();
+		for (const Object *object : objects_.owned_by(*found->second))
+			remove_object(*object);
+		clients_.erase(found);
+	}
+}
+
+void Broker::remove_object(const Object &object)
+{
+	if (!object.path.empty())
+		announce("ubus.object.remove", object);
+	objects_.remove(object);
+}
+
+void Broker::handle(Client &client, const Message &message)
+{
+	if (message.type() == UBUS_MSG_STATUS || message.type() == UBUS_MSG_DATA)
+		return relay_answer(client, message);
+	const Outcome outcome = answer(client, message);
+	if (outcome) {
+		client.send(MessageWriter()
+				    .number(UBUS_ATTR_STATUS, *outcome)
+				    .finish(UBUS_MSG_STATUS, message.seq(), message.peer()));
+	}
+}
+
+Broker::Outcome Broker::answer(Client &client, const Message &message)
+{
+	if (message.type() != UBUS_MSG_PING && !client.privileged())
+		return UBUS_STATUS_PERMISSION_DENIED;
+	switch (message.type()) {
+	case UBUS_MSG_PING:
+		return UBUS_STATUS_OK;
+	case UBUS_MSG_LOOKUP:
+		return answer_lookup(client, message);
+	case UBUS_MSG_INVOKE:
+		return relay_call(client, message);
+	case UBUS_MSG_ADD_OBJECT:
+		return answer_add(client, message);
+	case UBUS_MSG_REMOVE_OBJECT:
+		return answer_remove(client, message);
+	case UBUS_MSG_SUBSCRIBE:
+	case UBUS_MSG_UNSUBSCRIBE:
+	case UBUS_MSG_NOTIFY:
+	case UBUS_MSG_MONITOR:
+		return UBUS_STATUS_NOT_SUPPORTED;
+	default:
+		return UBUS_STATUS_INVALID_COMMAND;
+	}
+}
+
+ubus_msg_status Broker::answer_lookup(Client &client, const Message &message)
+{
+	const auto path = message.text(UBUS_ATTR_OBJPATH);
+	const auto found = objects_.matching(path.value_or("*"));
+
+	for (const Object *object : found) {
+		MessageWriter data;
+		data.text(UBUS_ATTR_OBJPATH, object->path).number(UBUS_ATTR_OBJID, object->id);
+		if (object->type) {
+			data.number(UBUS_ATTR_OBJTYPE, object->type->id)
+				.bytes(UBUS_ATTR_SIGNATURE, object->type->signature);
+		}
+		client.send(data.finish(UBUS_MSG_DATA, message.seq(), message.peer()));
+	}
+	return path && found.empty() ? UBUS_STATUS_NOT_FOUND : UBUS_STATUS_OK;
+}
+
+ubus_msg_status Broker::answer_add(Client &client, const Message &message)
+{
+	const auto path = message.text(UBUS_ATTR_OBJPATH);
+	const blob_attr *signature = message.attribute(UBUS_ATTR_SIGNATURE);
+	const auto known_type = message.number(UBUS_ATTR_OBJTYPE);
+	std::shared_ptr<ObjectType> type;
+
+	if ((path && path->empty()) || (signature && !is_signature(payload(signature))))
+		return UBUS_STATUS_INVALID_ARGUMENT;
+	if (known_type) {
+		type = objects_.find_type(*known_type);
+	} else if (signature) {
+		type = objects_.new_type(payload(signature));
+	}
+	const Object *object = objects_.add(client, path.value_or(""), type);
+	if (!object)
+		return UBUS_STATUS_INVALID_ARGUMENT;
+	if (path)
+		announce("ubus.object.add", *object);
+	MessageWriter data;
+	data.number(UBUS_ATTR_OBJID, object->id);
+	if (type && !known_type)
+		data.number(UBUS_ATTR_OBJTYPE, type->id);
+	client.send(data.finish(UBUS_MSG_DATA, message.seq(), message.peer()));
+	return UBUS_STATUS_OK;
+}
+
+ubus_msg_status Broker::answer_remove(Client &client, const Message &message)
+{
+	const auto id = message.number(UBUS_ATTR_OBJID);
+
+	if (!id)
+		return UBUS_STATUS_INVALID_ARGUMENT;
+	const Object *object = objects_.find(*id);
+	if (!object)
+		return UBUS_STATUS_NOT_FOUND;
+	if (object->owner != &client)
+		return UBUS_STATUS_PERMISSION_DENIED;
+	MessageWriter data;
+	data.number(UBUS_ATTR_OBJID, *id);
+	if (object->type)
+		data.number(UBUS_ATTR_OBJTYPE, object->type->id);
+	remove_object(*object);
+	client.send(data.finish(UBUS_MSG_DATA, message.seq(), message.peer()));
+	return UBUS_STATUS_OK;
+}
+
+Broker::Outcome Broker::relay_call(Client &client, const Message &message)
+{
+	const auto id = message.number(UBUS_ATTR_OBJID);
+	const auto method = message.text(UBUS_ATTR_METHOD);
+	const blob_attr *data = message.attribute(UBUS_ATTR_DATA);
+
+	if (!id || !method || !data)
+		return UBUS_STATUS_INVALID_ARGUMENT;
+	if (*id == UBUS_SYSTEM_OBJECT_EVENT)
+		return answer_event_call(client, message);
+	const Object *object = objects_.find(*id);
+	if (!object)
+		return UBUS_STATUS_NOT_FOUND;
+	MessageWriter call;
+	call.number(UBUS_ATTR_OBJID, *id)
+		.text(UBUS_ATTR_METHOD, std::string(*method))
+		.text(UBUS_ATTR_USER, client.user())
+		.text(UBUS_ATTR_GROUP, client.group());
+	if (const blob_attr *no_reply = message.attribute(UBUS_ATTR_NO_REPLY))
+		call.bytes(UBUS_ATTR_NO_REPLY, payload(no_reply));
+	call.bytes(UBUS_ATTR_DATA, payload(data));
+	std::string wire = call.finish(UBUS_MSG_INVOKE, message.seq(), client.id());
+	// The caller's names can make a full message too long.
+	if (wire.empty())
+		return UBUS_STATUS_INVALID_ARGUMENT;
+	object->owner->send(std::move(wire));
+	return std::nullopt;
+}
+
+// Only an object's owner can speak for it. The caller may be gone by now.
+void Broker::relay_answer(const Client &client, const Message &message)
+{
+	const auto id = message.number(UBUS_ATTR_OBJID);
+	const Object *object = id ? objects_.find(*id) : nullptr;
+	const auto caller = clients_.find(message.peer());
+
+	if (object && object->owner == &client && caller != clients_.end())
+		caller->second->send(message.forwarded(*id));
+}
+
+} // namespace ubusd
