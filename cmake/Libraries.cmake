@@ -22,9 +22,9 @@ target_link_libraries(fwupdate::mxml INTERFACE ${MXML_LIBRARY})
 
 # Looks for one installed library; sets <name>_FOUND_ON_SYSTEM and, when found,
 # makes fwupdate::<name>.
-function(find_system_library name header library)
-  find_path(FWUPDATE_${name}_INCLUDE_DIR ${header})
-  find_library(FWUPDATE_${name}_LIBRARY ${library})
+function(find_system_library name headers library)
+  find_path(FWUPDATE_${name}_INCLUDE_DIR NAMES ${headers})
+  find_library(FWUPDATE_${name}_LIBRARY NAMES ${library})
   mark_as_advanced(FWUPDATE_${name}_INCLUDE_DIR FWUPDATE_${name}_LIBRARY)
   if(FWUPDATE_${name}_INCLUDE_DIR AND FWUPDATE_${name}_LIBRARY)
     set(${name}_FOUND_ON_SYSTEM TRUE PARENT_SCOPE)

@@ -37,17 +37,26 @@ CommandResult run_command(const char *command)
 
 bool read_line(std::FILE *stream, char *line, std::size_t size)
 {
-	for (;;) {
+	std::size_t length = 0;
+	while (length + 1 < size) {
+		// The end of the file leaves errno alone; what an earlier call put there must
+		// not be taken for an interruption.
 		errno = 0;
-		if (std::fgets(line, static_cast<int>(size), stream) != nullptr) {
-			return true;
+		const int character = std::getc(stream);
+		if (character == EOF && errno == EINTR) {
+			std::clearerr(stream);
+			continue;
 		}
-		// fgets leaves errno alone at the end of the file, hence the reset above.
-		if (errno != EINTR) {
-			return false;
+		if (character == EOF) {
+			break;
 		}
-		std::clearerr(stream);
+		line[length++] = static_cast<char>(character);
+		if (character == '\n') {
+			break;
+		}
 	}
+	line[length] = '\0';
+	return length > 0;
 }
 
 } // namespace fwupdate

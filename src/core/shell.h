@@ -27,8 +27,9 @@ enum class CommandResult {
 
 CommandResult run_command(const char *command);
 
-// Reads one line of at most size - 1 bytes, terminated, into `line`; an
-// interrupted read is repeated. False at the end of the file or on an error.
+// Reads one line of at most size - 1 bytes, terminated, into `line`. A read that a
+// signal interrupts goes on where it was, and loses nothing of the line. False,
+// and an empty line, at the end of the file or on an error.
 bool read_line(std::FILE *stream, char *line, std::size_t size);
 
 // Closes a stream that fopen or fdopen gave, at the end of its scope.

@@ -22,10 +22,9 @@ constexpr std::int32_t LONGEST_CONNECT = 10; // seconds
 constexpr std::int32_t EMPTY_FILE = 18;	     // status of a transfer that stored nothing
 constexpr int SETUP_FAILED = -1;	     // exit status 255
 
-bool send_record(const ProgressTracker &tracker)
+bool send_record(int descriptor, ProgressRecord record)
 {
-	return write(tracker.descriptor, &tracker.record, sizeof(tracker.record)) ==
-	       static_cast<ssize_t>(sizeof(tracker.record));
+	return write(descriptor, &record, sizeof(record)) == static_cast<ssize_t>(sizeof(record));
 }
 
 // The daemon's bus connection and event loop are not the worker's to keep: the bus
@@ -138,7 +137,7 @@ void run_worker(const char *url, const char *target, std::int32_t timeout, int p
 	// Whole or not, the last record says that all bytes there were have been seen.
 	tracker.record.received = tracker.record.total;
 	tracker.record.status = status;
-	send_record(tracker);
+	send_record(progress_pipe, tracker.record);
 	close(progress_pipe);
 	std::exit(0);
 }
@@ -157,7 +156,7 @@ int report_progress(void *tracker, curl_off_t total, curl_off_t now, curl_off_t 
 	state.record.total = static_cast<std::uint32_t>(total);
 	state.record.received = static_cast<std::uint32_t>(now);
 	state.record.status = 0;
-	if (!send_record(state)) {
+	if (!send_record(state.descriptor, state.record)) {
 		log_message("Error, can't write to pipe fd!\n");
 		return -1;
 	}

@@ -28,6 +28,7 @@ public:
 	explicit Listener(ubusd::Broker &broker) : broker_(broker)
 	{
 		watch_.listener = this;
+		watch_.fd.fd = -1;
 		watch_.fd.cb = on_ready;
 	}
 	~Listener();
@@ -35,7 +36,7 @@ public:
 	Listener &operator=(const Listener &) = delete;
 
 	// False with errno. Makes the folder, and takes the place of a socket that an
-	// earlier broker has left; of nothing else.
+	// earlier broker has left; of nothing else. Once the file is there, it answers.
 	[[nodiscard]] bool open(const std::string &path);
 
 private:
@@ -45,7 +46,7 @@ private:
 	};
 
 	static void on_ready(uloop_fd *fd, unsigned int events);
-	[[nodiscard]] bool bind_file();
+	[[nodiscard]] bool bind_to(const std::string &path);
 	void turn_away();
 
 	ubusd::Broker &broker_;
@@ -58,36 +59,43 @@ private:
 
 bool Listener::open(const std::string &path)
 {
+	const std::string unfinished = path + "~";
 	struct stat old {
 	};
 	std::error_code ignored; // bind says it better
 
-	path_ = path;
 	std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
-	if (lstat(path.c_str(), &old) == 0 && S_ISSOCK(old.st_mode))
-		unlink(path.c_str());
+	if (lstat(path.c_str(), &old) == 0 && !S_ISSOCK(old.st_mode)) {
+		errno = EADDRINUSE;
+		return false;
+	}
 	spare_ = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
 	watch_.fd.fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-	return watch_.fd.fd >= 0 && bind_file() && listen(watch_.fd.fd, SOMAXCONN) == 0 &&
+	unlink(unfinished.c_str());
+	if (watch_.fd.fd < 0 || !bind_to(unfinished))
+		return false;
+	path_ = path;
+	return listen(watch_.fd.fd, SOMAXCONN) == 0 &&
+	       rename(unfinished.c_str(), path.c_str()) == 0 && lstat(path.c_str(), &file_) == 0 &&
 	       uloop_fd_add(&watch_.fd, ULOOP_READ) == 0;
 }
 
-bool Listener::bind_file()
+bool Listener::bind_to(const std::string &path)
 {
 	sockaddr_un address{};
 
-	if (path_.size() >= sizeof(address.sun_path)) {
+	if (path.size() >= sizeof(address.sun_path)) {
 		errno = ENAMETOOLONG;
 		return false;
 	}
 	address.sun_family = AF_UNIX;
-	std::memcpy(address.sun_path, path_.data(), path_.size());
+	std::memcpy(address.sun_path, path.data(), path.size());
 	// Everybody may connect; who may do what is decided by user.
 	const mode_t old_mask = umask(0111);
 	const int failed =
 		bind(watch_.fd.fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address));
 	umask(old_mask);
-	return failed == 0 && lstat(path_.c_str(), &file_) == 0;
+	return failed == 0;
 }
 
 Listener::~Listener()

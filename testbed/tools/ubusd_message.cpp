@@ -95,32 +95,34 @@ std::string Message::forwarded(uint32_t peer) const
 
 void MessageReader::append(std::span<const std::byte> bytes)
 {
+	bytes_.erase(bytes_.begin(), bytes_.begin() + static_cast<ptrdiff_t>(taken_));
+	taken_ = 0;
 	bytes_.insert(bytes_.end(), bytes.begin(), bytes.end());
 }
 
 std::optional<Message> MessageReader::next()
 {
-	if (malformed_ || bytes_.size() < head_len)
+	const std::span<const std::byte> rest = std::span(bytes_).subspan(taken_);
+
+	if (malformed_ || rest.size() < head_len)
 		return std::nullopt;
 	blob_attr outer{};
-	std::memcpy(&outer, bytes_.data() + sizeof(ubus_msghdr), sizeof(outer));
+	std::memcpy(&outer, rest.data() + sizeof(ubus_msghdr), sizeof(outer));
 	const size_t body_len = blob_raw_len(&outer);
 	if (body_len < sizeof(blob_attr) || body_len > max_attr_len) {
 		malformed_ = true;
 		return std::nullopt;
 	}
-	const size_t length = sizeof(ubus_msghdr) + body_len;
-	if (bytes_.size() < length)
+	if (rest.size() < sizeof(ubus_msghdr) + body_len)
 		return std::nullopt;
 	Message message;
-	std::memcpy(&message.head_, bytes_.data(), sizeof(message.head_));
+	std::memcpy(&message.head_, rest.data(), sizeof(message.head_));
 	message.body_.resize((body_len + sizeof(uint32_t) - 1) / sizeof(uint32_t));
-	std::memcpy(message.body_.data(), bytes_.data() + sizeof(ubus_msghdr), body_len);
-	bytes_.erase(bytes_.begin(), bytes_.begin() + static_cast<ptrdiff_t>(length));
-	if (!message.parse()) {
-		malformed_ = true;
+	std::memcpy(message.body_.data(), rest.data() + sizeof(ubus_msghdr), body_len);
+	taken_ += sizeof(ubus_msghdr) + body_len;
+	malformed_ = !message.parse();
+	if (malformed_)
 		return std::nullopt;
-	}
 	return message;
 }
 

@@ -75,6 +75,7 @@ public:
 
 private:
 	std::vector<std::byte> bytes_;
+	size_t taken_ = 0; // bytes in front that next() has returned
 	bool malformed_ = false;
 };
 

@@ -161,6 +161,7 @@ struct blob_attr *blob_put_raw(struct blob_buf *buf, const void *ptr, unsigned i
 void *blob_nest_enter(struct blob_buf *buf, struct blob_attr *attr, size_t outer_offset)
 {
 	buf->head = attr;
+	// NOLINTNEXTLINE(performance-no-int-to-ptr): the interface hands out pointers
 	return (void *)(outer_offset + NEST_COOKIE_BASE);
 }
 

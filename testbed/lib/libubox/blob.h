@@ -31,9 +31,11 @@ enum {
 #define BLOB_ATTR_LEN_MASK 0x00ffffffu
 #define BLOB_ATTR_ALIGN 4u
 
+// Not `data[]`: gcc 12 takes that for two types, one of C and one of C++, and link-time
+// optimization then assumes that a blob_attr pointer of one never aliases the other's.
 struct blob_attr {
 	uint32_t id_len; // big-endian: extended bit, id, length including this word
-	char data[];
+	char data[0];
 } __packed;
 
 // What blob_parse expects of one id. Zeroes expect nothing.
@@ -233,13 +235,13 @@ static inline struct blob_attr *blob_put_u64(struct blob_buf *buf, int id, uint6
 
 // Walks `rem` bytes of attributes from `attr` on, and stops at the first that does
 // not fit into what is left.
-#define __blob_for_each_attr(pos, attr, rem)                                               \
-	for (pos = (struct blob_attr *)(void *)(attr); blob_attr_fits(pos, (size_t)(rem)); \
-	     rem = (__typeof__(rem))((size_t)(rem)-blob_pad_len(pos)), pos = blob_next(pos))
+#define __blob_for_each_attr(pos, attr, rem)                                                 \
+	for ((pos) = (struct blob_attr *)(void *)(attr); blob_attr_fits(pos, (size_t)(rem)); \
+	     (rem) = (__typeof__(rem))((size_t)(rem)-blob_pad_len(pos)), (pos) = blob_next(pos))
 
 // Walks the attributes inside `attr`, which may be NULL.
-#define blob_for_each_attr(pos, attr, rem)                               \
-	for (rem = (__typeof__(rem))((attr) ? blob_len(attr) : 0),       \
-	    pos = (struct blob_attr *)((attr) ? blob_data(attr) : NULL); \
-	     blob_attr_fits(pos, (size_t)(rem));                         \
-	     rem = (__typeof__(rem))((size_t)(rem)-blob_pad_len(pos)), pos = blob_next(pos))
+#define blob_for_each_attr(pos, attr, rem)                                 \
+	for ((rem) = (__typeof__(rem))((attr) ? blob_len(attr) : 0),       \
+	    (pos) = (struct blob_attr *)((attr) ? blob_data(attr) : NULL); \
+	     blob_attr_fits(pos, (size_t)(rem));                           \
+	     (rem) = (__typeof__(rem))((size_t)(rem)-blob_pad_len(pos)), (pos) = blob_next(pos))

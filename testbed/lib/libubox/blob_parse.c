@@ -70,7 +70,8 @@ int blob_parse_untrusted(struct blob_attr *attr, size_t attr_len, struct blob_at
 	int found = 0;
 	size_t rem;
 
-	memset(data, 0, sizeof(*data) * (size_t)max);
+	for (int i = 0; i < max; i++)
+		data[i] = NULL;
 	if (attr_len < sizeof(struct blob_attr) || blob_raw_len(attr) > attr_len)
 		return 0;
 	blob_for_each_attr(pos, attr, rem)

@@ -74,6 +74,12 @@ static bool name_matches(const struct blobmsg_policy *policy, const struct blob_
 	return len == strlen(policy->name) && memcmp(hdr->name, policy->name, len) == 0;
 }
 
+static void clear_table(struct blob_attr **tb, int len)
+{
+	for (int i = 0; i < len; i++)
+		tb[i] = NULL;
+}
+
 // Where the walk over attributes stopped: zeroes and an attribute that the end of the
 // data cuts off are the end, a length that does not cover its own head is damage.
 static int parse_result(const struct blob_attr *attr, size_t rem)
@@ -89,7 +95,7 @@ int blobmsg_parse(const struct blobmsg_policy *policy, int policy_len, struct bl
 	struct blob_attr *attr;
 	size_t rem = len;
 
-	memset(tb, 0, sizeof(*tb) * (size_t)policy_len);
+	clear_table(tb, policy_len);
 	if (!data || !len)
 		return -EINVAL;
 	__blob_for_each_attr(attr, data, rem)
@@ -112,7 +118,7 @@ int blobmsg_parse_array(const struct blobmsg_policy *policy, int policy_len, str
 	size_t rem = len;
 	int i = 0;
 
-	memset(tb, 0, sizeof(*tb) * (size_t)policy_len);
+	clear_table(tb, policy_len);
 	if (!data)
 		return 0;
 	__blob_for_each_attr(attr, data, rem)

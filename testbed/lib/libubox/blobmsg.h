@@ -23,7 +23,7 @@ enum blobmsg_type {
 
 struct blobmsg_hdr {
 	uint16_t namelen; // big-endian, without the terminating zero
-	uint8_t name[];
+	uint8_t name[0];
 } __packed;
 
 // One wanted field. BLOBMSG_TYPE_UNSPEC takes any type; an entry without a name is
@@ -242,8 +242,8 @@ static inline char *blobmsg_get_string(struct blob_attr *attr)
 }
 
 // Walks the elements of an array or a table, which may be NULL.
-#define blobmsg_for_each_attr(pos, attr, rem)               \
-	for (rem = (__typeof__(rem))blobmsg_data_len(attr), \
-	    pos = (struct blob_attr *)blobmsg_data(attr);   \
-	     blob_attr_fits(pos, (size_t)(rem));            \
-	     rem = (__typeof__(rem))((size_t)(rem)-blob_pad_len(pos)), pos = blob_next(pos))
+#define blobmsg_for_each_attr(pos, attr, rem)                 \
+	for ((rem) = (__typeof__(rem))blobmsg_data_len(attr), \
+	    (pos) = (struct blob_attr *)blobmsg_data(attr);   \
+	     blob_attr_fits(pos, (size_t)(rem));              \
+	     (rem) = (__typeof__(rem))((size_t)(rem)-blob_pad_len(pos)), (pos) = blob_next(pos))

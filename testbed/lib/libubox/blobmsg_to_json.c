@@ -55,12 +55,13 @@ static void write_string(struct writer *w, const char *text)
 	for (; *text; text++) {
 		const char *escape = short_escape(*text);
 
-		if (escape)
+		if (escape) {
 			fputs(escape, w->out);
-		else if ((unsigned char)*text < ' ')
+		} else if ((unsigned char)*text < ' ') {
 			fprintf(w->out, "\\u%04x", (unsigned int)*text);
-		else
+		} else {
 			fputc(*text, w->out);
+		}
 	}
 	fputc('"', w->out);
 }

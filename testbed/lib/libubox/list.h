@@ -28,6 +28,7 @@ struct list_head {
 	}
 #define LIST_HEAD(name) struct list_head name = LIST_HEAD_INIT(name)
 
+// NOLINTNEXTLINE(readability-identifier-naming): its name everywhere
 static inline void INIT_LIST_HEAD(struct list_head *list)
 {
 	list->next = list;
@@ -75,13 +76,13 @@ static inline void list_del_init(struct list_head *entry)
 #define list_first_entry(head, type, field) list_entry((head)->next, type, field)
 #define list_last_entry(head, type, field) list_entry((head)->prev, type, field)
 
-#define list_for_each_entry(pos, head, field)                                              \
-	for (pos = list_first_entry(head, __typeof__(*pos), field); &pos->field != (head); \
-	     pos = list_entry(pos->field.next, __typeof__(*pos), field))
+#define list_for_each_entry(pos, head, field)                                                    \
+	for ((pos) = list_first_entry(head, __typeof__(*(pos)), field); &(pos)->field != (head); \
+	     (pos) = list_entry((pos)->field.next, __typeof__(*(pos)), field))
 
 // The body may delete `pos`, and nothing else.
-#define list_for_each_entry_safe(pos, following, head, field)                 \
-	for (pos = list_first_entry(head, __typeof__(*pos), field),           \
-	    following = list_entry(pos->field.next, __typeof__(*pos), field); \
-	     &pos->field != (head); pos = following,                          \
-	    following = list_entry(following->field.next, __typeof__(*following), field))
+#define list_for_each_entry_safe(pos, following, head, field)                       \
+	for ((pos) = list_first_entry(head, __typeof__(*(pos)), field),             \
+	    (following) = list_entry((pos)->field.next, __typeof__(*(pos)), field); \
+	     &(pos)->field != (head); (pos) = (following),                          \
+	    (following) = list_entry((following)->field.next, __typeof__(*(following)), field))

@@ -50,7 +50,7 @@ int ubus_send_event(struct ubus_context *ctx, const char *id, struct blob_attr *
 
 	blob_buf_init(&arguments, 0);
 	blobmsg_add_string(&arguments, "id", id);
-	blobmsg_add_field(&arguments, BLOBMSG_TYPE_TABLE, "data", data ? blob_data(data) : NULL,
-			  data ? (unsigned int)blob_len(data) : 0);
+	blobmsg_add_field(&arguments, BLOBMSG_TYPE_TABLE, "data", blob_data(data),
+			  (unsigned int)blob_len(data));
 	return invoke_broker(ctx, "send", &arguments);
 }

@@ -178,7 +178,7 @@ static inline void ubus_handle_event(struct ubus_context *ctx)
 int ubus_add_object(struct ubus_context *ctx, struct ubus_object *obj);
 int ubus_remove_object(struct ubus_context *ctx, struct ubus_object *obj);
 
-// Calls `cb` (may be NULL) for each object of that path, in path order. A trailing `*`
+// Calls `cb` for each object of that path, in path order. A trailing `*`
 // stands for anything, NULL for every object. UBUS_STATUS_NOT_FOUND: there is none.
 int ubus_lookup(struct ubus_context *ctx, const char *path, ubus_lookup_handler_t cb, void *priv);
 int ubus_lookup_id(struct ubus_context *ctx, const char *path, uint32_t *id);
@@ -219,7 +219,8 @@ void ubus_complete_request_async(struct ubus_context *ctx, struct ubus_request *
 // ended.
 void ubus_abort_request(struct ubus_context *ctx, struct ubus_request *req);
 
-// Sends one part of the answer to a call that came in.
+// Sends one part of the answer to a call that came in; `msg` is a finished blob_buf's
+// head.
 int ubus_send_reply(struct ubus_context *ctx, struct ubus_request_data *req, struct blob_attr *msg);
 
 // Called by a handler that will answer later: `new_req` becomes the request to answer,
@@ -236,7 +237,8 @@ static inline void ubus_defer_request(struct ubus_context *ctx, struct ubus_requ
 void ubus_complete_deferred_request(struct ubus_context *ctx, struct ubus_request_data *req,
 				    int ret);
 
-// Sends an event to whoever has registered for its id. `data` as in ubus_invoke.
+// Sends an event to whoever has registered for its id. `data` is a finished
+// blob_buf's head.
 int ubus_send_event(struct ubus_context *ctx, const char *id, struct blob_attr *data);
 
 // Calls ev->cb for events whose id is `pattern`, or begins with it when it ends in `*`.

@@ -101,7 +101,7 @@ static void on_object_found(struct ubus_request *req, int type, struct blob_attr
 
 	(void)type;
 	ubus_parse_message(message, attrs);
-	if (!lookup->cb || !attrs[UBUS_ATTR_OBJID] || !attrs[UBUS_ATTR_OBJPATH])
+	if (!attrs[UBUS_ATTR_OBJID] || !attrs[UBUS_ATTR_OBJPATH])
 		return;
 	found.id = blob_get_u32(attrs[UBUS_ATTR_OBJID]);
 	found.path = blob_get_string(attrs[UBUS_ATTR_OBJPATH]);

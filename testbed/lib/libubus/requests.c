@@ -99,8 +99,10 @@ int ubus_complete_request(struct ubus_context *ctx, struct ubus_request *req, in
 
 		if (!message)
 			result = ubus_receive_message(ctx, &message);
-		if (result == UBUS_CLOSED)
+		if (result == UBUS_CLOSED) {
+			ctx->sock.eof = true;
 			return UBUS_STATUS_CONNECTION_FAILED;
+		}
 		if (result == UBUS_NOTHING_YET) {
 			if (!ubus_wait_readable(ctx, deadline))
 				return UBUS_STATUS_TIMEOUT;

@@ -94,7 +94,7 @@ static inline mz_uint mz_zip_reader_get_num_files(mz_zip_archive *zip)
 }
 
 // The name as it is stored; NULL for an index that does not exist.
-static inline const char *mz_zip_stored_name_(mz_zip_archive *zip, mz_uint file_index)
+static inline const char *mz_zip_stored_name(mz_zip_archive *zip, mz_uint file_index)
 {
 	if (!zip->m_state || file_index >= zip->m_total_files)
 		return NULL;
@@ -110,7 +110,7 @@ static inline int mz_zip_reader_locate_file(mz_zip_archive *zip, const char *nam
 	if (!name || comment || flags)
 		return -1;
 	for (mz_uint i = 0; i < zip->m_total_files && i < INT_MAX; i++) {
-		const char *stored = mz_zip_stored_name_(zip, i);
+		const char *stored = mz_zip_stored_name(zip, i);
 
 		if (stored && strcasecmp(stored, name) == 0)
 			return (int)i;
@@ -121,7 +121,7 @@ static inline int mz_zip_reader_locate_file(mz_zip_archive *zip, const char *nam
 // Whether the member's name ends in a slash; false for an index that does not exist.
 static inline mz_bool mz_zip_reader_is_file_a_directory(mz_zip_archive *zip, mz_uint file_index)
 {
-	const char *stored = mz_zip_stored_name_(zip, file_index);
+	const char *stored = mz_zip_stored_name(zip, file_index);
 	const size_t len = stored ? strlen(stored) : 0;
 
 	return len > 0 && stored[len - 1] == '/';
@@ -131,7 +131,7 @@ static inline mz_bool mz_zip_reader_is_file_a_directory(mz_zip_archive *zip, mz_
 static inline mz_bool mz_zip_reader_file_stat(mz_zip_archive *zip, mz_uint file_index,
 					      mz_zip_archive_file_stat *stat)
 {
-	const char *stored = mz_zip_stored_name_(zip, file_index);
+	const char *stored = mz_zip_stored_name(zip, file_index);
 	struct zip_stat found;
 
 	if (!stored || zip_stat_index(zip->m_state, file_index, ZIP_FL_ENC_RAW, &found) != 0)
@@ -149,7 +149,7 @@ static inline mz_bool mz_zip_reader_file_stat(mz_zip_archive *zip, mz_uint file_
 
 // Reads exactly `size` bytes, and the end of the member behind them: that is where libzip
 // compares the checksum.
-static inline mz_bool mz_zip_read_whole_(struct zip_file *file, unsigned char *buffer, size_t size)
+static inline mz_bool mz_zip_read_whole(struct zip_file *file, unsigned char *buffer, size_t size)
 {
 	unsigned char beyond;
 	size_t have = 0;
@@ -188,7 +188,7 @@ static inline void *mz_zip_reader_extract_to_heap(mz_zip_archive *zip, mz_uint f
 		return NULL;
 	if (stat.m_uncomp_size < SIZE_MAX)
 		buffer = (unsigned char *)malloc((size_t)stat.m_uncomp_size + 1);
-	if (buffer && !mz_zip_read_whole_(file, buffer, (size_t)stat.m_uncomp_size)) {
+	if (buffer && !mz_zip_read_whole(file, buffer, (size_t)stat.m_uncomp_size)) {
 		free(buffer);
 		buffer = NULL;
 	}

@@ -1,0 +1,194 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: ISC
+# Tests everything: the sources against the house's rules, the shipped build, the
+# same under the sanitizers, and the documents against the tests.
+# shellcheck disable=SC2317 # steps are called by their names
+set -uo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")" || exit 1
+
+usage() {
+	cat <<'TEXT'
+Usage: ./test.sh [OPTION...]
+
+  (none)              packages, static checks, the release build and its tests,
+                      the sanitizer build and its tests, the documents
+  --quick             release build and tests only
+  --static            format, shellcheck and clang-tidy only, the tests included
+  --coverage          line and branch coverage of src/ instead; the report goes
+                      to build/coverage/report
+  --mutants N         N small changes to src/ instead, which the tests must notice
+  --seed S            which changes (default 1)
+  --filter PATTERN    only the tests that match, as --gtest_filter takes it
+  --help              show this
+
+The last line is "N passed, N failed"; the exit status is 0 only when nothing
+failed, no check complained and at least one test ran.
+TEXT
+}
+
+mode=full
+mutants=0
+seed=1
+filter=
+while [ $# -gt 0 ]; do
+	case $1 in
+	--mutants | --seed | --filter)
+		[ $# -ge 2 ] || { echo "test.sh: $1 takes a value; --help lists the options" >&2; exit 2; } ;;
+	esac
+	case $1 in
+	--quick) mode=quick ;;
+	--static) mode=static ;;
+	--coverage) mode=coverage ;;
+	--mutants) mode=mutants mutants=$2 && shift ;;
+	--seed) seed=$2 && shift ;;
+	--filter) filter=$2 && shift ;;
+	--help) usage && exit 0 ;;
+	*) echo "test.sh: unknown argument '$1'; --help lists the options" >&2 && exit 2 ;;
+	esac
+	shift
+done
+
+jobs=$(nproc)
+passed=0
+failed=0
+complaints=()
+
+heading() {
+	printf '\n== %s\n' "$*"
+}
+
+# Runs one step; its failure is remembered and told again at the end.
+step() {
+	local name=$1
+	shift
+	heading "$name"
+	"$@" && return
+	complaints+=("$name")
+	return 1
+}
+
+# Counts one build's reports. A program that crashed leaves no report: the test
+# entries that ctest saw fail are the least that failed.
+count_results() {
+	local build=$1 failed_entries=$2 results good bad skipped
+	results=$(tests/list_results "$build")
+	good=$(grep -c '^passed ' <<<"$results")
+	bad=$(grep -c '^failed ' <<<"$results")
+	skipped=$(grep -c '^skipped ' <<<"$results")
+	[ "$bad" -ge "$failed_entries" ] || bad=$failed_entries
+	passed=$((passed + good))
+	failed=$((failed + bad))
+	echo "$build: $good passed, $bad failed, $skipped skipped"
+}
+
+build_and_test() {
+	local preset=$1 build=build/$1 output status failed_entries
+	step "build: $preset" build_preset "$preset" || { failed=$((failed + 1)); return 1; }
+	heading "test: $preset"
+	rm -rf "$build/reports"
+	output=$(mktemp)
+	GTEST_FILTER=${filter:-*} GTEST_OUTPUT=xml:$PWD/$build/reports/ \
+		ctest --test-dir "$build" --output-on-failure -j $((2 * jobs)) --no-tests=error |
+		tee "$output"
+	status=$?
+	failed_entries=$(sed -n 's/.* \([0-9]*\) tests failed out of .*/\1/p' "$output")
+	rm -f "$output"
+	[ "$status" -eq 0 ] || [ "${failed_entries:-0}" -gt 0 ] || failed_entries=1
+	count_results "$build" "${failed_entries:-0}"
+	[ "$status" -eq 0 ] || complaints+=("test: $preset")
+	return "$status"
+}
+
+build_preset() {
+	cmake --preset "$1" >"build/$1.log" 2>&1 || { cat "build/$1.log"; return 1; }
+	sed -n '/^-- lib/p' "build/$1.log"
+	cmake --build --preset "$1" -j "$jobs" -- --quiet
+}
+
+# Of our own sources whatever is there now, committed or not.
+sources() {
+	find src testbed tests bench fuzz package -name '*.[ch]' -o -name '*.cpp' 2>/dev/null
+}
+
+scripts() {
+	find . -path ./build -prune -o -path ./.git -prune -o -type f -print0 |
+		xargs -0 awk 'FNR == 1 && /^#!.*\/(env )?(ba)?sh/ { print FILENAME } { nextfile }'
+}
+
+check_format() {
+	sources | xargs clang-format --dry-run -Werror
+}
+
+check_scripts() {
+	scripts | xargs shellcheck
+}
+
+# Another compiler follows a build's commands, without its precompiled header. The
+# stand-ins' headers are C, which the rules for C++ are not for.
+check_tidy() {
+	local folders=$1
+	mkdir -p build/tidy
+	sed -E 's/ -Winvalid-pch -include [^ ]+//' build/asan/compile_commands.json \
+		>build/tidy/compile_commands.json
+	sources | grep -E '\.(c|cpp)$' | grep -E "^($folders)/" |
+		xargs -P "$jobs" -n 4 clang-tidy -p build/tidy --quiet \
+			--header-filter='/(src|testbed/tools|tests|fuzz|bench)/' 2>/dev/null
+}
+
+report_coverage() {
+	local report=build/coverage/report
+	mkdir -p "$report"
+	gcovr --root . --filter 'src/' --object-directory build/coverage \
+		--exclude-throw-branches --exclude-unreachable-branches \
+		--html-details "$report/index.html" --txt "$report/lines.txt" &&
+		gcovr --root . --filter 'src/' --object-directory build/coverage \
+			--exclude-throw-branches --exclude-unreachable-branches \
+			--branches --print-summary | tee "$report/branches.txt" &&
+		cat "$report/lines.txt"
+}
+
+finish() {
+	local complaint
+	printf '\n'
+	for complaint in "${complaints[@]}"; do
+		echo "FAILED: $complaint"
+	done
+	if [ "$mode" = static ]; then
+		[ ${#complaints[@]} -eq 0 ]
+		exit
+	fi
+	echo "$passed passed, $failed failed"
+	[ ${#complaints[@]} -eq 0 ] && [ "$failed" -eq 0 ] && [ "$passed" -gt 0 ]
+	exit
+}
+
+mkdir -p build
+step packages ./setup.sh || finish
+case $mode in
+full)
+	step "format" check_format
+	step "scripts" check_scripts
+	build_and_test release
+	build_and_test asan
+	[ ! -f build/asan/compile_commands.json ] || step "clang-tidy" check_tidy 'src|testbed'
+	if [ -z "$filter" ]; then
+		step "documents" tests/check_behaviours docs/behaviours.md build/release build/asan
+	fi
+	;;
+static)
+	step "format" check_format
+	step "scripts" check_scripts
+	step "build: asan" build_preset asan && step "clang-tidy" check_tidy 'src|testbed|tests|fuzz|bench'
+	;;
+quick)
+	build_and_test release
+	;;
+coverage)
+	build_and_test coverage
+	step "coverage" report_coverage
+	;;
+mutants)
+	build_and_test release && step "mutants" tests/mutate --count "$mutants" --seed "$seed"
+	;;
+esac
+finish

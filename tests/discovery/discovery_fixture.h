@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: ISC
+// What the tests of src/discovery share: the daemon's static records set back to their state at
+// start, --debug switched on, and the log. No bus and no server: who needs one has a member.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "core/log.h"
+#include "core/records.h"
+#include "discovery/device_facts.h"
+#include "discovery/manifest.h"
+#include "support/fixture.h"
+
+using namespace fwupdate;
+using namespace router_test;
+
+class DiscoveryFixture : public RouterFixture
+{
+protected:
+	void SetUp() override
+	{
+		RouterFixture::SetUp();
+		set_back();
+		debug_mode = 1;
+	}
+	void TearDown() override
+	{
+		debug_mode = 0;
+		set_back();
+		RouterFixture::TearDown();
+	}
+
+	// What was logged, line ends included.
+	std::vector<std::string> logged() const
+	{
+		std::vector<std::string> texts;
+		for (const LogLine &line : syslog.lines()) {
+			texts.push_back(line.text);
+		}
+		return texts;
+	}
+
+	SyslogCatcher syslog;
+
+private:
+	static void set_back()
+	{
+		mxmlDelete(manifest_buffer.document);
+		manifest_buffer = {};
+		update_manifest = {};
+		update_context = {};
+		device_facts = {};
+	}
+};

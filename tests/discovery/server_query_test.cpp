@@ -1,0 +1,248 @@
+// SPDX-License-Identifier: ISC
+#include <csignal>
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include "discovery/query_fixture.h"
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace
+{
+
+class ServerQuery : public QueryFixture
+{
+};
+
+const std::string cannot_find_buildtime =
+	"Error parsing XML recived from update server, can't find 'buildtime' section\n";
+
+struct DecisionCase {
+	const char *device;
+	std::string server;
+	std::optional<std::string> force;
+	int result;
+};
+
+struct FailureCase {
+	const char *what;
+	std::string xml;
+	std::vector<std::string> logged;
+};
+
+std::string in_document(const std::string &elements)
+{
+	return "<?xml version=\"1.0\"?>\n<update>" + elements + "</update>";
+}
+
+} // namespace
+
+TEST_F(ServerQuery, ComparesTheBuildsAsUnsignedNumbers)
+{
+	const std::vector<DecisionCase> cases = {
+		{"100", "200", {}, 1},
+		{"200", "100", {}, 0},
+		{"199", "200", {}, 1},
+		{"200", "200", {}, 0},
+		{"", "1", {}, 1}, // an unknown build is the oldest
+		{"", "0", {}, 0},
+		{"unknown", "1", {}, 1},
+		{"100", "unknown", {}, 0},
+		{"100", " 101", {}, 1},
+		{"100", "101 and text", {}, 1},
+		{"100", "0x65", {}, 0},
+		{"2147483647", "-1", {}, 1}, // the largest there is
+		{"-1", "2147483647", {}, 0},
+		{"-1", "-1", {}, 0},
+		{"2147483646", "2147483647", {}, 0}, // cut to 214748364
+		{"214748363", "2147483647", {}, 1},
+		{"99999999999", "-1", {}, 1},  // stops at 2147483647
+		{"-99999999999", "-1", {}, 1}, // stops at -2147483648
+	};
+	for (const DecisionCase &each : cases) {
+		SCOPED_TRACE(std::string(each.device) + " offered " + each.server);
+		set_builddate(each.device);
+		EXPECT_EQ(query({.buildtime = each.server, .force_update = each.force}),
+			  each.result);
+		EXPECT_EQ(update_context.state, UpdateState::XML_DONE);
+	}
+	EXPECT_THAT(query_messages(), IsEmpty());
+}
+
+TEST_F(ServerQuery, ForceOffersOtherBuildsButNeverTheInstalledOne)
+{
+	const std::vector<DecisionCase> cases = {
+		{"200", "100", "1", 1},	  {"100", "200", "1", 1},  {"200", "200", "1", 0},
+		{"", "0", "1", 0},	  {"", "-5", "1", 1},	   {"200", "100", "0", 0},
+		{"200", "100", "11", 0},  {"200", "100", "1 ", 0}, {"200", "100", " 1", 0},
+		{"200", "100", "yes", 0}, {"200", "100", "01", 0}, {"100", "200", "0", 1},
+	};
+	for (const DecisionCase &each : cases) {
+		SCOPED_TRACE(std::string(each.device) + " offered " + each.server + " forced " +
+			     *each.force);
+		set_builddate(each.device);
+		EXPECT_EQ(query({.buildtime = each.server, .force_update = each.force}),
+			  each.result);
+	}
+}
+
+TEST_F(ServerQuery, KeepsEveryValueOfTheManifest)
+{
+	EXPECT_EQ(query({.version = "2.0",
+			 .buildtime = "1741176000",
+			 .url = "http://a/fw.zip",
+			 .release_notes = " Better.\n",
+			 .force_update = "12",
+			 .archive = "1",
+			 .file_name = "image.bin"}),
+		  1);
+	EXPECT_STREQ(update_manifest.version, "2.0");
+	EXPECT_STREQ(update_manifest.buildtime, "174117600");
+	EXPECT_STREQ(update_manifest.url, "http://a/fw.zip");
+	EXPECT_STREQ(update_manifest.release_notes, " Better.\n");
+	EXPECT_STREQ(update_manifest.force_update, "12");
+	EXPECT_STREQ(update_manifest.archive, "1");
+	EXPECT_STREQ(update_manifest.file_name, "image.bin");
+}
+
+TEST_F(ServerQuery, CutsEveryValueToItsLimit)
+{
+	const std::string file_name(70, 'f');
+	const std::string version(25, 'v');
+	const std::string url(300, 'u');
+	query({.version = version,
+	       .buildtime = "1234567890123",
+	       .url = url,
+	       .file_name = file_name});
+	EXPECT_EQ(std::string(update_manifest.file_name, 64), file_name.substr(0, 64));
+	EXPECT_EQ(std::string(update_manifest.version, 20), version.substr(0, 20));
+	EXPECT_STREQ(update_manifest.buildtime, "123456789");
+	EXPECT_EQ(std::string(update_manifest.url, 256), url.substr(0, 256));
+	EXPECT_STREQ(update_manifest.archive, "");
+
+	query({.release_notes = std::string(600, 'r'), .force_update = "111", .archive = "222"});
+	EXPECT_EQ(std::string(update_manifest.release_notes, 512), std::string(512, 'r'));
+	EXPECT_STREQ(update_manifest.force_update, "11");
+	EXPECT_STREQ(update_manifest.archive, "22");
+}
+
+TEST_F(ServerQuery, ValuesThatAreMissingKeepWhatAnEarlierAnswerSet)
+{
+	ASSERT_EQ(query({.version = "2.0",
+			 .release_notes = "notes",
+			 .force_update = "1",
+			 .archive = "1",
+			 .file_name = "image.bin"}),
+		  1);
+	ASSERT_EQ(query(answer(in_document("<buildtime>1</buildtime><url>u</url><version/>"
+					   "<archive>1</archive><file_name></file_name>"))),
+		  1); // still forced
+	EXPECT_STREQ(update_manifest.version, "2.0");
+	EXPECT_STREQ(update_manifest.release_notes, "notes");
+	EXPECT_STREQ(update_manifest.force_update, "1");
+	EXPECT_STREQ(update_manifest.archive, "1");
+	EXPECT_STREQ(update_manifest.file_name, "image.bin");
+	EXPECT_STREQ(update_manifest.buildtime, "1");
+	EXPECT_STREQ(update_manifest.url, "u");
+}
+
+TEST_F(ServerQuery, ShorterValueLeavesNothingOfALongerOne)
+{
+	query({.version = std::string(20, 'v'), .release_notes = std::string(512, 'r')});
+	query({.version = "2", .release_notes = "r"});
+	EXPECT_EQ(std::string(update_manifest.version, 20), "2" + std::string(19, '\0'));
+	EXPECT_EQ(std::string(update_manifest.release_notes, 512), "r" + std::string(511, '\0'));
+}
+
+TEST_F(ServerQuery, AnswerWithoutAMandatoryValueFails)
+{
+	const std::string find = "Error parsing XML recived from update server, can't find '";
+	const std::string get = "Error parsing XML recived from update server, can't get '";
+	const std::vector<FailureCase> cases = {
+		{"no XML", "no XML at all", {cannot_find_buildtime}},
+		{"not closed", "<?xml version=\"1.0\"?><update><a>", {cannot_find_buildtime}},
+		{"nothing in it", in_document(""), {cannot_find_buildtime}},
+		{"only the url", in_document("<url>u</url>"), {cannot_find_buildtime}},
+		{"no url", in_document("<buildtime>1</buildtime>"), {find + "url' section\n"}},
+		{"empty buildtime",
+		 in_document("<buildtime/><url>u</url>"),
+		 {get + "buildtime' value\n"}},
+		{"empty url",
+		 in_document("<buildtime>1</buildtime><url></url>"),
+		 {get + "url' value\n"}},
+		{"an archive of no file",
+		 in_document("<buildtime>1</buildtime><url>u</url><archive>1</archive>"),
+		 {}},
+		{"an archive of an empty file name",
+		 in_document("<buildtime>1</buildtime><url>u</url><archive>1</archive>"
+			     "<file_name/>"),
+		 {}},
+	};
+	for (const FailureCase &each : cases) {
+		SCOPED_TRACE(each.what);
+		update_manifest = {};
+		syslog.clear();
+		EXPECT_EQ(query(answer(each.xml)), -1);
+		EXPECT_EQ(update_context.state, UpdateState::XML_PARSE);
+		EXPECT_EQ(query_messages(), each.logged);
+	}
+}
+
+TEST_F(ServerQuery, OnlyAnArchiveNeedsAFileName)
+{
+	for (const char *archive : {"0", "11", "yes", " 1"}) {
+		SCOPED_TRACE(archive);
+		EXPECT_EQ(query({.archive = archive}), 1);
+	}
+	EXPECT_EQ(query({.file_name = "f"}), 1);
+	EXPECT_EQ(query({.archive = "1"}), 1);
+}
+
+TEST_F(ServerQuery, FailureKeepsWhatWasReadBeforeIt)
+{
+	ASSERT_EQ(query({.version = "2.0", .buildtime = "500", .url = "http://old/"}), 0);
+	EXPECT_EQ(query(answer(in_document("<buildtime>600</buildtime><version>3.0</version>"))),
+		  -1);
+	EXPECT_STREQ(update_manifest.buildtime, "600");
+	EXPECT_STREQ(update_manifest.url, "http://old/");
+	EXPECT_STREQ(update_manifest.version, "2.0");
+}
+
+TEST_F(ServerQuery, ArchiveWithoutFileNameHasBeenRead)
+{
+	EXPECT_EQ(query({.version = "2.0", .url = "http://new/", .archive = "1"}), -1);
+	EXPECT_STREQ(update_manifest.url, "http://new/");
+	EXPECT_STREQ(update_manifest.version, "2.0");
+	EXPECT_STREQ(update_manifest.archive, "1");
+	// The archive is remembered, so that an answer that says nothing of it fails as well.
+	EXPECT_EQ(query(Manifest{}), -1);
+	EXPECT_EQ(query({.archive = "0"}), 1);
+}
+
+// The only look that anybody gets at this state: from a tool that the query itself runs.
+TEST_F(ServerQuery, GathersTheFactsInAStateOfItsOwn)
+{
+	static volatile std::sig_atomic_t seen;
+	seen = -1;
+	struct sigaction before = {};
+	struct sigaction action = {};
+	action.sa_handler = [](int) {
+		seen = static_cast<int>(update_context.state);
+	};
+	action.sa_flags = SA_RESTART;
+	files.install_tool("/usr/sbin/qor_factory", "kill -USR1 " + std::to_string(getpid()));
+	sigaction(SIGUSR1, &action, &before);
+	query(Manifest{});
+	sigaction(SIGUSR1, &before, nullptr);
+	EXPECT_EQ(seen, static_cast<int>(UpdateState::NETWORK_GET));
+}
+
+TEST_F(ServerQuery, FailureThatFollowsASuccessDoesNotLookDone)
+{
+	ASSERT_EQ(query(Manifest{}), 1);
+	ASSERT_EQ(update_context.state, UpdateState::XML_DONE);
+	set_url("http://127.0.0.1:" + std::to_string(unused_port()) + "/");
+	EXPECT_EQ(query_update_server(), -1);
+	EXPECT_EQ(update_context.state, UpdateState::XML_CONNECT);
+}

@@ -1,0 +1,247 @@
+// SPDX-License-Identifier: ISC
+// What an update server can do to the daemon.
+#include <gmock/gmock.h>
+
+#include "support/fixture.h"
+
+using namespace router_test;
+
+namespace
+{
+
+class ManifestServer : public RouterTest
+{
+protected:
+	Fields check(const HttpAnswer &what)
+	{
+		server.on("/update.xml", what);
+		const Reply reply = daemon().check();
+		EXPECT_EQ(reply.status, 0);
+		return reply.fields;
+	}
+};
+
+const std::string xml = to_xml({.version = "2.0", .url = "http://a/"});
+const std::string no_buildtime =
+	"Error parsing XML recived from update server, can't find 'buildtime' section";
+const std::string no_transfer = "Error on geting update info via CURL [";
+
+HttpAnswer chunked(const std::string &chunks)
+{
+	return raw_answer("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" + chunks);
+}
+
+struct BadAnswer {
+	const char *what;
+	HttpAnswer answer;
+	const char *state;
+	std::string logged;
+};
+
+struct GoodAnswer {
+	const char *what;
+	HttpAnswer answer;
+};
+
+std::string padded_to(std::size_t size, std::string text)
+{
+	text.resize(size, '\n');
+	return text;
+}
+
+} // namespace
+
+TEST_F(ManifestServer, BadAnswersFailTheCheckAndNothingElse)
+{
+	const std::string piece = "<update><buildtime>1</buildtime>";
+	const std::vector<BadAnswer> cases = {
+		{"an error page", answer(404, "<html><body>gone</body></html>"), "XML_PARSE",
+		 no_buildtime},
+		{"text", answer("Hello"), "XML_PARSE", no_buildtime},
+		{"two outermost elements", answer("<!-- note -->" + xml), "XML_PARSE",
+		 no_buildtime},
+		{"zero bytes", answer(std::string(1024, '\0')), "XML_PARSE", no_buildtime},
+		{"a zero byte in front", answer(std::string(1, '\0') + xml), "XML_PARSE",
+		 no_buildtime},
+		{"two pieces", answer(xml).cut_at({xml.size() - 20}), "XML_PARSE", no_buildtime},
+		{"two chunks", answer(xml).in_chunks().cut_at({xml.size() - 20}), "XML_PARSE",
+		 no_buildtime},
+		{"byte by byte", answer(xml.substr(0, 60)).in_pieces(60), "XML_PARSE",
+		 no_buildtime},
+		{"no url", answer("<?xml version=\"1.0\"?>" + piece + "</update>"), "XML_PARSE",
+		 "Error parsing XML recived from update server, can't find 'url' section"},
+		{"an empty url", answer("<?xml version=\"1.0\"?>" + piece + "<url/></update>"),
+		 "XML_PARSE",
+		 "Error parsing XML recived from update server, can't get 'url' value"},
+		{"1025 bytes", answer(padded_to(1025, xml)), "XML_GET", no_transfer},
+		{"1025 bytes in a chunk", answer(padded_to(1025, xml)).in_chunks(), "XML_GET",
+		 no_transfer},
+		{"a whole firmware", answer(noise(300000)), "XML_GET", no_transfer},
+		{"less than announced", answer(xml).announce(4000), "XML_GET", no_transfer},
+		{"a reset", reset_at_once(), "XML_GET", no_transfer},
+		{"a reset in the middle", answer(xml).reset_after_bytes(20), "XML_GET",
+		 no_transfer},
+		{"broken chunks", chunked("no number\r\n"), "XML_GET", no_transfer},
+		{"no HTTP", raw_answer("220 ready\r\n\r\n"), "XML_CONNECT", no_transfer},
+		{"another protocol", redirect("file:///etc/passwd"), "XML_CONNECT", no_transfer},
+	};
+	start_daemon();
+	for (const BadAnswer &each : cases) {
+		SCOPED_TRACE(each.what);
+		syslog.clear();
+		const Fields fields = check(each.answer);
+		EXPECT_EQ(text_of(fields, "error_code"), "1");
+		EXPECT_EQ(text_of(fields, "version"), "");
+		EXPECT_EQ(daemon().state_name(), each.state);
+		EXPECT_EQ(syslog.lines().size(), 1u);
+		EXPECT_TRUE(syslog.contains(each.logged));
+	}
+	EXPECT_EQ(text_of(check(answer(xml)), "need_update"), "1");
+	EXPECT_EQ(daemon().process().errors(), ""); // the XML library has much to complain of
+	expect_nothing_leaked();
+}
+
+TEST_F(ManifestServer, GoodAnswersMayComeInManyWays)
+{
+	server.on("/other.xml", answer(xml));
+	const std::vector<GoodAnswer> cases = {
+		{"in one piece", answer(xml)},
+		{"1024 bytes", answer(padded_to(1024, xml))},
+		{"1024 bytes in a chunk", answer(padded_to(1024, xml)).in_chunks()},
+		{"with an error status", answer(404, xml)},
+		{"as one chunk", answer(xml).in_chunks()},
+		{"until the connection closes", answer(xml).without_length()},
+		{"more than announced", answer(xml + "<rest/>").announce(xml.size())},
+		{"behind something else", answer("<a>" + xml).cut_at({3})},
+		{"elsewhere", redirect("/other.xml")},
+		{"without a declaration", answer(xml.substr(xml.find("<update>")))},
+		{"behind a UTF-8 mark", answer("\357\273\277" + xml)},
+		{"with a zero byte behind it", answer(xml + std::string(1, '\0') + "<rest>")},
+	};
+	for (const GoodAnswer &each : cases) {
+		SCOPED_TRACE(each.what);
+		start_daemon();
+		const Fields fields = check(each.answer);
+		EXPECT_EQ(text_of(fields, "error_code"), "0");
+		EXPECT_EQ(text_of(fields, "version"), "2.0");
+		EXPECT_EQ(text_of(fields, "need_update"), "1");
+		EXPECT_EQ(daemon().state_name(), "XML_DONE");
+	}
+}
+
+TEST_F(ManifestServer, EmptyAnswerBeforeAnyOtherLacksEverything)
+{
+	start_daemon();
+	for (const HttpAnswer &each : {answer(""), answer(500, ""), answer("").in_chunks()}) {
+		EXPECT_EQ(text_of(check(each), "error_code"), "1");
+		EXPECT_EQ(daemon().state_name(), "XML_PARSE");
+	}
+	EXPECT_EQ(syslog.texts(), std::vector<std::string>(3, no_buildtime));
+}
+
+TEST_F(ManifestServer, EmptyAnswerRepeatsTheOneBefore)
+{
+	start_daemon();
+	const Fields first = check(answer(xml));
+	EXPECT_EQ(check(answer("")), first);
+	EXPECT_EQ(check(answer(404, "")), first);
+	EXPECT_EQ(daemon().state_name(), "XML_DONE");
+	// Of an answer that was refused nothing is left to repeat.
+	check(answer(std::string(1025, ' ')));
+	EXPECT_EQ(text_of(check(answer("")), "error_code"), "1");
+	EXPECT_EQ(daemon().state_name(), "XML_PARSE");
+}
+
+TEST_F(ManifestServer, ArchiveNeedsAFileNameAndSaysNothingOfIt)
+{
+	start_daemon();
+	const HttpAnswer archive = answer(to_xml({.url = "http://a/", .archive = "1"}));
+	EXPECT_EQ(text_of(check(archive), "error_code"), "1");
+	EXPECT_EQ(daemon().state_name(), "XML_PARSE");
+	EXPECT_TRUE(syslog.lines().empty());
+	check(answer(to_xml({.url = "http://a/", .file_name = "image.bin"})));
+	EXPECT_EQ(text_of(check(archive), "error_code"), "0");
+}
+
+TEST_F(ManifestServer, ValuesThatFillTheirFieldsRunOnIntoTheNext)
+{
+	const std::string version(20, 'v');
+	const std::string notes(512, 'n');
+	const std::string installed = router_builddate();
+	start_daemon();
+	check(answer(to_xml({.version = version + "cut", .buildtime = installed, .url = "u"})));
+	const Fields fields = check(answer("<?xml version=\"1.0\"?><u><buildtime>" + installed +
+					   "</buildtime><url>u</url><release_notes>" + notes +
+					   "cut</release_notes></u>"));
+	EXPECT_EQ(text_of(fields, "version"), version + installed);
+	EXPECT_EQ(text_of(fields, "releasenotes"), notes + version + installed);
+	const Fields update = daemon().update().fields;
+	EXPECT_EQ(text_of(update, "version"), version + installed);
+	EXPECT_EQ(text_of(update, "buildtime"), installed);
+}
+
+TEST_F(ManifestServer, UrlThatFillsItsFieldIsUsedWhole)
+{
+	const std::string start = server.url("/firmware.bin?");
+	const std::string url = start + std::string(300, 'u');
+	offer({.url = url});
+	start_daemon();
+	EXPECT_EQ(text_of(daemon().update().fields, "error_code"), "2");
+	EXPECT_TRUE(daemon().wait_for_workers(0));
+	ASSERT_EQ(server.requests("/firmware.bin").size(), 1u);
+	EXPECT_EQ(server.url(server.requests("/firmware.bin")[0].target), url.substr(0, 256));
+}
+
+// A byte order mark in the middle of a text makes the XML library read past its end.
+TEST_F(ManifestServer, ByteOrderMarksAtTheEndDoNoHarm)
+{
+	start_daemon();
+	for (const std::string mark : {"\376\377", "\377\376"}) {
+		for (const std::string rest : {"", "x", "\330", "x\330", "\330\001\334"}) {
+			std::string text = xml.substr(0, xml.find("</update>"));
+			text.resize(1024 - mark.size() - rest.size(), ' ');
+			text += mark;
+			text += rest;
+			check(answer(text));
+			EXPECT_TRUE(daemon().running());
+		}
+	}
+	EXPECT_EQ(text_of(check(answer(xml)), "error_code"), "0");
+}
+
+TEST_F(ManifestServer, IsTheBuiltInOneWhenNoneIsConfigured)
+{
+	HttpServer built_in("192.0.2.1", 80);
+	built_in.on("/update.xml", answer(xml));
+	files.set_manifest_url("");
+	start_daemon();
+	EXPECT_EQ(text_of(daemon().check().fields, "version"), "2.0");
+	ASSERT_EQ(built_in.requests().size(), 1u);
+	const HttpRequest request = built_in.requests()[0];
+	EXPECT_EQ(request.header("Host"), "update.example.com");
+	EXPECT_EQ(request.target, "/update.xml?fw=" + router_builddate() +
+					  "&version=r1234&mac=02:00:00:00:00:10&ip=192.0.2.10"
+					  "&model=QOR,MODEL-X&sn=AB12345&customid=&os=VOLKRAN");
+	EXPECT_TRUE(syslog.contains("Error on reading cpe_update_xml_url"));
+}
+
+TEST_F(ManifestServer, SeesTheFactsWithoutEncoding)
+{
+	files.write("/etc/router/serial", "A&b=c%41+\"<>\303\251?/\n");
+	offer();
+	start_daemon();
+	daemon().check();
+	const std::string target = server.requests("/update.xml").at(0).target;
+	EXPECT_THAT(target, testing::HasSubstr("&sn=A&b=c%41+\"<>\303\251?/&customid=&os="));
+}
+
+TEST_F(ManifestServer, MayChangeBetweenQueries)
+{
+	HttpServer other;
+	other.on("/other.xml", answer(to_xml({.version = "3.0", .url = "http://a/"})));
+	offer();
+	start_daemon();
+	EXPECT_EQ(text_of(daemon().check().fields, "version"), "2.0");
+	files.set_manifest_url(other.url("/other.xml"));
+	EXPECT_EQ(text_of(daemon().check().fields, "version"), "3.0");
+}

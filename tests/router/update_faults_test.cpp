@@ -1,0 +1,291 @@
+// SPDX-License-Identifier: ISC
+// What happens around the update job: no room, tools that are missing, and processes that go away:
+// the caller, the worker, the broker, the daemon itself.
+#include <csignal>
+#include <sys/stat.h>
+
+#include "router/update_fixture.h"
+
+using namespace router_test;
+
+namespace
+{
+
+class UpdateFaults : public UpdateTest
+{
+protected:
+	// A job whose download hangs after its first piece of two.
+	PendingCall start_hanging_job(const Fields &arguments = {})
+	{
+		const std::string image = good_image(20000);
+		offer(answer(image).cut_at({10000}).hold());
+		start_daemon();
+		PendingCall pending = daemon().start_update(arguments);
+		server.release();
+		EXPECT_TRUE(server.wait_for_pieces(1));
+		return pending;
+	}
+};
+
+TEST_F(UpdateFaults, ImageThatDoesNotFitIsAFailedDownload)
+{
+	offer(answer(good_image(0x40000)));
+	files.fill_tmp(0x10000);
+	start_daemon();
+	expect_outcome(daemon().update({string_field("partition", "unlisted")}),
+		       {.code = 2, .text = download_failed});
+	EXPECT_EQ(syslog.count("Unable to download firmware: "), 1u);
+	expect_not_installed();
+}
+
+// So small that nobody notices before the file is closed.
+TEST_F(UpdateFaults, SmallImageThatDoesNotFitIsABadImage)
+{
+	offer(answer(good_image(1000)));
+	files.fill_tmp(0);
+	start_daemon();
+	expect_outcome(daemon().update({string_field("partition", "unlisted")}),
+		       {.code = 3, .text = "Can't mmap image [-4]"});
+	expect_not_installed();
+}
+
+TEST_F(UpdateFaults, KilledWorkerIsAFailedDownload)
+{
+	PendingCall pending = start_hanging_job();
+	::kill(worker_of_download(1), SIGKILL);
+	expect_outcome(pending.wait(), {.code = 2, .text = download_failed});
+	EXPECT_TRUE(syslog.lines().empty());
+	EXPECT_EQ(daemon().state_name(), "NONE");
+	expect_not_installed();
+	expect_nothing_leaked();
+}
+
+TEST_F(UpdateFaults, KilledWorkerIsReplacedWhileAttemptsAreLeft)
+{
+	PendingCall pending = start_hanging_job({int32_field("attempts", 2)});
+	server.on(firmware, answer(good_image()));
+	::kill(worker_of_download(1), SIGKILL);
+	expect_outcome(pending.wait(), {});
+	expect_installed();
+	expect_nothing_leaked();
+}
+
+TEST_F(UpdateFaults, StoppedWorkerIsGivenUpAndEndsByItself)
+{
+	PendingCall pending = start_hanging_job({int32_field("timeout", seven_tenths)});
+	const pid_t worker = worker_of_download(1);
+	::kill(worker, SIGSTOP);
+	expect_outcome(pending.wait(),
+		       {.code = 2, .text = "Unable to download firmware: timeout\n"});
+	EXPECT_TRUE(is_alive(worker));
+	::kill(worker, SIGCONT);
+	EXPECT_TRUE(daemon().wait_for_workers(0));
+	EXPECT_EQ(syslog.texts(),
+		  (std::vector<std::string>{
+			  "Unable to download firmware: timeout", "Error, can't write to pipe fd!",
+			  "Unable to download firmware: Operation was aborted by an "
+			  "application callback"}));
+	expect_not_installed();
+	expect_nothing_leaked();
+}
+
+TEST_F(UpdateFaults, WorkerThatWasGivenUpDeletesItsArchive)
+{
+	offer(answer("archive").cut_at({3}).hold(), {.archive = "1", .file_name = "image.bin"});
+	start_daemon();
+	PendingCall pending = daemon().start_update({int32_field("timeout", seven_tenths)});
+	ASSERT_TRUE(server.wait_for_requests(firmware, 1));
+	EXPECT_EQ(code_of(pending.wait()), 2);
+	EXPECT_TRUE(daemon().wait_for_workers(0));
+	EXPECT_FALSE(exists(archive_path));
+}
+
+// The first worker wakes when the second has long finished, takes in the rest of its own answer,
+// and fails.
+TEST_F(UpdateFaults, WorkerThatWasGivenUpKeepsItsHandsOffTheSuccessorsImage)
+{
+	const std::string image = good_image(5000);
+	PendingCall pending =
+		start_hanging_job({int32_field("timeout", under_two), int32_field("attempts", 2)});
+	const pid_t worker = worker_of_download(1);
+	::kill(worker, SIGSTOP);
+	server.on(firmware, answer(image));
+	expect_outcome(pending.wait(), {});
+	expect_installed();
+	server.release_all();
+	::kill(worker, SIGCONT);
+	EXPECT_TRUE(daemon().wait_for_workers(0));
+	EXPECT_EQ(read_file(image_path), image);
+	expect_nothing_leaked();
+}
+
+TEST_F(UpdateFaults, WorkerThatWasGivenUpKeepsItsHandsOffTheSuccessorsArchive)
+{
+	offer(answer("old archive").cut_at({3}).hold(), {.archive = "1", .file_name = "image.bin"});
+	start_daemon();
+	PendingCall pending = daemon().start_update(
+		{int32_field("timeout", under_two), int32_field("attempts", 2)});
+	const pid_t worker = worker_of_download(1);
+	::kill(worker, SIGSTOP);
+	server.on(firmware, answer("the new archive"));
+	expect_outcome(pending.wait(), {.code = 3, .text = "Can't open image [-2]"});
+	::kill(worker, SIGCONT);
+	EXPECT_TRUE(daemon().wait_for_workers(0));
+	EXPECT_EQ(read_file(archive_path), "the new archive");
+	may_leave_image = true;
+}
+
+TEST_F(UpdateFaults, CallerThatHasGoneDoesNotStopTheUpdate)
+{
+	PendingCall pending = start_hanging_job();
+	pending.abandon();
+	server.release_all();
+	expect_installed();
+	EXPECT_EQ(daemon().state_name(), "WAIT_DELAY");
+	expect_nothing_leaked();
+}
+
+TEST_F(UpdateFaults, CallerThatHasGoneDoesNotStopTheRetries)
+{
+	PendingCall pending = start_hanging_job({int32_field("attempts", 2)});
+	pending.abandon();
+	::kill(worker_of_download(1), SIGKILL);
+	::kill(worker_of_download(2), SIGKILL);
+	EXPECT_TRUE(daemon().wait_for_state("NONE"));
+	expect_not_installed();
+	// The next caller is served.
+	server.on(firmware, answer(good_image()));
+	expect_outcome(daemon().update(), {});
+	expect_installed();
+}
+
+TEST_F(UpdateFaults, TermSignalEndsTheDaemonDuringADownload)
+{
+	PendingCall pending = start_hanging_job();
+	const pid_t worker = worker_of_download(1);
+	const ExitStatus end = daemon().stop();
+	EXPECT_TRUE(end.ended);
+	EXPECT_EQ(end.code, 0);
+	EXPECT_TRUE(wait_for_object_gone("fwupdate"));
+	// The worker notices that nobody reads its reports.
+	EXPECT_TRUE(eventually([&] { return !is_alive(worker); }));
+	expect_not_installed();
+	may_crash = true;
+}
+
+TEST_F(UpdateFaults, TermSignalEndsTheDaemonDuringTheDelay)
+{
+	offer(answer(good_image()));
+	start_daemon();
+	PendingCall pending = daemon().start_update({int32_field("delay", 600)});
+	ASSERT_TRUE(daemon().wait_for_state("WAIT_DELAY"));
+	EXPECT_EQ(daemon().stop().code, 0);
+	EXPECT_EQ(files.tool_calls(installer), Calls{});
+	EXPECT_TRUE(exists(image_path));
+	may_crash = may_leave_image = true;
+}
+
+TEST_F(UpdateFaults, TermSignalEndsTheDaemonWhileAFailedStartWaits)
+{
+	break_starts(1);
+	offer();
+	start_daemon();
+	PendingCall pending = daemon().start_update({int32_field("attempts", 100)});
+	ASSERT_TRUE(syslog.wait_for("Error on reading tmpfs"));
+	EXPECT_EQ(daemon().stop().code, 0);
+	may_crash = true;
+}
+
+TEST_F(UpdateFaults, KilledDaemonLeavesNoWorker)
+{
+	PendingCall pending = start_hanging_job();
+	const pid_t worker = worker_of_download(1);
+	EXPECT_EQ(daemon().kill().signal, SIGKILL);
+	EXPECT_TRUE(wait_for_object_gone("fwupdate"));
+	EXPECT_TRUE(eventually([&] { return !is_alive(worker); }));
+	expect_not_installed();
+	may_crash = true;
+	// And the next one starts afresh.
+	start_daemon();
+	EXPECT_EQ(daemon().state_name(), "NONE");
+	server.on(firmware, answer(good_image()));
+	expect_outcome(daemon().update(), {});
+	expect_installed();
+}
+
+// The model of the router is asked over the bus.
+TEST_F(UpdateFaults, ImageIsRefusedWhenTheBusHasGone)
+{
+	PendingCall pending = start_hanging_job();
+	bus->stop_routerd();
+	bus->stop_broker();
+	server.release_all();
+	EXPECT_TRUE(syslog.wait_for("Bad Model [-9]"));
+	EXPECT_TRUE(wait_until_gone(image_path));
+	EXPECT_EQ(files.tool_calls(installer), Calls{});
+	EXPECT_TRUE(daemon().running());
+}
+
+TEST_F(UpdateFaults, UpdateGoesOnWhenTheBrokerWasRestarted)
+{
+	PendingCall pending = start_hanging_job();
+	bus->stop_routerd();
+	bus->stop_broker();
+	bus->start_broker();
+	bus->start_routerd();
+	server.release_all();
+	expect_installed();
+	EXPECT_TRUE(daemon().running());
+}
+
+TEST_F(UpdateFaults, BrokenOffDownloadIsRepeatedWhenTheBusHasGone)
+{
+	PendingCall pending = start_hanging_job({int32_field("attempts", 2)});
+	bus->stop_routerd();
+	bus->stop_broker();
+	::kill(worker_of_download(1), SIGKILL);
+	::kill(worker_of_download(2), SIGKILL);
+	EXPECT_TRUE(wait_until_gone(image_path));
+	EXPECT_TRUE(daemon().wait_for_workers(0));
+	EXPECT_TRUE(daemon().running());
+}
+
+// Workers end while the daemon reads the output of a tool: what it has read already counts.
+TEST_F(UpdateFaults, SignalsWhileAToolIsReadLoseNothing)
+{
+	files.install_tool("/usr/bin/awk", "/bin/busybox awk \"$@\"\n"
+					   "case $1 in *1024*) ;; *) exit ;; esac\n"
+					   "read -r daemon </var/daemon.pid\n"
+					   "signals=3000\n"
+					   "while [ $signals -gt 0 ]; do\n"
+					   "kill -CHLD $daemon\n"
+					   "signals=$((signals - 1))\n"
+					   "done");
+	offer(answer(good_image()));
+	start_daemon();
+	files.write("/var/daemon.pid", std::to_string(daemon().pid()) + "\n");
+	expect_outcome(daemon().update(), {});
+	EXPECT_EQ(syslog.texts(), std::vector<std::string>{});
+	expect_installed();
+}
+
+TEST_F(UpdateFaults, ManyJobsLeaveNothingBehind)
+{
+	offer();
+	start_daemon();
+	const std::vector<std::string> before = list_folder("/tmp");
+	for (int round = 0; round < 3; round++) {
+		server.on(firmware, {answer(404, ""), answer("no firmware"), answer(good_image()),
+				     answer("half").announce(8)});
+		expect_outcome(daemon().update({int32_field("attempts", 3)}), {});
+		EXPECT_EQ(code_of(daemon().update({int32_field("attempts", 2)})), 2);
+		EXPECT_EQ(code_of(daemon().update({int32_field("timeout", 0)})), 2);
+		EXPECT_EQ(daemon().update({string_field("partition", "")}).status, 2);
+		EXPECT_TRUE(daemon().wait_for_workers(0));
+	}
+	EXPECT_TRUE(files.wait_for_tool_calls(installer, 3));
+	expect_nothing_leaked();
+	EXPECT_EQ(list_folder("/tmp"), before);
+}
+
+} // namespace

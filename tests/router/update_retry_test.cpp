@@ -1,0 +1,219 @@
+// SPDX-License-Identifier: ISC
+// Attempts: how many there are, time-outs, the delay, and what a retry keeps of the attempts
+// before.
+#include <csignal>
+#include <limits>
+
+#include "router/update_fixture.h"
+
+using namespace router_test;
+
+namespace
+{
+
+constexpr const char *timed_out = "Unable to download firmware: timeout\n";
+
+class UpdateRetry : public UpdateTest
+{
+};
+
+TEST_F(UpdateRetry, DownloadsAgainUntilItSucceeds)
+{
+	offer_one_after_another({answer(404, ""), answer(""), answer(good_image())});
+	start_daemon();
+	expect_outcome(update(5), {});
+	EXPECT_EQ(downloads(), 3u);
+	EXPECT_EQ(queries(), 1u);
+	expect_installed();
+}
+
+TEST_F(UpdateRetry, DownloadsNoMoreOftenThanAsked)
+{
+	offer_one_after_another({answer(404, ""), answer(404, ""), answer(good_image())});
+	start_daemon();
+	expect_outcome(update(2), {.code = 2, .text = download_failed});
+	EXPECT_EQ(downloads(), 2u);
+	EXPECT_EQ(queries(), 1u);
+	expect_not_installed();
+}
+
+TEST_F(UpdateRetry, WaitsForTheDelayWhenTheFirstAttemptSucceeds)
+{
+	offer(answer(good_image()));
+	start_daemon();
+	PendingCall pending =
+		daemon().start_update({int32_field("attempts", 3), int32_field("delay", 600)});
+	ASSERT_TRUE(daemon().wait_for_state("WAIT_DELAY"));
+	EXPECT_FALSE(pending.finished());
+	expect_recorded("firmware2");
+	EXPECT_EQ(files.tool_calls(installer), Calls{});
+	may_leave_image = true;
+}
+
+TEST_F(UpdateRetry, ForgetsTheDelay)
+{
+	offer_one_after_another({answer(404, ""), answer(good_image())});
+	start_daemon();
+	expect_outcome(update(2, {int32_field("delay", 600)}), {});
+	expect_installed();
+}
+
+TEST_F(UpdateRetry, ForgetsTheDelayAlsoWhenItFollowsABadImage)
+{
+	offer_one_after_another({answer("no firmware"), answer(good_image())});
+	start_daemon();
+	expect_outcome(update(2, {int32_field("delay", 600)}), {});
+	expect_installed();
+}
+
+TEST_F(UpdateRetry, InstallsAtOnceForADelayThatIsNotPositive)
+{
+	// The last times 1000 is -1000 in 32 bits.
+	const std::int32_t delays[] = {0, -1, -600, std::numeric_limits<std::int32_t>::min(),
+				       std::numeric_limits<std::int32_t>::max()};
+	offer(answer(good_image()));
+	start_daemon();
+	std::size_t installations = 0;
+	for (const std::int32_t delay : delays) {
+		SCOPED_TRACE(delay);
+		expect_outcome(daemon().update({int32_field("delay", delay)}), {});
+		EXPECT_TRUE(files.wait_for_tool_calls(installer, ++installations));
+	}
+	may_leave_image = true;
+}
+
+TEST_F(UpdateRetry, DelayWrapsAroundAt32Bits)
+{
+	offer(answer(good_image()));
+	start_daemon();
+	PendingCall pending = daemon().start_update({int32_field("delay", seven_tenths)});
+	ASSERT_TRUE(daemon().wait_for_state("WAIT_DELAY"));
+	EXPECT_FALSE(pending.finished());
+	expect_outcome(pending.wait(), {});
+	expect_installed();
+}
+
+TEST_F(UpdateRetry, GivesUpAtOnceForATimeoutThatIsNotPositive)
+{
+	const std::int32_t timeouts[] = {0, -1, std::numeric_limits<std::int32_t>::min(),
+					 std::numeric_limits<std::int32_t>::max()};
+	offer(silence());
+	start_daemon();
+	for (const std::int32_t timeout : timeouts) {
+		SCOPED_TRACE(timeout);
+		syslog.clear();
+		expect_outcome(daemon().update({int32_field("timeout", timeout)}),
+			       {.code = 2, .text = timed_out});
+		const auto line = syslog.wait_for("timeout");
+		ASSERT_TRUE(line.has_value());
+		EXPECT_EQ(line->text, timed_out);
+		EXPECT_EQ(line->pid, daemon().pid());
+		EXPECT_EQ(daemon().state_name(), "NONE");
+		EXPECT_TRUE(daemon().wait_for_workers(0));
+		expect_not_installed();
+	}
+}
+
+TEST_F(UpdateRetry, TimeoutIsAnsweredWithTheFixedTextWithoutDebug)
+{
+	offer(silence());
+	start_daemon({});
+	expect_outcome(daemon().update({int32_field("timeout", 0)}),
+		       {.code = 2, .text = download_failed});
+}
+
+TEST_F(UpdateRetry, TimeoutEndsADownloadThatIsUnderWay)
+{
+	offer(answer(good_image()).cut_at({100}).hold());
+	start_daemon();
+	PendingCall pending = daemon().start_update({int32_field("timeout", seven_tenths)});
+	server.release();
+	ASSERT_TRUE(server.wait_for_pieces(1));
+	EXPECT_FALSE(pending.finished());
+	expect_outcome(pending.wait(), {.code = 2, .text = timed_out});
+	EXPECT_TRUE(daemon().wait_for_workers(0));
+	expect_not_installed();
+}
+
+TEST_F(UpdateRetry, TimeoutWrapsAroundAt32Bits)
+{
+	offer(silence());
+	start_daemon();
+	PendingCall pending = daemon().start_update({int32_field("timeout", seven_tenths)});
+	ASSERT_TRUE(server.wait_for_requests(firmware, 1));
+	EXPECT_FALSE(pending.finished());
+	expect_outcome(pending.wait(), {.code = 2, .text = timed_out});
+	EXPECT_TRUE(daemon().wait_for_workers(0));
+}
+
+TEST_F(UpdateRetry, TimeoutIsLoggedOnlyForTheFirstAttempt)
+{
+	offer(silence());
+	start_daemon();
+	expect_outcome(update(4, {int32_field("timeout", 0)}), {.code = 2, .text = timed_out});
+	EXPECT_EQ(syslog.count("Unable to download firmware: timeout"), 1u);
+	EXPECT_TRUE(daemon().wait_for_workers(0));
+}
+
+TEST_F(UpdateRetry, TimeoutAfterAnotherFailureIsNotLogged)
+{
+	offer_one_after_another({answer(404, ""), silence()});
+	start_daemon();
+	expect_outcome(update(2, {int32_field("timeout", seven_tenths)}),
+		       {.code = 2, .text = download_failed});
+	EXPECT_EQ(downloads(), 2u);
+	EXPECT_EQ(syslog.count("Unable to download firmware: timeout"), 0u);
+	EXPECT_TRUE(daemon().wait_for_workers(0));
+}
+
+TEST_F(UpdateRetry, TimeoutAfterABadImageMakesItADownloadFailure)
+{
+	offer_one_after_another({answer("no firmware"), silence()});
+	start_daemon();
+	expect_outcome(update(2, {int32_field("timeout", seven_tenths)}),
+		       {.code = 2, .text = "Bad Magic Number [-5]"});
+	EXPECT_EQ(syslog.count("Unable to download firmware: timeout"), 0u);
+	EXPECT_TRUE(daemon().wait_for_workers(0));
+}
+
+TEST_F(UpdateRetry, SucceedsAfterATimeout)
+{
+	offer_one_after_another({silence(), answer(good_image())});
+	start_daemon();
+	expect_outcome(update(2, {int32_field("timeout", seven_tenths), int32_field("delay", 600)}),
+		       {});
+	EXPECT_EQ(syslog.count("Unable to download firmware: timeout"), 1u);
+	expect_installed();
+	EXPECT_TRUE(daemon().wait_for_workers(0));
+}
+
+// The failure's last record reports as many bytes as were announced: from then on the end of a
+// download is taken for a whole file, however it came.
+TEST_F(UpdateRetry, ReportOfAWholeFileOutlivesItsAttempt)
+{
+	offer_one_after_another({answer("half").announce(8).cut_at({2}).hold(),
+				 answer(good_image()).without_length()});
+	start_daemon();
+	PendingCall pending = daemon().start_update({int32_field("attempts", 2)});
+	ASSERT_TRUE(daemon().wait_for_progress(0));
+	server.release_all();
+	expect_outcome(pending.wait(), {});
+	EXPECT_EQ(downloads(), 2u);
+	expect_installed();
+}
+
+TEST_F(UpdateRetry, ReportOfAWholeFileSendsAKilledDownloadToTheImageCheck)
+{
+	offer_one_after_another(
+		{answer("half").announce(8).cut_at({2}).hold(), answer(good_image()).hold()});
+	start_daemon();
+	PendingCall pending = daemon().start_update({int32_field("attempts", 2)});
+	ASSERT_TRUE(daemon().wait_for_progress(0));
+	server.release(2);
+	// It has created the file, and no byte has come yet.
+	::kill(worker_of_download(2), SIGKILL);
+	expect_outcome(pending.wait(), {.code = 3, .text = "Can't mmap image [-4]"});
+	expect_not_installed();
+}
+
+} // namespace

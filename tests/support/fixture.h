@@ -1,0 +1,90 @@
+// SPDX-License-Identifier: ISC
+// Fixtures. RouterFixture: a clean router without services, for unit tests. RouterTest: the router
+// with broker, routerd, log and update server; the daemon starts when the test says so. Both put
+// every changed file back and remove what a test left in /tmp.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "support/bus_services.h"
+#include "support/daemon.h"
+#include "support/http_server.h"
+#include "support/images.h"
+#include "support/manifest.h"
+#include "support/process_table.h"
+#include "support/router_files.h"
+#include "support/syslog_catcher.h"
+
+namespace router_test
+{
+
+class RouterFixture : public testing::Test
+{
+protected:
+	void SetUp() override;
+	void TearDown() override;
+
+	// Processes of this router that were not there when the test began.
+	std::vector<ProcessEntry> new_processes() const;
+
+	RouterFiles files;
+
+private:
+	void remove_new_processes() const;
+
+	std::vector<std::string> files_before_;
+	std::vector<pid_t> processes_before_;
+};
+
+class RouterTest : public RouterFixture
+{
+protected:
+	void SetUp() override;
+	// Fails the test when the daemon died, does not end in order by SIGTERM, or leaves
+	// processes or files of its own in /tmp; see the three expectations below.
+	void TearDown() override;
+
+	// Starts the daemon (with --debug unless told otherwise); again after it has ended.
+	Daemon &start_daemon(const std::vector<std::string> &arguments = {"--debug"});
+	Daemon &daemon()
+	{
+		return *daemon_;
+	}
+	// Serves the manifest at /update.xml, its url pointing to /firmware.bin unless it names
+	// one.
+	void offer(Manifest manifest = {});
+	// The same with the firmware.
+	void offer(const HttpAnswer &firmware, Manifest manifest = {});
+	// A firmware that this router accepts.
+	std::string good_image(std::size_t payload_size = 4096) const;
+
+	// To be called while the daemon idles: no children, no zombies, and the same descriptors
+	// open as after its start.
+	void expect_nothing_leaked() const;
+
+	// What a test may leave behind on purpose. Set before the end of the test.
+	bool may_leave_image = false;	// /tmp/fwupdate.bin or .zip (a successful update)
+	bool may_leave_workers = false; // a worker that was given up and still waits for its server
+	bool may_crash = false;		// the test kills the daemon itself
+
+	SyslogCatcher syslog;
+	std::unique_ptr<BusServices> bus;
+	HttpServer server;
+
+private:
+	void check_end();
+
+	std::unique_ptr<Daemon> daemon_;
+	std::map<int, std::string> descriptors_at_start_;
+};
+
+// The model (product name, upper case) and build date of the simulated router, read from
+// /etc/router/board.json.
+std::string router_model();
+std::string router_builddate();
+
+} // namespace router_test

@@ -1,0 +1,228 @@
+// SPDX-License-Identifier: ISC
+#include "support/images.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <stdexcept>
+#include <zlib.h>
+
+#include "support/process.h"
+#include "support/router_files.h"
+
+namespace router_test
+{
+namespace
+{
+
+constexpr std::size_t uimage_header_size = 64;
+constexpr std::size_t uimage_header_crc_offset = 4;
+
+std::uint32_t crc_of(std::string_view bytes)
+{
+	return static_cast<std::uint32_t>(crc32(0, reinterpret_cast<const Bytef *>(bytes.data()),
+						static_cast<uInt>(bytes.size())));
+}
+
+std::string big_endian(std::uint32_t value)
+{
+	std::string bytes;
+	for (int shift = 24; shift >= 0; shift -= 8) {
+		bytes += static_cast<char>(value >> shift & 0xffU);
+	}
+	return bytes;
+}
+
+std::string little_endian(std::uint64_t value, int size)
+{
+	std::string bytes;
+	for (int shift = 0; shift < 8 * size; shift += 8) {
+		bytes += static_cast<char>(value >> shift & 0xffU);
+	}
+	return bytes;
+}
+
+std::string hexadecimal(std::uint32_t value)
+{
+	char text[16];
+	std::snprintf(text, sizeof(text), "0x%08x", value);
+	return text;
+}
+
+// A folder of one call's own, gone at its end.
+class WorkFolder
+{
+public:
+	WorkFolder()
+	{
+		char pattern[] = "/tmp/image-XXXXXX";
+		if (mkdtemp(pattern) == nullptr) {
+			throw std::runtime_error("cannot make a folder in /tmp");
+		}
+		path_ = pattern;
+	}
+	~WorkFolder()
+	{
+		std::error_code ignored;
+		std::filesystem::remove_all(path_, ignored);
+	}
+	WorkFolder(const WorkFolder &) = delete;
+	WorkFolder &operator=(const WorkFolder &) = delete;
+
+	std::string file(const char *name) const
+	{
+		return path_ + "/" + name;
+	}
+	std::string write(const char *name, std::string_view content) const
+	{
+		std::ofstream stream(file(name), std::ios::binary);
+		stream.write(content.data(), static_cast<std::streamsize>(content.size()));
+		return file(name);
+	}
+
+private:
+	std::string path_;
+};
+
+void run_tool(const std::vector<std::string> &words)
+{
+	RunResult result = run(words);
+	if (!result.status.success()) {
+		throw std::runtime_error(words[0] + " failed: " + result.output + result.errors);
+	}
+}
+
+std::string append_by_fwtool(std::string_view image, const char *option, std::string_view content)
+{
+	WorkFolder folder;
+	std::string file = folder.write("image", image);
+	run_tool({"fwtool", option, folder.write("content", content), file});
+	return read_file(file);
+}
+
+std::string deflated(const std::string &content)
+{
+	constexpr int raw_stream = -MAX_WBITS;
+	z_stream stream = {};
+	deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, raw_stream, 8, Z_DEFAULT_STRATEGY);
+	std::string result(deflateBound(&stream, content.size()), '\0');
+	stream.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(content.data()));
+	stream.avail_in = static_cast<uInt>(content.size());
+	stream.next_out = reinterpret_cast<Bytef *>(result.data());
+	stream.avail_out = static_cast<uInt>(result.size());
+	deflate(&stream, Z_FINISH);
+	result.resize(stream.total_out);
+	deflateEnd(&stream);
+	return result;
+}
+
+} // namespace
+
+std::string make_uimage(std::string_view payload, const UimageOptions &options)
+{
+	WorkFolder folder;
+	std::string image = folder.file("image");
+	run_tool({"mkimage", "-A", "arm", "-O", "linux", "-T", options.type, "-C", "none", "-a",
+		  hexadecimal(options.load_address), "-e", hexadecimal(options.entry_point), "-n",
+		  options.name, "-d", folder.write("payload", payload), image});
+	return read_file(image);
+}
+
+std::string build_uimage(std::string_view payload, UimageHeader header)
+{
+	constexpr std::size_t name_size = 32;
+	header.name.resize(name_size);
+	std::uint32_t size =
+		header.size != 0 ? header.size : static_cast<std::uint32_t>(payload.size());
+	std::string image = big_endian(header.magic) + big_endian(0) + big_endian(header.time) +
+			    big_endian(size) + big_endian(header.load_address) +
+			    big_endian(header.entry_point) + big_endian(crc_of(payload));
+	for (std::uint8_t field :
+	     {header.system, header.architecture, header.type, header.compression}) {
+		image += static_cast<char>(field);
+	}
+	image += header.name;
+	image += payload;
+	seal_uimage(image);
+	return image;
+}
+
+void seal_uimage(std::string &image)
+{
+	image.replace(uimage_header_crc_offset, 4, big_endian(0));
+	std::uint32_t crc = crc_of(std::string_view(image).substr(0, uimage_header_size));
+	image.replace(uimage_header_crc_offset, 4, big_endian(crc));
+}
+
+void flip_bit(std::string &image, std::size_t offset)
+{
+	image.at(offset) = static_cast<char>(image.at(offset) ^ 1);
+}
+
+std::string metadata_json(const std::vector<std::string> &devices, std::string_view customid)
+{
+	std::string list;
+	for (const std::string &device : devices) {
+		list += (list.empty() ? "\"" : ",\"") + device + "\"";
+	}
+	std::string custom;
+	if (!customid.empty()) {
+		custom = ", \"customid\": \"" + std::string(customid) + "\"";
+	}
+	return R"({ "metadata_version": "1.1", "compat_version": "1.0", "supported_devices":[)" +
+	       list + R"(], "version": { "dist": "RouterOS", "version": "24.10", )" +
+	       R"("revision": "r1234", "target": "generic", "board": "generic")" + custom + " } }";
+}
+
+std::string with_metadata(std::string_view image, std::string_view json)
+{
+	return append_by_fwtool(image, "-I", json);
+}
+
+std::string with_signature(std::string_view image, std::string_view signature)
+{
+	return append_by_fwtool(image, "-S", signature);
+}
+
+std::string noise(std::size_t count, std::uint32_t seed)
+{
+	std::mt19937 generator(seed);
+	std::string bytes(count, '\0');
+	for (char &byte : bytes) {
+		byte = static_cast<char>(generator() & 0xffU);
+	}
+	return bytes;
+}
+
+std::string make_zip(const std::vector<ZipMember> &members)
+{
+	constexpr std::uint32_t no_time_or_date = 0x00210000; // 1 January 1980
+	std::string archive;
+	std::string directory;
+	for (const ZipMember &member : members) {
+		std::string data = member.deflate ? deflated(member.content) : member.content;
+		std::string common =
+			little_endian(20, 2) + little_endian(0, 2) +
+			little_endian(member.deflate ? 8 : 0, 2) +
+			little_endian(no_time_or_date, 4) +
+			little_endian(crc_of(member.content), 4) +
+			little_endian(static_cast<std::uint32_t>(data.size()), 4) +
+			little_endian(static_cast<std::uint32_t>(member.content.size()), 4) +
+			little_endian(static_cast<std::uint32_t>(member.name.size()), 2) +
+			little_endian(0, 2);
+		auto offset = static_cast<std::uint32_t>(archive.size());
+		archive.append("PK\x03\x04").append(common).append(member.name).append(data);
+		directory += "PK\x01\x02" + little_endian(20, 2) + common + little_endian(0, 6) +
+			     little_endian(0, 4) + little_endian(offset, 4) + member.name;
+	}
+	auto start = static_cast<std::uint32_t>(archive.size());
+	auto count = static_cast<std::uint32_t>(members.size());
+	return archive + directory + "PK\x05\x06" + little_endian(0, 4) + little_endian(count, 2) +
+	       little_endian(count, 2) +
+	       little_endian(static_cast<std::uint32_t>(directory.size()), 4) +
+	       little_endian(start, 4) + little_endian(0, 2);
+}
+
+} // namespace router_test

@@ -1,0 +1,135 @@
+// SPDX-License-Identifier: ISC
+#include "support/process_table.h"
+
+#include <cctype>
+#include <charconv>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace router_test
+{
+namespace
+{
+
+namespace fs = std::filesystem;
+
+// Inside the simulated router /proc holds only what the router's programs look for.
+const fs::path &proc()
+{
+	static const fs::path root = fs::exists("/realproc/self") ? "/realproc" : "/proc";
+	return root;
+}
+
+std::string read_text(const fs::path &path)
+{
+	std::ifstream file(path, std::ios::binary);
+	std::ostringstream text;
+	text << file.rdbuf();
+	return text.str();
+}
+
+bool to_number(const std::string &text, int &number)
+{
+	auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+	return error == std::errc() && end == text.data() + text.size();
+}
+
+// "12 (name with) blanks) S 1 ...": the name ends at the last parenthesis.
+bool read_entry(pid_t pid, ProcessEntry &entry)
+{
+	std::string stat = read_text(proc() / std::to_string(pid) / "stat");
+	std::size_t open = stat.find('(');
+	std::size_t close = stat.rfind(')');
+	if (open == std::string::npos || close == std::string::npos) {
+		return false;
+	}
+	entry.pid = pid;
+	entry.name = stat.substr(open + 1, close - open - 1);
+	std::istringstream rest(stat.substr(close + 1));
+	rest >> entry.state >> entry.parent;
+	return true;
+}
+
+} // namespace
+
+std::vector<ProcessEntry> all_processes()
+{
+	std::vector<ProcessEntry> entries;
+	for (const fs::directory_entry &folder : fs::directory_iterator(proc())) {
+		int pid = 0;
+		ProcessEntry entry;
+		if (to_number(folder.path().filename(), pid) && read_entry(pid, entry)) {
+			entries.push_back(entry);
+		}
+	}
+	return entries;
+}
+
+std::vector<ProcessEntry> children_of(pid_t pid)
+{
+	std::vector<ProcessEntry> children;
+	for (const ProcessEntry &entry : all_processes()) {
+		if (entry.parent == pid) {
+			children.push_back(entry);
+		}
+	}
+	return children;
+}
+
+bool is_zombie(pid_t pid)
+{
+	ProcessEntry entry;
+	return read_entry(pid, entry) && entry.state == 'Z';
+}
+
+bool is_alive(pid_t pid)
+{
+	ProcessEntry entry;
+	return read_entry(pid, entry) && entry.state != 'Z' && entry.state != 'X';
+}
+
+std::map<int, std::string> open_descriptors(pid_t pid)
+{
+	std::map<int, std::string> descriptors;
+	std::error_code error;
+	fs::path folder = proc() / std::to_string(pid) / "fd";
+	for (auto link = fs::directory_iterator(folder, error); link != fs::directory_iterator();
+	     link.increment(error)) {
+		int number = -1;
+		std::error_code gone;
+		fs::path target = fs::read_symlink(link->path(), gone);
+		if (!gone && to_number(link->path().filename(), number)) {
+			descriptors[number] = target.string();
+		}
+		if (error) {
+			break;
+		}
+	}
+	return descriptors;
+}
+
+long resident_kib(pid_t pid)
+{
+	std::istringstream status(read_text(proc() / std::to_string(pid) / "status"));
+	std::string line;
+	while (std::getline(status, line)) {
+		if (line.starts_with("VmRSS:")) {
+			return std::stol(line.substr(6));
+		}
+	}
+	return 0;
+}
+
+std::vector<std::string> command_line(pid_t pid)
+{
+	std::istringstream text(read_text(proc() / std::to_string(pid) / "cmdline"));
+	std::vector<std::string> words;
+	std::string word;
+	while (std::getline(text, word, '\0')) {
+		words.push_back(word);
+	}
+	return words;
+}
+
+} // namespace router_test

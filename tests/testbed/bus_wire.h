@@ -1,0 +1,177 @@
+// SPDX-License-Identifier: ISC
+// The bus's wire format for tests, written down a second time and independently of the
+// libraries under test: messages as strings of bytes, right ones and wrong ones.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+
+namespace bus_wire
+{
+
+enum Type : std::uint8_t {
+	HELLO,
+	STATUS,
+	DATA,
+	PING,
+	LOOKUP,
+	INVOKE,
+	ADD_OBJECT,
+	REMOVE_OBJECT,
+	SUBSCRIBE,
+	UNSUBSCRIBE,
+	NOTIFY,
+	MONITOR
+};
+
+enum Attribute : std::uint8_t {
+	A_STATUS = 1,
+	A_OBJPATH,
+	A_OBJID,
+	A_METHOD,
+	A_OBJTYPE,
+	A_SIGNATURE,
+	A_DATA,
+	A_NO_REPLY = 10,
+	A_USER = 12,
+	A_GROUP
+};
+
+enum Field : std::uint8_t { F_ARRAY = 1, F_TABLE, F_STRING, F_INT64, F_INT32 };
+
+inline std::string big_endian(std::uint64_t value, int bytes)
+{
+	std::string text;
+
+	while (bytes-- > 0) {
+		text += static_cast<char>(value >> (8 * bytes));
+	}
+	return text;
+}
+
+inline std::uint32_t read_big_endian(std::string_view bytes)
+{
+	std::uint32_t value = 0;
+
+	for (const char c : bytes) {
+		value = value << 8 | static_cast<unsigned char>(c);
+	}
+	return value;
+}
+
+inline std::string padded(std::string bytes)
+{
+	bytes.resize((bytes.size() + 3) / 4 * 4, '\0');
+	return bytes;
+}
+
+inline std::string attribute(int id, std::string_view value)
+{
+	const auto head =
+		static_cast<std::uint32_t>(id) << 24 | static_cast<std::uint32_t>(value.size() + 4);
+
+	return padded(big_endian(head, 4) + std::string(value));
+}
+
+inline std::string number(int id, std::uint32_t value)
+{
+	return attribute(id, big_endian(value, 4));
+}
+
+inline std::string text(int id, const std::string &value)
+{
+	return attribute(id, {value.c_str(), value.size() + 1});
+}
+
+// A blobmsg field with its name.
+inline std::string field(int type, const std::string &name, std::string_view value)
+{
+	const std::string head = padded(big_endian(name.size(), 2) + name + '\0');
+	const auto word = 0x80000000u | static_cast<std::uint32_t>(type) << 24 |
+			  static_cast<std::uint32_t>(4 + head.size() + value.size());
+
+	return padded(big_endian(word, 4) + head + std::string(value));
+}
+
+inline std::string string_field(const std::string &name, const std::string &value)
+{
+	return field(F_STRING, name, {value.c_str(), value.size() + 1});
+}
+
+inline std::string head(int type, int seq, std::uint32_t peer, int version = 0)
+{
+	return big_endian(static_cast<std::uint64_t>(version), 1) +
+	       big_endian(static_cast<std::uint64_t>(type), 1) +
+	       big_endian(static_cast<std::uint64_t>(seq), 2) + big_endian(peer, 4);
+}
+
+inline std::string message(int type, int seq, std::uint32_t peer, const std::string &body = "")
+{
+	return head(type, seq, peer) + big_endian(body.size() + 4, 4) + body;
+}
+
+inline std::string invoke(int seq, std::uint32_t object, const std::string &method,
+			  const std::string &data = "")
+{
+	return message(INVOKE, seq, object,
+		       number(A_OBJID, object) + text(A_METHOD, method) + attribute(A_DATA, data));
+}
+
+inline std::string send_event(int seq, const std::string &id, const std::string &data = "")
+{
+	return invoke(seq, 1, "send", string_field("id", id) + field(F_TABLE, "data", data));
+}
+
+inline std::string register_pattern(int seq, std::uint32_t object, const std::string &pattern)
+{
+	return invoke(seq, 1, "register",
+		      field(F_INT32, "object", big_endian(object, 4)) +
+			      string_field("pattern", pattern));
+}
+
+// A message that was received. Attributes by id, without padding.
+struct Received {
+	int type = -1;
+	int seq = -1;
+	std::uint32_t peer = 0;
+	std::map<int, std::string> attributes;
+
+	// Strings without their zero; empty when there is none.
+	std::string text(int id) const
+	{
+		const auto found = attributes.find(id);
+
+		return found == attributes.end()
+			       ? ""
+			       : found->second.substr(0, found->second.find('\0'));
+	}
+	std::uint32_t number(int id) const
+	{
+		const auto found = attributes.find(id);
+
+		return found == attributes.end() ? 0 : read_big_endian(found->second);
+	}
+};
+
+// `bytes` is one whole message.
+inline Received parse(std::string_view bytes)
+{
+	Received received;
+
+	received.type = static_cast<unsigned char>(bytes[1]);
+	received.seq = static_cast<int>(read_big_endian(bytes.substr(2, 2)));
+	received.peer = read_big_endian(bytes.substr(4, 4));
+	bytes.remove_prefix(12);
+	while (bytes.size() >= 4) {
+		const std::uint32_t word = read_big_endian(bytes.substr(0, 4));
+		const std::size_t length = word & 0xffffff;
+
+		received.attributes[static_cast<int>(word >> 24)] = bytes.substr(4, length - 4);
+		bytes.remove_prefix(std::min(bytes.size(), (length + 3) / 4 * 4));
+	}
+	return received;
+}
+
+} // namespace bus_wire

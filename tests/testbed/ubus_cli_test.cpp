@@ -1,0 +1,263 @@
+// SPDX-License-Identifier: ISC
+// The `ubus` command: what it prints and how it exits.
+#include <csignal>
+
+#include <poll.h>
+
+#include "bus_service.h"
+
+using namespace bus_test;
+using router_test::Command;
+using router_test::Process;
+
+namespace
+{
+
+constexpr const char *usage = "Usage: ubus ";
+
+class Ubus : public UloopBus
+{
+protected:
+	Ubus()
+	{
+		EXPECT_EQ(ubus_add_object(context_.get(), &service_.object), 0);
+		EXPECT_EQ(ubus_add_object(context_.get(), &other_.object), 0);
+	}
+
+	std::unique_ptr<Process> start(std::vector<std::string> words) const
+	{
+		words.insert(words.begin(), {tool("ubus"), "-s", socket()});
+		return std::make_unique<Process>(Command{.words = words});
+	}
+
+	// Runs the command to its end, while this process serves its objects. Not from the
+	// loop, which would collect the child.
+	Process &ubus(std::vector<std::string> words)
+	{
+		process_ = start(std::move(words));
+		const router_test::Deadline deadline;
+		pollfd watched[] = {{context_->sock.fd, POLLIN, 0},
+				    {process_->pid_descriptor(), POLLIN, 0}};
+		while (!watched[1].revents && poll(watched, 2, deadline.remaining()) > 0) {
+			if (watched[0].revents) {
+				ubus_handle_event(context_.get());
+			}
+		}
+		process_->wait();
+		return *process_;
+	}
+
+	int handle(ubus_request_data &request, const std::string &method, blob_attr *arguments)
+	{
+		if (method == "plain") {
+			return plain_status_;
+		}
+		if (method == "go") {
+			ubus_send_reply(context_.get(), &request, arguments);
+			return 0;
+		}
+		ubus_request_data never{};
+		ubus_defer_request(context_.get(), &request, &never);
+		return 0;
+	}
+
+	const Context context_ = connect();
+	Service service_{"test.one", [this](auto &&...all) {
+				 return handle(all...);
+			 }};
+	Service other_{"test.other"};
+	int plain_status_ = 0;
+	std::unique_ptr<Process> process_;
+};
+
+TEST_F(Ubus, ListsPaths)
+{
+	struct {
+		std::vector<std::string> words;
+		const char *output;
+		int code;
+	} const cases[] = {
+		{{"list"}, "test.one\ntest.other\n", 0},
+		{{"-S", "list"}, "test.one\ntest.other\n", 0},
+		{{"-S", "-v", "list"}, "test.one\ntest.other\n", 0},
+		{{"list", "test.one"}, "test.one\n", 0},
+		{{"list", "test.*"}, "test.one\ntest.other\n", 0},
+		{{"list", "test"}, "", 4},
+		{{"list", "none*"}, "", 4},
+	};
+
+	for (const auto &[words, output, code] : cases) {
+		Process &result = ubus(words);
+		EXPECT_EQ(result.output(), output) << words.back();
+		EXPECT_EQ(result.wait().code, code) << words.back();
+		EXPECT_EQ(result.errors(), code ? "Command failed: Not found\n" : "");
+	}
+}
+
+TEST_F(Ubus, ListsMethodsWithTheirArguments)
+{
+	char line[64];
+	snprintf(line, sizeof(line), "'test.one' @%08x\n", service_.object.id);
+	const std::string expected =
+		std::string(line) +
+		"\t\"go\":{\"text\":\"String\",\"count\":\"Integer\",\"flag\":\"Boolean\","
+		"\"table\":\"Table\",\"list\":\"Array\"}\n"
+		"\t\"plain\":{}\n"
+		"\t\"masked\":{\"count\":\"Integer\"}\n";
+
+	EXPECT_EQ(ubus({"-v", "list", "test.one"}).output(), expected);
+	EXPECT_EQ(ubus({"list", "-v", "test.one"}).output(), expected);
+}
+
+TEST_F(Ubus, PrintsTheAnswer)
+{
+	const std::string arguments =
+		R"({"text":"x y","count":3,"table":{"flag":true},"list":[1]})";
+
+	EXPECT_EQ(ubus({"call", "test.one", "go", arguments}).output(),
+		  "{\n\t\"text\": \"x y\",\n\t\"count\": 3,\n\t\"table\": {\n\t\t\"flag\": true\n"
+		  "\t},\n\t\"list\": [\n\t\t1\n\t]\n}\n");
+	EXPECT_EQ(ubus({"-S", "call", "test.one", "go", arguments}).output(), arguments + "\n");
+	EXPECT_EQ(ubus({"-S", "call", "test.one", "go"}).output(), "{}\n");
+	EXPECT_EQ(process_->wait().code, 0);
+	EXPECT_EQ(ubus({"call", "test.one", "plain"}).output(), "");
+	EXPECT_EQ(process_->wait().code, 0);
+}
+
+TEST_F(Ubus, ExitsWithTheStatusOfTheCall)
+{
+	for (int code = 1; code < __UBUS_STATUS_LAST; code++) {
+		plain_status_ = code;
+		Process &result = ubus({"call", "test.one", "plain", "{}"});
+		EXPECT_EQ(result.wait().code, code);
+		EXPECT_EQ(result.output(), "");
+		EXPECT_EQ(result.errors(),
+			  std::string("Command failed: ") + ubus_strerror(code) + "\n");
+	}
+}
+
+TEST_F(Ubus, FailsWithAReason)
+{
+	struct {
+		std::vector<std::string> words;
+		int code;
+		const char *complaint;
+	} const cases[] = {
+		{{"call", "none", "go"}, 4, "Not found"},
+		{{"call", "test.one", "none"}, 3, "Method not found"},
+		{{"-t", "1", "call", "test.one", "masked"}, 7, "Request timed out"},
+		{{"call", "test.one", "go", "{bad"}, 12, "Parsing message data failed"},
+		{{"call", "test.one", "go", ""}, 12, "Parsing message data failed"},
+		{{"call", "test.one", "go", "[1]"}, 12, "Parsing message data failed"},
+		{{"call", "test.one", "go", "\"x\""}, 12, "Parsing message data failed"},
+		{{"send", "x", "{"}, 12, "Parsing message data failed"},
+		{{"send", "ubus.x"}, 6, "Permission denied"},
+		{{"-t", "1", "wait_for", "none"}, 7, "Request timed out"},
+		{{"list", "a", "b"}, 254, usage},
+		{{"call"}, 254, usage},
+		{{"call", "test.one"}, 254, usage},
+		{{"call", "test.one", "go", "{}", "{}"}, 254, usage},
+		{{"send"}, 254, usage},
+		{{"send", "x", "{}", "{}"}, 254, usage},
+		{{"wait_for"}, 254, usage},
+		{{"dance"}, 254, usage},
+		{{}, 1, usage},
+		{{"-x", "list"}, 1, usage},
+		{{"-t", "x", "list"}, 1, usage},
+		{{"-t", "-1", "list"}, 1, usage},
+		{{"-t", "1s", "list"}, 1, usage},
+		{{"-t", "99999999", "list"}, 1, usage},
+		{{"-t"}, 1, usage},
+	};
+
+	for (const auto &[words, code, complaint] : cases) {
+		Process &result = ubus(words);
+		std::string line;
+		for (const std::string &word : words) {
+			line += word + " ";
+		}
+		EXPECT_EQ(result.wait().code, code) << line;
+		EXPECT_EQ(result.output(), "") << line;
+		EXPECT_NE(result.errors().find(complaint), std::string::npos)
+			<< line << ": " << result.errors();
+	}
+}
+
+TEST_F(Ubus, SaysWhenThereIsNoBroker)
+{
+	const auto result = router_test::run({tool("ubus"), "-s", path("none"), "list"});
+
+	EXPECT_EQ(result.status.code, 255);
+	EXPECT_EQ(result.errors, "Failed to connect to ubus\n");
+}
+
+TEST_F(Ubus, SendsEvents)
+{
+	Listener listener("stop");
+	ASSERT_EQ(ubus_register_event_handler(context_.get(), &listener, "*"), 0);
+
+	EXPECT_EQ(ubus({"send", "foo", R"({"a":{"b":[1,"x"]}})"}).wait().code, 0);
+	EXPECT_EQ(ubus({"send", "bar"}).wait().code, 0);
+	const auto last = start({"send", "stop"});
+	run_loop();
+	EXPECT_EQ(listener.heard, R"(foo {"a":{"b":[1,"x"]}} bar {} stop {} )");
+}
+
+// Nothing tells when the command has begun to listen: it is called until it hears.
+TEST_F(Ubus, PrintsEventsAsTheyCome)
+{
+	const auto everything = start({"listen"});
+	const auto some = start({"listen", "foo*", "ready"});
+	const auto limited = start({"-t", "1", "listen"});
+	const RawClient caller(socket());
+	const auto hears = [&caller](Process &process) {
+		return router_test::eventually([&] {
+			caller.send(bus_wire::send_event(1, "ready"));
+			return process.wait_for_output("{ \"ready\": {} }\n",
+						       std::chrono::milliseconds(20));
+		});
+	};
+	ASSERT_TRUE(hears(*everything));
+	ASSERT_TRUE(hears(*some));
+
+	caller.send(bus_wire::send_event(2, "foo.bar", bus_wire::string_field("a", "b")));
+	caller.send(bus_wire::send_event(2, "bar"));
+	caller.send(bus_wire::send_event(2, "foo"));
+	EXPECT_TRUE(everything->wait_for_output("{ \"foo.bar\": {\"a\":\"b\"} }\n{ \"bar\": {} }\n"
+						"{ \"foo\": {} }\n"));
+	EXPECT_TRUE(some->wait_for_output("{ \"foo.bar\": {\"a\":\"b\"} }\n{ \"foo\": {} }\n"));
+	EXPECT_EQ(some->output().find("\"bar\""), std::string::npos);
+	EXPECT_EQ(limited->wait().code, 0);
+
+	some->signal(SIGTERM);
+	EXPECT_EQ(some->wait().code, 0);
+	broker_->kill();
+	EXPECT_EQ(everything->wait().code, UBUS_STATUS_CONNECTION_FAILED);
+	EXPECT_EQ(everything->errors(), "Command failed: Connection failed\n");
+}
+
+TEST_F(Ubus, WaitsForObjects)
+{
+	EXPECT_EQ(ubus({"wait_for", "test.one", "test.other"}).wait().code, 0);
+
+	const auto waiting = start({"wait_for", "test.one", "late", "later"});
+	RawClient owner(socket());
+	owner.add_object("late");
+	EXPECT_TRUE(waiting->running());
+	owner.add_object("later");
+	EXPECT_EQ(waiting->wait().code, 0);
+	EXPECT_EQ(waiting->output() + waiting->errors(), "");
+}
+
+TEST_F(Ubus, ABrokerThatDiesEndsACall)
+{
+	RawClient owner(socket());
+	owner.add_object("raw");
+	const auto call = start({"call", "raw", "go"});
+
+	owner.receive();
+	broker_->kill();
+	EXPECT_EQ(call->wait().code, UBUS_STATUS_CONNECTION_FAILED);
+}
+
+} // namespace

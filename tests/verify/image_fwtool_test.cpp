@@ -1,0 +1,186 @@
+// SPDX-License-Identifier: ISC
+// The U-Boot legacy image whose addresses are equal and whose name ends in zeros: fwtool decides
+// instead of the data CRC.
+#include "firmware_fixture.h"
+
+using namespace fwupdate;
+using namespace router_test;
+
+namespace
+{
+
+constexpr std::size_t header_size = 64;
+constexpr std::size_t header_crc_offset = 4;
+constexpr std::size_t load_address_offset = 16;
+constexpr std::size_t data_crc_offset = 24;
+constexpr const char *damaged_text = "Error on reading signature, possibly firmware is damaged\n";
+constexpr const char *not_run_text = "Error on checking signature via fwtool\n";
+
+class UimageForFwtool : public FirmwareFixture
+{
+protected:
+	// Left to fwtool: equal addresses and a name that ends in zeros.
+	static std::string for_fwtool(const std::string &name = "MODEL-X")
+	{
+		return build_uimage(noise(1000), {.entry_point = same_address, .name = name});
+	}
+};
+
+} // namespace
+
+TEST_F(UimageForFwtool, MadeByMkimageAndFwtoolForThisModelIsGood)
+{
+	const std::string image = make_uimage(noise(3000), {.entry_point = same_address});
+	EXPECT_EQ(verify(with_metadata(image, metadata_json({"SOMETHING-ELSE"}))), IMAGE_GOOD);
+	EXPECT_EQ(remembered_model(), "MODEL-X");
+	EXPECT_FALSE(exists(side_file));
+	EXPECT_EQ(logged(), Texts{});
+}
+
+TEST_F(UimageForFwtool, WithADamagedHeaderIsNotGivenToFwtool)
+{
+	record_fwtool();
+	std::string image = for_fwtool();
+	flip_bit(image, header_crc_offset);
+	EXPECT_EQ(verify(image), IMAGE_BAD_HEADER);
+	EXPECT_TRUE(extractions().empty());
+}
+
+TEST_F(UimageForFwtool, IsGivenToFwtoolForEqualAddressesAndAZeroNameTail)
+{
+	record_fwtool();
+	const std::string image = for_fwtool();
+	EXPECT_EQ(verify(with_metadata(image, metadata_json({"x"}))), IMAGE_GOOD);
+	EXPECT_EQ(extractions(), std::vector<Texts>{extraction(firmware_path)});
+	EXPECT_FALSE(exists(side_file));
+	EXPECT_EQ(logged(), Texts{});
+}
+
+TEST_F(UimageForFwtool, WithoutMetadataIsABadChecksumWhereFwtoolDecides)
+{
+	// The data CRC is right, and does not help.
+	EXPECT_EQ(verify(for_fwtool()), IMAGE_BAD_CHECKSUM);
+	EXPECT_EQ(logged(), Texts{damaged_text});
+	EXPECT_TRUE(exists(side_file)) << "what fwtool wrote stays";
+}
+
+TEST_F(UimageForFwtool, MayHaveAWrongDataCrcWhereFwtoolDecides)
+{
+	std::string image = for_fwtool();
+	flip_bit(image, data_crc_offset);
+	seal_uimage(image);
+	flip_bit(image, header_size);
+	EXPECT_EQ(verify(with_metadata(image, metadata_json({"x"}))), IMAGE_GOOD);
+}
+
+TEST_F(UimageForFwtool, DamagedBehindItsMetadatasCrcIsABadChecksum)
+{
+	std::string image = with_metadata(for_fwtool(), metadata_json({"x"}));
+	flip_bit(image, header_size + 5);
+	EXPECT_EQ(verify(image), IMAGE_BAD_CHECKSUM);
+	EXPECT_EQ(logged(), Texts{damaged_text});
+}
+
+TEST_F(UimageForFwtool, ForAnotherModelIsABadModelWhereFwtoolDecidesToo)
+{
+	const std::string image = for_fwtool("MODEL-Y");
+	EXPECT_EQ(verify(with_metadata(image, metadata_json({"MODEL-X"}))), IMAGE_BAD_MODEL);
+	EXPECT_FALSE(exists(side_file));
+}
+
+TEST_F(UimageForFwtool, IsGivenToFwtoolUpToANameOf28Characters)
+{
+	record_fwtool();
+	for (const std::size_t length : {28U, 29U}) {
+		SCOPED_TRACE(length);
+		set_product_name(std::string(length, 'x'));
+		EXPECT_EQ(verify(for_fwtool(std::string(length, 'X'))),
+			  length == 28U ? IMAGE_BAD_CHECKSUM : IMAGE_GOOD);
+	}
+	EXPECT_EQ(extractions().size(), 1U);
+}
+
+TEST_F(UimageForFwtool, IsABadChecksumWhenFwtoolIsMissingOrFails)
+{
+	const std::string image = with_metadata(for_fwtool(), metadata_json({"x"}));
+	files.remove(fwtool_path);
+	EXPECT_EQ(verify(image), IMAGE_BAD_CHECKSUM);
+	EXPECT_EQ(logged(), Texts{damaged_text});
+	files.write(fwtool_path, "#!/bin/sh\nexit 0\n", 0644);
+	EXPECT_EQ(verify(image), IMAGE_BAD_CHECKSUM);
+	EXPECT_EQ(logged(), Texts{damaged_text});
+	for (const char *status : {"1", "2", "128", "255"}) {
+		SCOPED_TRACE(status);
+		files.install_tool(fwtool_path, std::string("echo {} >\"$2\"; exit ") + status);
+		EXPECT_EQ(verify(image), IMAGE_BAD_CHECKSUM);
+		EXPECT_EQ(logged(), Texts{damaged_text});
+		EXPECT_EQ(read_file(side_file), "{}\n");
+	}
+}
+
+TEST_F(UimageForFwtool, IsGoodWhenASignalKillsFwtool)
+{
+	files.install_tool(fwtool_path, "echo {} >\"$2\"; kill -KILL $$");
+	EXPECT_EQ(verify(for_fwtool()), IMAGE_GOOD);
+	EXPECT_EQ(logged(), Texts{});
+	EXPECT_FALSE(exists(side_file));
+}
+
+TEST_F(UimageForFwtool, IsABadChecksumWhenFwtoolCannotBeRun)
+{
+	const std::string image = with_metadata(for_fwtool(), metadata_json({"x"}));
+	const IgnoredChildren ignored;
+	EXPECT_EQ(verify(image), IMAGE_BAD_CHECKSUM);
+	EXPECT_EQ(logged(), Texts{not_run_text});
+}
+
+TEST_F(UimageForFwtool, NeedsAPathWhoseFwtoolCommandFits)
+{
+	record_fwtool();
+	const std::string image = with_metadata(for_fwtool(), metadata_json({"x"}));
+	const std::string fits = path_of_length(longest_path);
+	write_bytes(fits, image);
+	EXPECT_EQ(verify_image(fits.c_str()), IMAGE_GOOD);
+	EXPECT_FALSE(exists(fits + ".signature"));
+	EXPECT_EQ(extractions(), std::vector<Texts>{extraction(fits)});
+	EXPECT_EQ(logged(), Texts{});
+
+	for (const std::size_t length : {longest_path + 1, longest_path + 2, std::size_t{240}}) {
+		SCOPED_TRACE(length);
+		const std::string path = path_of_length(length);
+		write_bytes(path, image);
+		EXPECT_EQ(verify_image(path.c_str()), IMAGE_BAD_CHECKSUM);
+		EXPECT_EQ(logged(), Texts{not_run_text});
+		EXPECT_FALSE(exists(path + ".signature"));
+	}
+	EXPECT_EQ(extractions().size(), 1U);
+}
+
+TEST_F(UimageForFwtool, KeepsToItsDataCrcWhenOneByteOfTheAddressesDiffers)
+{
+	record_fwtool();
+	for (std::size_t offset = load_address_offset; offset < load_address_offset + 8; offset++) {
+		SCOPED_TRACE(offset);
+		std::string image = for_fwtool();
+		flip_bit(image, offset);
+		seal_uimage(image);
+		EXPECT_EQ(verify(image), IMAGE_GOOD);
+		EXPECT_EQ(verify(image + "x"), IMAGE_BAD_CHECKSUM);
+	}
+	EXPECT_TRUE(extractions().empty());
+}
+
+TEST_F(UimageForFwtool, KeepsToItsDataCrcWhenOneByteOfTheNameTailIsSet)
+{
+	record_fwtool();
+	for (std::size_t offset = header_size - 4; offset < header_size; offset++) {
+		SCOPED_TRACE(offset);
+		std::string image = for_fwtool();
+		flip_bit(image, offset);
+		seal_uimage(image);
+		// The name's text ends before that byte.
+		EXPECT_EQ(verify(image), IMAGE_GOOD);
+		EXPECT_EQ(verify(image + "x"), IMAGE_BAD_CHECKSUM);
+	}
+	EXPECT_TRUE(extractions().empty());
+}
