@@ -57,7 +57,9 @@ int unpack_firmware(const char *name, bool archive)
 		log_message("Error while save unpacked firmware\n");
 		return -1;
 	}
-	std::fwrite(member.data, 1, member.size, image);
+	if (member.data != nullptr) {
+		std::fwrite(member.data, 1, member.size, image);
+	}
 	std::fclose(image);
 	return 0;
 }

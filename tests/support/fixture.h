@@ -77,6 +77,7 @@ protected:
 
 private:
 	void check_end();
+	bool worker_is_left() const;
 
 	std::unique_ptr<Daemon> daemon_;
 	std::map<int, std::string> descriptors_at_start_;

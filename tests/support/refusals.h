@@ -16,9 +16,4 @@ void with_refused(const std::vector<int> &calls, int error, const std::function<
 // The same, with what fork(2), system(3) and popen(3) rest on.
 void with_processes_refused(const std::function<void()> &step);
 
-// Runs `step` in a thread of its own in which the `nth` (from 1) of these calls fails; what that
-// thread starts does not count and is not refused. Programs that step starts may run on, but must
-// not outlive it by much: the kernel asks us about their calls too.
-void with_nth_refused(int call, int nth, int error, const std::function<void()> &step);
-
 } // namespace router_test
