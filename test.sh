@@ -105,14 +105,17 @@ build_preset() {
 	cmake --build --preset "$1" -j "$jobs" -- --quiet
 }
 
-# Of our own sources whatever is there now, committed or not.
+# Whatever is in the tree now, committed or not.
+files() {
+	find . -path ./build -prune -o -path ./.git -prune -o -type f "$@" -printf '%P\n'
+}
+
 sources() {
-	find src testbed tests bench fuzz package -name '*.[ch]' -o -name '*.cpp' 2>/dev/null
+	files \( -name '*.[ch]' -o -name '*.cpp' \)
 }
 
 scripts() {
-	find . -path ./build -prune -o -path ./.git -prune -o -type f -print0 |
-		xargs -0 awk 'FNR == 1 && /^#!.*\/(env )?(ba)?sh/ { print FILENAME } { nextfile }'
+	files | xargs awk 'FNR == 1 && /^#!.*\/(env )?(ba)?sh/ { print FILENAME } { nextfile }'
 }
 
 check_format() {
