@@ -270,7 +270,7 @@ TEST_F(WorkerTest, LostReaderEndsTheTransferAndDeletesTheFile)
 	server.on("/f", answer("image").in_pieces(2).hold());
 	Worker worker(server.url("/f"));
 	server.release();
-	ASSERT_TRUE(server.wait_for_pieces(1));
+	ASSERT_TRUE(server.wait_for_pieces("/f", 1));
 	ASSERT_TRUE(wait_until_exists(TARGET));
 	worker.give_up();
 	// Once a second libcurl asks; the pipe is noticed then.
@@ -286,7 +286,7 @@ TEST_F(WorkerTest, SuccessorsFileIsNotDeleted)
 	server.on("/f", answer("image").in_pieces(2).hold());
 	Worker worker(server.url("/f"));
 	server.release();
-	ASSERT_TRUE(server.wait_for_pieces(1));
+	ASSERT_TRUE(server.wait_for_pieces("/f", 1));
 	ASSERT_TRUE(wait_until_exists(TARGET));
 	unlink(TARGET);
 	files.write(TARGET, "the successor's");
@@ -300,7 +300,7 @@ TEST_F(WorkerTest, SuccessorDoesNotShareTheFileOfItsPredecessor)
 	server.on("/f", {answer("predecessor").in_pieces(2).hold(), answer("successor")});
 	Worker first(server.url("/f"));
 	server.release();
-	ASSERT_TRUE(server.wait_for_pieces(1));
+	ASSERT_TRUE(server.wait_for_pieces("/f", 1));
 	ASSERT_TRUE(wait_until_exists(TARGET));
 	Worker second(server.url("/f"));
 	EXPECT_EQ(second.end(), 0);

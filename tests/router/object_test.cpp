@@ -140,7 +140,7 @@ TEST_F(State, HasNoProgressWhileTheSizeIsUnknown)
 	start_daemon();
 	PendingCall update = daemon().start_update();
 	server.release();
-	ASSERT_TRUE(server.wait_for_pieces(1));
+	ASSERT_TRUE(server.wait_for_pieces("/firmware.bin", 1));
 	ASSERT_TRUE(daemon().wait_for_state("FIRMWARE_CONNECT"));
 	EXPECT_EQ(names(daemon().state()), (std::vector<std::string>{"state", "message"}));
 	server.release();

@@ -22,7 +22,7 @@ protected:
 		start_daemon();
 		PendingCall pending = daemon().start_update(arguments);
 		server.release();
-		EXPECT_TRUE(server.wait_for_pieces(1));
+		EXPECT_TRUE(server.wait_for_pieces(firmware, 1));
 		return pending;
 	}
 };

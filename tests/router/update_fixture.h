@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -152,12 +153,19 @@ protected:
 	}
 
 	// The one worker of the moment, once its download has reached the server `count` times.
+	// Throws when there is none: as a process id, no number says "nobody" (0 is everybody).
 	pid_t worker_of_download(std::size_t count)
 	{
-		EXPECT_TRUE(server.wait_for_requests(firmware, count));
+		if (!server.wait_for_requests(firmware, count)) {
+			throw std::runtime_error("the server has seen " +
+						 std::to_string(downloads()) + " downloads, not " +
+						 std::to_string(count));
+		}
 		const std::vector<pid_t> workers = daemon().workers();
-		EXPECT_FALSE(workers.empty());
-		return workers.empty() ? 0 : workers.back();
+		if (workers.empty()) {
+			throw std::runtime_error("the daemon has no worker");
+		}
+		return workers.back();
 	}
 };
 

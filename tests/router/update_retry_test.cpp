@@ -128,7 +128,7 @@ TEST_F(UpdateRetry, TimeoutEndsADownloadThatIsUnderWay)
 	start_daemon();
 	PendingCall pending = daemon().start_update({int32_field("timeout", seven_tenths)});
 	server.release();
-	ASSERT_TRUE(server.wait_for_pieces(1));
+	ASSERT_TRUE(server.wait_for_pieces(firmware, 1));
 	EXPECT_FALSE(pending.finished());
 	expect_outcome(pending.wait(), {.code = 2, .text = timed_out});
 	EXPECT_TRUE(daemon().wait_for_workers(0));

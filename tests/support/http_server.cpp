@@ -96,7 +96,7 @@ struct HttpServer::State {
 	std::map<std::string, Script> scripts;
 	std::vector<HttpRequest> requests;
 	std::size_t releases = 0;
-	std::size_t pieces = 0;
+	std::map<std::string, std::size_t> pieces; // by path
 	std::size_t closed = 0;
 
 	std::vector<std::thread> connections; // the accepting thread's alone
@@ -105,9 +105,9 @@ struct HttpServer::State {
 	void accept_all();
 	void serve(int descriptor);
 	HttpAnswer answer_to(const HttpRequest &request);
-	void give(Connection &connection, const HttpAnswer &answer);
+	void give(Connection &connection, const std::string &path, const HttpAnswer &answer);
 	bool wait_for_release();
-	bool send_piece(Connection &connection, std::string_view bytes);
+	bool send_piece(Connection &connection, const std::string &path, std::string_view bytes);
 	template<typename Condition> bool wait_until(Condition condition, milliseconds limit)
 	{
 		std::unique_lock lock(mutex);
@@ -139,7 +139,8 @@ void HttpServer::State::serve(int descriptor)
 		Connection connection(descriptor, stop);
 		std::string head = connection.read_head();
 		if (!head.empty()) {
-			give(connection, answer_to(parse_request(head)));
+			const HttpRequest request = parse_request(head);
+			give(connection, request.path(), answer_to(request));
 		}
 	}
 	std::lock_guard lock(mutex);
@@ -173,18 +174,20 @@ bool HttpServer::State::wait_for_release()
 	return true;
 }
 
-bool HttpServer::State::send_piece(Connection &connection, std::string_view bytes)
+bool HttpServer::State::send_piece(Connection &connection, const std::string &path,
+				   std::string_view bytes)
 {
 	if (!connection.send(bytes) || !connection.wait_until_read()) {
 		return false;
 	}
 	std::lock_guard lock(mutex);
-	pieces++;
+	pieces[path]++;
 	changed.notify_all();
 	return true;
 }
 
-void HttpServer::State::give(Connection &connection, const HttpAnswer &answer)
+void HttpServer::State::give(Connection &connection, const std::string &path,
+			     const HttpAnswer &answer)
 {
 	if (answer.silent) {
 		if (answer.reset_after) {
@@ -214,7 +217,7 @@ void HttpServer::State::give(Connection &connection, const HttpAnswer &answer)
 		allowed -= answer.reset_after ? part.size() : 0;
 		// The head travels with the first piece: a client meets both in one read.
 		unsent += part;
-		open = send_piece(connection, unsent);
+		open = send_piece(connection, path, unsent);
 		unsent.clear();
 	}
 	if (answer.reset_after) {
@@ -330,9 +333,10 @@ bool HttpServer::wait_for_requests(const std::string &path, std::size_t count,
 	return state_->wait_until(enough, limit);
 }
 
-bool HttpServer::wait_for_pieces(std::size_t count, milliseconds limit) const
+bool HttpServer::wait_for_pieces(const std::string &path, std::size_t count,
+				 milliseconds limit) const
 {
-	return state_->wait_until([&] { return state_->pieces >= count; }, limit);
+	return state_->wait_until([&] { return state_->pieces[path] >= count; }, limit);
 }
 
 bool HttpServer::wait_for_closed(std::size_t count, milliseconds limit) const

@@ -43,9 +43,10 @@ public:
 	bool wait_for_requests(std::size_t count, milliseconds limit = wait_limit()) const;
 	bool wait_for_requests(const std::string &path, std::size_t count,
 			       milliseconds limit = wait_limit()) const;
-	// True when `count` body pieces in all have been sent and read by the client, or when that
-	// many connections were closed by either side.
-	bool wait_for_pieces(std::size_t count, milliseconds limit = wait_limit()) const;
+	// True when `count` body pieces of that path have been sent and read by the clients, or
+	// when that many connections were closed by either side.
+	bool wait_for_pieces(const std::string &path, std::size_t count,
+			     milliseconds limit = wait_limit()) const;
 	bool wait_for_closed(std::size_t count, milliseconds limit = wait_limit()) const;
 
 private:

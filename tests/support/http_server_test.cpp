@@ -125,9 +125,9 @@ TEST(HttpServer, NextPieceWaitsUntilTheClientHasReadTheOneBefore)
 	server.on("/a", answer("abcd").in_pieces(2));
 	Client client(server, "/a");
 	ASSERT_TRUE(client.readable());
-	EXPECT_FALSE(server.wait_for_pieces(1, milliseconds(20)));
+	EXPECT_FALSE(server.wait_for_pieces("/a", 1, milliseconds(20)));
 	EXPECT_EQ(body_of(client.read_once()), "ab");
-	EXPECT_TRUE(server.wait_for_pieces(1));
+	EXPECT_TRUE(server.wait_for_pieces("/a", 1));
 	EXPECT_EQ(client.read_once(), "cd");
 }
 
