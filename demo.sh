@@ -21,13 +21,19 @@ fail() {
 	exit 1
 }
 
+misuse() {
+	echo "demo.sh: $*" >&2
+	usage >&2
+	exit 2
+}
+
 mode=update
 case $#:${1-} in
 0:) ;;
 1:--shell) mode=shell ;;
 1:--fail) mode=fail ;;
 1:--help) usage && exit 0 ;;
-*) fail "unknown arguments '$*'; --help lists them." ;;
+*) misuse "unknown arguments '$*'." ;;
 esac
 
 cd -- "$(dirname -- "$0")" || exit 1

@@ -10,14 +10,19 @@ fail() {
 	exit 1
 }
 
-case ${1-} in
-'') ;;
---help)
+usage() {
 	echo "Usage: ./setup.sh"
 	echo "Installs the missing packages of testbed/packages.list (as root), or says how to."
-	exit 0
+}
+
+case $#:${1-} in
+0:) ;;
+1:--help) usage && exit 0 ;;
+*)
+	echo "setup.sh: unknown arguments '$*'." >&2
+	usage >&2
+	exit 2
 	;;
-*) fail "unknown argument '$1'; there is only --help." ;;
 esac
 
 # nginx and others would start as services; here they are wanted as programs.

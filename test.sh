@@ -26,6 +26,12 @@ failed, no check complained and at least one test ran.
 TEXT
 }
 
+misuse() {
+	echo "test.sh: $*" >&2
+	usage >&2
+	exit 2
+}
+
 mode=full
 mutants=0
 seed=1
@@ -33,7 +39,7 @@ filter=
 while [ $# -gt 0 ]; do
 	case $1 in
 	--mutants | --seed | --filter)
-		[ $# -ge 2 ] || { echo "test.sh: $1 takes a value; --help lists the options" >&2; exit 2; } ;;
+		[ $# -ge 2 ] || misuse "$1 takes a value" ;;
 	esac
 	case $1 in
 	--quick) mode=quick ;;
@@ -43,10 +49,15 @@ while [ $# -gt 0 ]; do
 	--seed) seed=$2 && shift ;;
 	--filter) filter=$2 && shift ;;
 	--help) usage && exit 0 ;;
-	*) echo "test.sh: unknown argument '$1'; --help lists the options" >&2 && exit 2 ;;
+	*) misuse "unknown argument '$1'" ;;
 	esac
 	shift
 done
+
+for number in "$mutants" "$seed"; do
+	[[ $number =~ ^[0-9]+$ ]] || misuse "'$number' is not a number"
+done
+[ "$mode" != mutants ] || [ "$mutants" -gt 0 ] || misuse "--mutants takes at least 1"
 
 jobs=$(nproc)
 passed=0

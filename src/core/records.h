@@ -56,7 +56,8 @@ inline constexpr std::size_t MESSAGE_SIZE = 256;
 inline constexpr std::size_t PARTITION_SIZE = 32;
 
 // The fields of one update job. They are cleared to zero all together when a
-// job ends; `watch.fd` is -1 whenever no pipe is open. Written by the job alone.
+// job ends; `watch.fd` is then -1, as whenever a job has no pipe open (before the first
+// job it is 0, like everything). Written by the job alone.
 struct UpdateJob {
 	ubus_request_data request; // the caller's deferred request, a whole copy
 	uloop_timeout timer;	   // the job's one timer: time-out, retry wait or delay
@@ -77,7 +78,7 @@ struct UpdateContext {
 	char message[MESSAGE_SIZE];	     // last text logged; emptied by update and check
 	std::int32_t result;		     // UpdateError of the last request
 	std::int32_t need_update;	     // last query: -1 failed, 0 nothing newer, 1 newer
-	char boot_partition[PARTITION_SIZE]; // to be recorded after the update; never cleared
+	char boot_partition[PARTITION_SIZE]; // to be recorded after an update; jobs leave it
 	UpdateJob job;
 };
 

@@ -181,6 +181,7 @@ void verify_download()
 	begin_delay();
 }
 
+// A size that was never announced is 0: such a download is never whole.
 bool whole_file_received(const ProgressRecord &progress)
 {
 	return progress.total != 0 && progress.total == progress.received;

@@ -28,6 +28,7 @@ const char *result_text()
 
 } // namespace
 
+// Clients compare these texts, the misspelt one too.
 const char *update_error_text(std::int32_t code)
 {
 	switch (code) {

@@ -50,6 +50,7 @@ int handle_check(ubus_context *connection, ubus_object * /*object*/, ubus_reques
 	}
 	add_number("error_code", update_context.result);
 	add_text("error_message", update_error_text(update_context.result));
+	// Misspelt since its first release; listeners know it by this name.
 	ubus_send_event(connection, "fwupdate.avaliable", reply_buffer.head);
 	send_reply(request);
 	return UBUS_STATUS_OK;

@@ -89,22 +89,22 @@ std::int32_t transfer_status(CURLcode code, long position)
 }
 
 // False when a successor has put a file of its own in the place of this one.
-bool is_still_at(const char *path, const struct stat &own)
-{
-	struct stat found;
-	return stat(path, &found) == 0 && found.st_dev == own.st_dev && found.st_ino == own.st_ino;
-}
-
-// Closes the file and, when the transfer failed, deletes it.
-void close_target(std::FILE *file, const char *target, std::int32_t status)
+bool is_still_at(const char *path, std::FILE *file)
 {
 	struct stat own;
-	const bool known = fstat(fileno(file), &own) == 0;
-	const bool ours = known && is_still_at(target, own);
-	std::fclose(file);
-	if (status != 0 && ours) {
+	struct stat found;
+	return fstat(fileno(file), &own) == 0 && stat(path, &found) == 0 &&
+	       found.st_dev == own.st_dev && found.st_ino == own.st_ino;
+}
+
+// Closes the file and, when the transfer failed, deletes it: while it is open no other
+// file can get its inode number.
+void close_target(std::FILE *file, const char *target, std::int32_t status)
+{
+	if (status != 0 && is_still_at(target, file)) {
 		std::remove(target);
 	}
+	std::fclose(file);
 }
 
 } // namespace

@@ -21,15 +21,17 @@ struct ProgressTracker {
 
 // Downloads `url` into the file `target`, reports through `progress_pipe` and ends
 // the process: with status 0 after a final record, with 255 and no record when the
-// file or the transfer could not be set up. A file that failed is deleted, unless
-// another worker has put a new one in its place meanwhile.
+// file or the transfer could not be set up, and with 0 and neither record nor file
+// when the daemon had closed its end of the pipe before. A file that failed is
+// deleted, unless another worker has put a new one in its place meanwhile.
 [[noreturn]] void run_worker(const char *url, const char *target, std::int32_t timeout,
 			     int progress_pipe);
 
 // libcurl's progress callback. Sends a record when a new second of the monotonic
-// clock has begun, and whenever all bytes that were announced have arrived.
-// `tracker` points to the ProgressTracker. Returns 0, or -1 to end the transfer
-// when nobody reads the pipe any more.
+// clock has begun, and whenever the two counts are equal: all announced bytes have
+// arrived, or both are 0 because the server has said nothing yet. `tracker` points to
+// the ProgressTracker. Returns 0, or -1 to end the transfer when nobody reads the
+// pipe any more.
 int report_progress(void *tracker, curl_off_t total, curl_off_t now, curl_off_t upload_total,
 		    curl_off_t upload_now);
 

@@ -180,6 +180,7 @@ int set_boot_partition(const char *name)
 	if (access("/usr/sbin/fw_setenv", X_OK) != 0) {
 		return 1;
 	}
+	// The longest name fits: no caller keeps more than 31 characters.
 	format_text(command, sizeof(command), "/usr/sbin/fw_setenv bootpart %s", name);
 	return run_command(command) == CommandResult::SUCCEEDED ? 1 : 0;
 }

@@ -1,0 +1,135 @@
+// SPDX-License-Identifier: ISC
+// The launcher of the simulated router, as its callers see it.
+#include <algorithm>
+#include <csignal>
+
+#include "tool_test.h"
+
+using router_test::run;
+using router_test::RunResult;
+
+namespace
+{
+
+constexpr int cannot_open = 1;
+constexpr int misused = 2;
+
+class Router : public ToolTest
+{
+protected:
+	// `options` come before the command.
+	static RunResult router(const std::string &script,
+				const std::vector<std::string> &options = {"--bare"})
+	{
+		std::vector<std::string> words = launcher();
+		words.insert(words.end(), options.begin(), options.end());
+		words.insert(words.end(), {"--", "sh", "-c", script});
+		return run(words, "");
+	}
+
+	static RunResult refused(const std::vector<std::string> &options)
+	{
+		std::vector<std::string> words = launcher();
+		words.insert(words.end(), options.begin(), options.end());
+		return run(words, "");
+	}
+
+private:
+	// In a session of its own, or a signal that gets out would end this program.
+	static std::vector<std::string> launcher()
+	{
+		return {"setsid", TESTBED_DIR "/router", "--build", BUILD_DIR};
+	}
+};
+
+TEST_F(Router, HandsBackTheCommandsOutputAndStatus)
+{
+	const RunResult result = router("echo out; echo err >&2; exit 7");
+	EXPECT_EQ(result.status.code, 7);
+	EXPECT_EQ(result.output, "out\n");
+	EXPECT_EQ(result.errors, "err\n");
+}
+
+TEST_F(Router, TellsWhichSignalEndedTheCommand)
+{
+	EXPECT_EQ(router("kill -9 $$").status.code, 128 + SIGKILL);
+}
+
+// `kill 0` ends a whole process group, other namespaces or not.
+TEST_F(Router, SignalsToTheGroupStayInside)
+{
+	EXPECT_EQ(router("kill -9 0; echo still here").status.code, 128 + SIGKILL);
+}
+
+TEST_F(Router, HasTheFlashLayoutAndTheTmpThatWereAskedFor)
+{
+	const std::string mtd = write("mtd", "dev: size erasesize name\nmtd0: 00010000 ...\n");
+	const RunResult result = router("cat /proc/mtd; df -P /tmp | awk 'END { print $2 }'",
+					{"--bare", "--mtd", mtd, "--tmp-size", "8388608"});
+	EXPECT_EQ(result.output, read("mtd") + "8192\n");
+}
+
+TEST_F(Router, WritesOnlyWhereItMayOnTheHost)
+{
+	const std::string script = "echo changed >" + path("file") + "; cat " + path("file");
+	write("file", "kept\n");
+	EXPECT_NE(router(script).status.code, 0);
+	EXPECT_EQ(read("file"), "kept\n");
+	const RunResult result = router(script, {"--bare", "--bind", path()});
+	EXPECT_EQ(result.output, "changed\n");
+	EXPECT_EQ(read("file"), "changed\n");
+}
+
+TEST_F(Router, ShowsAnotherServersFolder)
+{
+	write("update.xml", "<update/>");
+	const RunResult result =
+		router("cat /srv/update/update.xml", {"--bare", "--server-root", path()});
+	EXPECT_EQ(result.output, "<update/>");
+}
+
+TEST_F(Router, LeavesOutTheDaemonOrTheWholeBus)
+{
+	EXPECT_EQ(router("ubus list", {"--no-daemon", "--no-server"}).output,
+		  "network.interface.wan\nsystem\n");
+	const RunResult result = router("ubus list", {"--no-bus", "--no-server"});
+	EXPECT_NE(result.status.code, 0);
+	EXPECT_EQ(result.output, "");
+}
+
+TEST_F(Router, AnswersAWrongOptionWithItsUsage)
+{
+	const std::vector<std::string> wrong[] = {
+		{"--bogus"},
+		{"word"},
+		{"--tmp-size"},
+		{"--tmp-size", "many"},
+		{"--tmp-size", "1024"},
+		{"--server-rate", "-1"},
+	};
+	for (const std::vector<std::string> &options : wrong) {
+		const RunResult result = refused(options);
+		EXPECT_EQ(result.status.code, misused) << options[0];
+		EXPECT_NE(result.errors.find("Usage: testbed/router"), std::string::npos)
+			<< options[0];
+		EXPECT_EQ(result.output, "") << options[0];
+	}
+}
+
+TEST_F(Router, SaysInASentenceWhatIsMissing)
+{
+	const std::string none = path("none");
+	const std::vector<std::string> missing[] = {
+		{"--mtd", none},   {"--server-root", none}, {"--bind", none},
+		{"--build", none}, {"--build", path()},
+	};
+	for (const std::vector<std::string> &options : missing) {
+		const RunResult result = refused(options);
+		EXPECT_EQ(result.status.code, cannot_open) << options[0];
+		EXPECT_NE(result.errors.find(options[1]), std::string::npos) << options[0];
+		EXPECT_EQ(std::count(result.errors.begin(), result.errors.end(), '\n'), 1)
+			<< result.errors;
+	}
+}
+
+} // namespace
