@@ -25,7 +25,8 @@ void read_arguments(int argc, char **argv)
 
 int main(int argc, char **argv)
 {
-	// Before the arguments are read: a second instance is turned away in silence.
+	// Before the arguments are read: a second instance is turned away in silence. A
+	// caller that gives no name at all meets older kernels only; new ones add one.
 	if (is_already_running(argc > 0 ? argv[0] : "") != 0) {
 		return 0;
 	}

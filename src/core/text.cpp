@@ -79,6 +79,7 @@ bool format_text(char *buffer, std::size_t size, const char *format, ...)
 	va_start(arguments, format);
 	const int length = std::vsnprintf(buffer, size, format, arguments);
 	va_end(arguments);
+	// Negative: a wide character without an encoding; no format here has one.
 	return length >= 0 && static_cast<std::size_t>(length) < size;
 }
 

@@ -42,8 +42,9 @@ void leave_daemon()
 // may be at work already.
 bool is_given_up(int progress_pipe)
 {
+	// Asked for no event, poll tells of nothing but the missing reader.
 	pollfd end = {progress_pipe, 0, 0};
-	return poll(&end, 1, 0) > 0 && (end.revents & POLLERR) != 0;
+	return poll(&end, 1, 0) > 0;
 }
 
 // A predecessor that was given up may still be writing the older file: it keeps
@@ -91,10 +92,10 @@ std::int32_t transfer_status(CURLcode code, long position)
 // False when a successor has put a file of its own in the place of this one.
 bool is_still_at(const char *path, std::FILE *file)
 {
-	struct stat own;
-	struct stat found;
-	return fstat(fileno(file), &own) == 0 && stat(path, &found) == 0 &&
-	       found.st_dev == own.st_dev && found.st_ino == own.st_ino;
+	struct stat own = {};
+	struct stat found = {};
+	fstat(fileno(file), &own);
+	return stat(path, &found) == 0 && found.st_dev == own.st_dev && found.st_ino == own.st_ino;
 }
 
 // Closes the file and, when the transfer failed, deletes it: while it is open no other

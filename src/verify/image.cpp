@@ -129,15 +129,14 @@ int check_with_fwtool(const char *path)
 {
 	char command[VERIFY_COMMAND_SIZE];
 	const bool fits = format_fwtool_command(command, path);
-	switch (fits ? run_command(command) : CommandResult::NOT_RUN) {
-	case CommandResult::NOT_RUN:
+	const CommandResult result = fits ? run_command(command) : CommandResult::NOT_RUN;
+	if (result == CommandResult::NOT_RUN) {
 		log_message("Error on checking signature via fwtool\n");
 		return IMAGE_BAD_CHECKSUM;
-	case CommandResult::FAILED:
+	}
+	if (result == CommandResult::FAILED) {
 		log_message("Error on reading signature, possibly firmware is damaged\n");
 		return IMAGE_BAD_CHECKSUM;
-	case CommandResult::SUCCEEDED:
-		break;
 	}
 	remove_metadata_file(path);
 	return IMAGE_GOOD;

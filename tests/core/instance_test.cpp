@@ -6,7 +6,7 @@
 
 #include "core/log.h"
 #include "core/records.h"
-#include "support/fixture.h"
+#include "support/debug_fixture.h"
 
 using namespace fwupdate;
 using namespace router_test;
@@ -14,27 +14,14 @@ using namespace router_test;
 namespace
 {
 
-class Instance : public RouterFixture
+class Instance : public DebugFixture
 {
 protected:
-	void SetUp() override
-	{
-		RouterFixture::SetUp();
-		debug_mode = 1;
-	}
-	void TearDown() override
-	{
-		debug_mode = 0;
-		update_context = {};
-		RouterFixture::TearDown();
-	}
-
 	void pidof_says(const std::string &line)
 	{
 		files.install_recording_tool("/bin/pidof", "printf '" + line + "'");
 	}
 
-	SyslogCatcher syslog;
 	const std::string own = std::to_string(getpid());
 };
 

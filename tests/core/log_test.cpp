@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 #include "core/records.h"
-#include "support/fixture.h"
+#include "support/debug_fixture.h"
 
 using namespace fwupdate;
 using namespace router_test;
@@ -14,22 +14,8 @@ using namespace router_test;
 namespace
 {
 
-class Log : public RouterFixture
+class Log : public DebugFixture
 {
-protected:
-	void SetUp() override
-	{
-		RouterFixture::SetUp();
-		debug_mode = 1;
-	}
-	void TearDown() override
-	{
-		debug_mode = 0;
-		update_context = {};
-		RouterFixture::TearDown();
-	}
-
-	SyslogCatcher syslog;
 };
 
 } // namespace

@@ -38,7 +38,9 @@ TEST(Records, EverythingIsZeroAtStart)
 	EXPECT_FALSE(update_context.job.downloaded);
 	EXPECT_FALSE(update_context.job.install);
 	EXPECT_FALSE(update_context.job.force);
-	EXPECT_STREQ(update_manifest.url, "");
+	EXPECT_EQ(update_context.job.progress.total, 0u);
+	const UpdateManifest nothing = {};
+	EXPECT_EQ(std::memcmp(&update_manifest, &nothing, sizeof(nothing)), 0);
 }
 
 TEST(Records, StatesHaveTheirNumbers)

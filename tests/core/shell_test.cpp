@@ -4,11 +4,12 @@
 #include <csignal>
 #include <cstring>
 #include <string>
+#include <type_traits>
 #include <unistd.h>
 
 #include "core/log.h"
 #include "core/records.h"
-#include "support/fixture.h"
+#include "support/debug_fixture.h"
 #include "support/refusals.h"
 
 using namespace fwupdate;
@@ -17,21 +18,9 @@ using namespace router_test;
 namespace
 {
 
-class Shell : public RouterFixture
+class Shell : public DebugFixture
 {
 protected:
-	void SetUp() override
-	{
-		RouterFixture::SetUp();
-		debug_mode = 1;
-	}
-	void TearDown() override
-	{
-		debug_mode = 0;
-		update_context = {};
-		RouterFixture::TearDown();
-	}
-
 	std::string probe(const char *command)
 	{
 		std::memset(field, '#', sizeof(field));
@@ -39,7 +28,6 @@ protected:
 		return field;
 	}
 
-	SyslogCatcher syslog;
 	char field[8];
 };
 
@@ -167,6 +155,10 @@ TEST_F(Shell, ReadLineStopsAtTheEndOfTheFile)
 	errno = EINTR;
 	EXPECT_FALSE(read_line(guard.stream, line, sizeof(line)));
 }
+
+// A copy would close it a second time.
+static_assert(!std::is_copy_constructible_v<StreamGuard>);
+static_assert(!std::is_copy_assignable_v<StreamGuard>);
 
 TEST_F(Shell, StreamIsClosedAtTheEndOfItsScope)
 {

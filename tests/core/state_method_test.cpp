@@ -1,9 +1,61 @@
 // SPDX-License-Identifier: ISC
 #include "core/state_method.h"
 
-#include <gtest/gtest.h>
+#include <cstring>
+
+#include "core/bus.h"
+#include "support/fixture.h"
 
 using namespace fwupdate;
+using namespace router_test;
+
+namespace
+{
+
+const ubus_method methods[] = {UBUS_METHOD_NOARG("state", handle_state)};
+
+// Serves `state` by itself, so that the record behind it can be set.
+class StateAnswer : public RouterFixture
+{
+protected:
+	void SetUp() override
+	{
+		RouterFixture::SetUp();
+		uloop_init();
+		bus_connection = ubus_connect(nullptr);
+		ASSERT_NE(bus_connection, nullptr);
+		ubus_add_uloop(bus_connection);
+		type_ = UBUS_OBJECT_TYPE("state-test", methods);
+		object_.name = "state-test";
+		object_.type = &type_;
+		object_.methods = methods;
+		object_.n_methods = 1;
+		ASSERT_EQ(ubus_add_object(bus_connection, &object_), 0);
+	}
+	void TearDown() override
+	{
+		if (bus_connection != nullptr) {
+			ubus_free(bus_connection);
+		}
+		bus_connection = nullptr;
+		uloop_done();
+		update_context = {};
+		RouterFixture::TearDown();
+	}
+
+	static Fields state()
+	{
+		return PendingCall("state-test", "state").wait_in_uloop().fields;
+	}
+
+	BusServices services{BusServices::Which::broker_only};
+
+private:
+	ubus_object_type type_ = {};
+	ubus_object object_ = {};
+};
+
+} // namespace
 
 TEST(StateMethod, EachStateHasItsName)
 {
@@ -22,4 +74,48 @@ TEST(StateMethod, ValueBeyondTheStatesIsUnknown)
 {
 	EXPECT_STREQ(update_state_name(static_cast<UpdateState>(12)), "UNKNOWN");
 	EXPECT_STREQ(update_state_name(static_cast<UpdateState>(0xffffffff)), "UNKNOWN");
+}
+
+TEST_F(StateAnswer, HasProgressOnlyInADownloadOfKnownSize)
+{
+	std::strcpy(update_context.message, "a line\n");
+	for (const std::uint32_t total : {0u, 1u}) {
+		update_context.job.progress = {total, 5, 0};
+		for (unsigned value = 0; value <= 12; value++) {
+			SCOPED_TRACE(testing::Message() << "state " << value << ", " << total);
+			update_context.state = static_cast<UpdateState>(value);
+			Fields expected = {
+				string_field("state", update_state_name(update_context.state)),
+				string_field("message", "a line\n")};
+			if (update_context.state == UpdateState::FIRMWARE_CONNECT && total != 0) {
+				expected.push_back(
+					table_field("progress", {int64_field("total", total),
+								 int64_field("now", 5)}));
+			}
+			EXPECT_EQ(state(), expected);
+		}
+	}
+}
+
+TEST_F(StateAnswer, CountsBeyond2GigabytesStayPositive)
+{
+	update_context.state = UpdateState::FIRMWARE_CONNECT;
+	update_context.job.progress = {0xffffffff, 0x80000000, 0};
+	const Fields fields = state();
+	const Field *progress = find_field(fields, "progress");
+	ASSERT_NE(progress, nullptr);
+	EXPECT_EQ(progress->members,
+		  (Fields{int64_field("total", 4294967295), int64_field("now", 2147483648)}));
+}
+
+TEST_F(StateAnswer, LeavesTheRecordAsItIs)
+{
+	update_context.state = UpdateState::FIRMWARE_CONNECT;
+	update_context.result = 3;
+	update_context.job.progress = {9, 5, 0};
+	std::strcpy(update_context.message, "a line\n");
+	std::string before(sizeof(update_context), '\0');
+	std::memcpy(before.data(), &update_context, before.size());
+	state();
+	EXPECT_EQ(std::memcmp(before.data(), &update_context, before.size()), 0);
 }

@@ -112,6 +112,13 @@ TEST(Text, OneLineFeedIsStripped)
 	}
 }
 
+TEST(Text, StrippingAnEmptyTextTouchesNothingBeforeIt)
+{
+	char text[] = "A\n";
+	strip_line_feed(text + 2);
+	EXPECT_STREQ(text, "A\n");
+}
+
 TEST(Text, OnlyAsciiLettersAreUpperCased)
 {
 	char text[] = "vendor,Model-x_9 \xc3\xa4z{";

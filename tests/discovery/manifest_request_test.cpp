@@ -2,12 +2,10 @@
 // The HTTP transfer. Most of libcurl's failures are brought about by a server; for those that no
 // server can bring about this program stands between the daemon and libcurl.
 #include <algorithm>
-#include <cstdarg>
-#include <curl/curl.h>
-#include <dlfcn.h>
 #include <gmock/gmock.h>
 
 #include "discovery/request_fixture.h"
+#include "support/libcurl.h"
 
 using testing::EndsWith;
 using testing::IsEmpty;
@@ -32,14 +30,8 @@ struct TransferSpy {
 };
 TransferSpy spy;
 
-template<typename Function> Function libcurls(const char *name)
-{
-	return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-}
-
 } // namespace
 
-#undef curl_easy_setopt
 extern "C" {
 
 CURL *curl_easy_init()
@@ -52,19 +44,16 @@ CURL *curl_easy_init()
 
 CURLcode curl_easy_setopt(CURL *curl, CURLoption option, ...)
 {
-	auto pass_on = libcurls<CURLcode (*)(CURL *, CURLoption, ...)>("curl_easy_setopt");
 	va_list arguments;
 	va_start(arguments, option);
-	const bool is_number = option < CURLOPTTYPE_OBJECTPOINT;
-	const long number = is_number ? va_arg(arguments, long) : 0;
-	void *pointer = is_number ? nullptr : va_arg(arguments, void *);
+	const OptionValue value = take_value(option, arguments);
 	va_end(arguments);
-	spy.options.push_back({option, number});
+	spy.options.push_back({option, value.number});
 	spy.open_handles += option == CURLOPT_URL ? 1 : 0;
 	if (option == CURLOPT_TIMEOUT && spy.milliseconds_allowed != 0) {
-		return pass_on(curl, CURLOPT_TIMEOUT_MS, spy.milliseconds_allowed);
+		return pass_on(curl, CURLOPT_TIMEOUT_MS, {true, spy.milliseconds_allowed, nullptr});
 	}
-	return is_number ? pass_on(curl, option, number) : pass_on(curl, option, pointer);
+	return pass_on(curl, option, value);
 }
 
 CURLcode curl_easy_perform(CURL *curl)

@@ -137,6 +137,15 @@ TEST_F(MissingFacts, EachFailureHasItsMessageInTheOrderOfGathering)
 	EXPECT_STREQ(update_context.message, "Error on reading cpe_update_xml_url\n");
 }
 
+TEST_F(MissingFacts, AddressesAreReadBeforeTheManifestUrl)
+{
+	files.remove(find_program("ifconfig"));
+	files.remove(find_program("uci"));
+	gather_quietly();
+	EXPECT_THAT(logged(), ElementsAre(failure_of("cpe_wan_mac"), failure_of("cpe_wan_ip"),
+					  failure_of("cpe_update_xml_url")));
+}
+
 TEST_F(MissingFacts, FailuresOfBoardAndProductNameHaveTheirMessages)
 {
 	EXPECT_STREQ(read_cpe_model(), "QOR,MODEL-X");

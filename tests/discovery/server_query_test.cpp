@@ -106,6 +106,24 @@ TEST_F(ServerQuery, KeepsEveryValueOfTheManifest)
 	EXPECT_STREQ(update_manifest.file_name, "image.bin");
 }
 
+// An element takes along what is in it: each of these is found only while those around it are still
+// there.
+TEST_F(ServerQuery, TakesTheValuesInTheirOrder)
+{
+	EXPECT_EQ(query(answer("<?xml version=\"1.0\"?><update>"
+			       "<file_name>f<archive>1<force_update>2<release_notes>n<version>v"
+			       "<url>u<buildtime>190000000</buildtime></url></version>"
+			       "</release_notes></force_update></archive></file_name></update>")),
+		  1);
+	EXPECT_STREQ(update_manifest.buildtime, "190000000");
+	EXPECT_STREQ(update_manifest.url, "u");
+	EXPECT_STREQ(update_manifest.version, "v");
+	EXPECT_STREQ(update_manifest.release_notes, "n");
+	EXPECT_STREQ(update_manifest.force_update, "2");
+	EXPECT_STREQ(update_manifest.archive, "1");
+	EXPECT_STREQ(update_manifest.file_name, "f");
+}
+
 TEST_F(ServerQuery, CutsEveryValueToItsLimit)
 {
 	const std::string file_name(70, 'f');

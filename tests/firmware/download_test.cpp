@@ -10,7 +10,7 @@
 
 #include "core/log.h"
 #include "core/records.h"
-#include "support/fixture.h"
+#include "support/debug_fixture.h"
 #include "support/refusals.h"
 
 using namespace fwupdate;
@@ -60,24 +60,21 @@ pid_t fork()
 namespace
 {
 
-class Download : public RouterFixture
+class Download : public DebugFixture
 {
 protected:
 	void SetUp() override
 	{
-		RouterFixture::SetUp();
-		debug_mode = 1;
+		DebugFixture::SetUp();
 		server.on("/firmware.bin", answer("image"));
 		files.set_mtd({{"firmware", 0x100000}, {"kernel", 0x1000}});
 		std::strcpy(update_context.boot_partition, "firmware");
 	}
 	void TearDown() override
 	{
-		debug_mode = 0;
 		no_more_pipes = false;
 		no_more_processes = false;
-		update_context = {};
-		RouterFixture::TearDown();
+		DebugFixture::TearDown();
 	}
 
 	// What df says of /tmp, as its fourth column.
@@ -106,7 +103,6 @@ protected:
 	}
 
 	HttpServer server;
-	SyslogCatcher syslog;
 };
 
 } // namespace
@@ -215,6 +211,26 @@ TEST_F(Download, MissingPartitionIsLookedUpAndKept)
 	files.set_boot_environment({"bootpart=firmware"});
 	EXPECT_EQ(download(), 0);
 	EXPECT_STREQ(update_context.boot_partition, "firmware");
+}
+
+TEST_F(Download, PartitionThatWasLookedUpIsKeptAlsoWhenItIsTooLarge)
+{
+	update_context.boot_partition[0] = '\0';
+	files.set_boot_environment({"bootpart=firmware"});
+	set_free_space("1");
+	EXPECT_EQ(download(), GIVEN_UP);
+	EXPECT_STREQ(update_context.boot_partition, "firmware");
+}
+
+TEST_F(Download, RouterThatListsNoPartitionToBootFromIsLetThrough)
+{
+	update_context.boot_partition[0] = '\0';
+	files.remove("/usr/sbin/fw_printenv");
+	files.set_mtd({{"u-boot", 0x1000}, {"rootfs", 0x1000}});
+	set_free_space("0");
+	EXPECT_EQ(download(), 0);
+	EXPECT_STREQ(update_context.boot_partition, "");
+	EXPECT_TRUE(syslog.texts().empty());
 }
 
 TEST_F(Download, ChosenPartitionIsNotLookedUp)

@@ -8,7 +8,7 @@
 
 #include "core/log.h"
 #include "firmware/worker.h"
-#include "support/fixture.h"
+#include "support/debug_fixture.h"
 
 using namespace fwupdate;
 using namespace router_test;
@@ -18,13 +18,12 @@ namespace
 
 constexpr std::int64_t NEVER = INT64_MAX; // no second will be later
 
-class Progress : public RouterFixture
+class Progress : public DebugFixture
 {
 protected:
 	void SetUp() override
 	{
-		RouterFixture::SetUp();
-		debug_mode = 1;
+		DebugFixture::SetUp();
 		std::signal(SIGPIPE, SIG_IGN);
 		ASSERT_EQ(pipe2(ends, O_NONBLOCK | O_CLOEXEC), 0);
 		tracker.descriptor = ends[1];
@@ -33,8 +32,7 @@ protected:
 	{
 		close(ends[0]);
 		close(ends[1]);
-		debug_mode = 0;
-		RouterFixture::TearDown();
+		DebugFixture::TearDown();
 	}
 
 	int report(curl_off_t total, curl_off_t now)
@@ -58,7 +56,6 @@ protected:
 
 	int ends[2];
 	ProgressTracker tracker = {};
-	SyslogCatcher syslog;
 };
 
 } // namespace

@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 #include "core/log.h"
-#include "support/fixture.h"
+#include "support/debug_fixture.h"
 
 using namespace fwupdate;
 using namespace router_test;
@@ -19,20 +19,18 @@ using Texts = std::vector<std::string>;
 constexpr char ARCHIVE[] = "/tmp/fwupdate.zip";
 constexpr char IMAGE[] = "/tmp/fwupdate.bin";
 
-class Unpack : public RouterFixture
+class Unpack : public DebugFixture
 {
 protected:
 	void SetUp() override
 	{
-		RouterFixture::SetUp();
-		debug_mode = 1;
+		DebugFixture::SetUp();
 		before_ = open_descriptors(getpid());
 	}
 	void TearDown() override
 	{
 		EXPECT_EQ(open_descriptors(getpid()), before_);
-		debug_mode = 0;
-		RouterFixture::TearDown();
+		DebugFixture::TearDown();
 	}
 
 	// Adds a member, deflated or stored, by the zip program.
@@ -56,8 +54,6 @@ protected:
 		flip_bit(bytes, offset);
 		files.write(ARCHIVE, bytes);
 	}
-
-	SyslogCatcher syslog;
 
 private:
 	void zip(const std::string &arguments)
@@ -125,6 +121,7 @@ TEST_F(Unpack, WhatIsNotFoundGivesAnEmptyImage)
 		EXPECT_EQ(read_file(IMAGE), "") << name;
 		EXPECT_FALSE(exists(ARCHIVE));
 	}
+	EXPECT_TRUE(syslog.texts().empty());
 }
 
 TEST_F(Unpack, OverlongNameGivesAnEmptyImage)
@@ -221,4 +218,5 @@ TEST_F(Unpack, FileThatIsNoArchiveGivesAnEmptyImage)
 		EXPECT_EQ(read_file(IMAGE), "");
 		EXPECT_FALSE(exists(ARCHIVE));
 	}
+	EXPECT_TRUE(syslog.texts().empty());
 }

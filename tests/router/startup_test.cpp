@@ -200,6 +200,7 @@ TEST_F(Startup, ShellCommandsInheritNoDescriptor)
 	start_daemon();
 	daemon().check();
 	const std::string inherited = read_file("/tmp/inherited");
+	EXPECT_NE(inherited.find("/tmp/inherited"), std::string::npos) << inherited;
 	EXPECT_EQ(inherited.find("socket:"), std::string::npos) << inherited;
 	EXPECT_EQ(inherited.find("eventpoll"), std::string::npos) << inherited;
 }
@@ -209,8 +210,11 @@ TEST_F(Startup, NothingIsOpenButLoopAndBus)
 	start_daemon();
 	int sockets = 0;
 	for (const auto &[number, what] : open_descriptors(daemon().pid())) {
-		sockets += what.starts_with("socket:") ? 1 : 0;
-		EXPECT_EQ(what.find("/tmp"), std::string::npos) << what;
+		const bool is_socket = what.starts_with("socket:");
+		sockets += is_socket ? 1 : 0;
+		EXPECT_TRUE(number <= 2 || is_socket || what.starts_with("anon_inode:") ||
+			    what.starts_with("pipe:"))
+			<< number << " is " << what;
 	}
 	EXPECT_EQ(sockets, 1);
 }

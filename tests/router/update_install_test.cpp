@@ -191,6 +191,8 @@ TEST_F(UpdateInstall, StateStaysUntilTheNextCheckOrTest)
 	EXPECT_EQ(daemon().state_name(), "WAIT_DELAY");
 	EXPECT_EQ(daemon().update({string_field("partition", "")}).status, 2);
 	EXPECT_EQ(daemon().state_name(), "WAIT_DELAY");
+	daemon().check();
+	EXPECT_EQ(daemon().state_name(), "XML_DONE");
 	daemon().test();
 	EXPECT_EQ(daemon().state_name(), "NONE");
 }

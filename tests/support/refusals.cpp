@@ -3,9 +3,13 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <future>
+#include <linux/capability.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <poll.h>
 #include <stdexcept>
+#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <thread>
@@ -17,26 +21,55 @@ namespace router_test
 namespace
 {
 
-// Load the call's number; for each refused call: equal? return the error; at last: allow.
-std::vector<sock_filter> make_filter(const std::vector<int> &calls, int error)
+// Load the call's number; for each of the calls: equal? take the action; at last: allow.
+std::vector<sock_filter> make_filter(const std::vector<int> &calls, unsigned action)
 {
 	std::vector<sock_filter> filter = {
 		BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
 	for (const int call : calls) {
 		filter.push_back(
 			BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned>(call), 0, 1));
-		filter.push_back(BPF_STMT(BPF_RET | BPF_K,
-					  SECCOMP_RET_ERRNO | static_cast<unsigned>(error)));
+		filter.push_back(BPF_STMT(BPF_RET | BPF_K, action));
 	}
 	filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
 	return filter;
 }
 
-bool install(std::vector<sock_filter> &filter)
+// For the calling thread, for good. What seccomp(2) returns, -1 when it is refused.
+int install(std::vector<sock_filter> filter, unsigned flags)
 {
 	sock_fprog program = {static_cast<unsigned short>(filter.size()), filter.data()};
-	return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
-	       syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, 0, &program) == 0;
+	if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) {
+		return -1;
+	}
+	return static_cast<int>(syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, flags, &program));
+}
+
+void require(bool installed)
+{
+	if (!installed) {
+		throw std::runtime_error("the kernel takes no seccomp filter");
+	}
+}
+
+// Answers each call that the filter hands over: the second is refused, the others go on. Returns
+// when the filtered thread has ended.
+void refuse_second_call(int listener)
+{
+	pollfd watched = {.fd = listener, .events = POLLIN, .revents = 0};
+	for (int count = 1; poll(&watched, 1, -1) > 0 && (watched.revents & POLLIN) != 0; count++) {
+		seccomp_notif request = {};
+		if (ioctl(listener, SECCOMP_IOCTL_NOTIF_RECV, &request) != 0) {
+			continue;
+		}
+		seccomp_notif_resp response = {.id = request.id, .val = 0, .error = 0, .flags = 0};
+		if (count == 2) {
+			response.error = -EMFILE;
+		} else {
+			response.flags = SECCOMP_USER_NOTIF_FLAG_CONTINUE;
+		}
+		ioctl(listener, SECCOMP_IOCTL_NOTIF_SEND, &response);
+	}
 }
 
 } // namespace
@@ -44,22 +77,55 @@ bool install(std::vector<sock_filter> &filter)
 void with_refused(const std::vector<int> &calls, int error, const std::function<void()> &step)
 {
 	bool installed = false;
-	std::thread thread([&] {
-		std::vector<sock_filter> filter = make_filter(calls, error);
-		installed = install(filter);
+	std::thread([&] {
+		const unsigned refusal = SECCOMP_RET_ERRNO | static_cast<unsigned>(error);
+		installed = install(make_filter(calls, refusal), 0) == 0;
 		if (installed) {
 			step();
 		}
-	});
-	thread.join();
-	if (!installed) {
-		throw std::runtime_error("the kernel takes no seccomp filter");
-	}
+	}).join();
+	require(installed);
 }
 
 void with_processes_refused(const std::function<void()> &step)
 {
 	with_refused({SYS_clone, SYS_clone3, SYS_fork, SYS_vfork}, EAGAIN, step);
+}
+
+void with_pipes_refused(const std::function<void()> &step)
+{
+	with_refused({SYS_pipe, SYS_pipe2}, EMFILE, step);
+}
+
+void with_second_open_refused(const std::function<void()> &step)
+{
+	std::promise<int> listener;
+	std::thread thread([&] {
+		const int installed = install(make_filter({SYS_openat}, SECCOMP_RET_USER_NOTIF),
+					      SECCOMP_FILTER_FLAG_NEW_LISTENER);
+		listener.set_value(installed);
+		if (installed >= 0) {
+			step();
+		}
+	});
+	const int descriptor = listener.get_future().get();
+	if (descriptor >= 0) {
+		refuse_second_call(descriptor);
+		close(descriptor);
+	}
+	thread.join();
+	require(descriptor >= 0);
+}
+
+void without_capabilities(const std::function<void()> &step)
+{
+	std::thread([&] {
+		__user_cap_header_struct header = {.version = _LINUX_CAPABILITY_VERSION_3,
+						   .pid = 0};
+		__user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3] = {};
+		syscall(SYS_capset, &header, none);
+		step();
+	}).join();
 }
 
 } // namespace router_test

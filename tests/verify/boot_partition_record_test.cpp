@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: ISC
 // The boot partition's size, the caller's choice of it, and its recording in `bootpart`.
+#include "firmware_fixture.h"
+
 #include <gtest/gtest.h>
 #include <limits>
 
 #include "core/log.h"
 #include "core/records.h"
-#include "support/fixture.h"
+#include "support/debug_fixture.h"
 #include "support/process.h"
+#include "support/refusals.h"
 #include "verify/boot_partition.h"
 
 using namespace fwupdate;
@@ -58,22 +61,14 @@ private:
 	blob_buf message_ = {};
 };
 
-class BootPartitionRecord : public RouterFixture
+class BootPartitionRecord : public DebugFixture
 {
 protected:
-	void SetUp() override
-	{
-		RouterFixture::SetUp();
-		debug_mode = 1;
-	}
 	void TearDown() override
 	{
 		EXPECT_TRUE(syslog.texts().empty()) << "the caller logs, not the recording";
-		debug_mode = 0;
-		RouterFixture::TearDown();
+		DebugFixture::TearDown();
 	}
-
-	SyslogCatcher syslog;
 };
 
 } // namespace
@@ -235,6 +230,23 @@ TEST_F(BootPartitionRecord, FailsWithAnyExitStatusButZero)
 		EXPECT_EQ(set_boot_partition("firmware2"), 0);
 		EXPECT_EQ(files.tool_calls(setenv_path).size(), 1U);
 	}
+}
+
+TEST_F(BootPartitionRecord, FailsWhenNobodyKnowsHowTheToolEnded)
+{
+	files.install_recording_tool(setenv_path);
+	const IgnoredChildren ignored;
+	EXPECT_EQ(set_boot_partition("firmware2"), 0);
+	EXPECT_EQ(files.tool_calls(setenv_path).size(), 1U);
+}
+
+TEST_F(BootPartitionRecord, FailsWhenNoShellCanBeStarted)
+{
+	files.install_recording_tool(setenv_path);
+	int result = 1;
+	with_processes_refused([&] { result = set_boot_partition("firmware2"); });
+	EXPECT_EQ(result, 0);
+	EXPECT_TRUE(files.tool_calls(setenv_path).empty());
 }
 
 TEST_F(BootPartitionRecord, FailsWhenTheRealToolFindsNoEnvironment)

@@ -5,7 +5,8 @@
 
 #include "core/log.h"
 #include "core/records.h"
-#include "support/fixture.h"
+#include "support/debug_fixture.h"
+#include "support/refusals.h"
 #include "verify/boot_partition.h"
 
 using namespace fwupdate;
@@ -21,22 +22,13 @@ constexpr const char *wrong_text = "Partition in 'bootpart' is wrong, try find c
 
 const std::string name_of_31 = "abcdefghijklmnopqrstuvwxyz01234";
 
-class BootPartition : public RouterFixture
+class BootPartition : public DebugFixture
 {
 protected:
 	void SetUp() override
 	{
-		RouterFixture::SetUp();
-		update_context = {};
-		debug_mode = 1;
+		DebugFixture::SetUp();
 		files.set_mtd({{"u-boot"}, {"firmware"}, {"kernel"}, {"rootfs"}, {"firmware2"}});
-	}
-
-	void TearDown() override
-	{
-		update_context = {};
-		debug_mode = 0;
-		RouterFixture::TearDown();
 	}
 
 	void set_bootpart(const std::string &value)
@@ -64,8 +56,6 @@ protected:
 		}
 		return texts;
 	}
-
-	SyslogCatcher syslog;
 };
 
 using Logs = std::vector<std::string>;
@@ -166,6 +156,16 @@ TEST_F(BootPartition, ScansWithAMessageWhenFwPrintenvFails)
 {
 	files.install_tool(printenv_path, "exit 1");
 	EXPECT_EQ(find_boot_partition(), 1);
+	EXPECT_EQ(field(), "firmware");
+	EXPECT_EQ(logged(), Logs{not_read_text});
+}
+
+TEST_F(BootPartition, ScansWithAMessageWhenFwPrintenvCannotBeStarted)
+{
+	set_bootpart("firmware2");
+	int result = 0;
+	with_pipes_refused([&] { result = find_boot_partition(); });
+	EXPECT_EQ(result, 1);
 	EXPECT_EQ(field(), "firmware");
 	EXPECT_EQ(logged(), Logs{not_read_text});
 }

@@ -4,7 +4,7 @@
 
 #include "core/log.h"
 #include "core/records.h"
-#include "support/fixture.h"
+#include "support/debug_fixture.h"
 #include "verify/boot_partition.h"
 
 using namespace fwupdate;
@@ -16,22 +16,14 @@ namespace
 constexpr const char *header_line = "dev:    size   erasesize  name\n";
 const std::string name_of_31 = "abcdefghijklmnopqrstuvwxyz01234";
 
-class CurrentPartition : public RouterFixture
+class CurrentPartition : public DebugFixture
 {
 protected:
 	void SetUp() override
 	{
-		RouterFixture::SetUp();
-		debug_mode = 1;
+		DebugFixture::SetUp();
 		// Nothing but the scan is left.
 		files.remove("/usr/sbin/fw_printenv");
-	}
-
-	void TearDown() override
-	{
-		update_context = {};
-		debug_mode = 0;
-		RouterFixture::TearDown();
 	}
 
 	std::string current_partition(const std::string &listing)
@@ -42,8 +34,6 @@ protected:
 		return {update_context.boot_partition,
 			strnlen(update_context.boot_partition, PARTITION_SIZE)};
 	}
-
-	SyslogCatcher syslog;
 };
 
 } // namespace

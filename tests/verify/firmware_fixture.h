@@ -13,7 +13,7 @@
 
 #include "core/log.h"
 #include "core/records.h"
-#include "support/fixture.h"
+#include "support/debug_fixture.h"
 #include "support/images.h"
 #include "verify/image.h"
 #include "verify/signature.h"
@@ -64,26 +64,17 @@ private:
 	void (*previous_)(int);
 };
 
-class FirmwareFixture : public RouterFixture
+class FirmwareFixture : public DebugFixture
 {
 protected:
 	using Texts = std::vector<std::string>;
 
 	void SetUp() override
 	{
-		RouterFixture::SetUp();
-		fwupdate::update_context = {};
-		fwupdate::debug_mode = 1;
+		DebugFixture::SetUp();
 		set_remembered_model("");
 		files.install_tool("/usr/bin/ubus", "cat /etc/router/board.json");
 		set_product_name("Model-X");
-	}
-
-	void TearDown() override
-	{
-		fwupdate::update_context = {};
-		fwupdate::debug_mode = 0;
-		RouterFixture::TearDown();
 	}
 
 	void set_product_name(const std::string &name)
@@ -141,8 +132,6 @@ protected:
 	{
 		return {fwtool_path, "-i", path + ".signature", path};
 	}
-
-	SyslogCatcher syslog;
 };
 
 } // namespace router_test

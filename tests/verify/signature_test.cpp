@@ -2,6 +2,8 @@
 // The extraction of the metadata by fwtool, its failures, and what becomes of the extracted file.
 #include "firmware_fixture.h"
 
+#include "support/refusals.h"
+
 using namespace fwupdate;
 using namespace router_test;
 
@@ -141,6 +143,18 @@ TEST_F(Signature, IsOfNoUseWithoutJsonfilter)
 	files.remove(jsonfilter_path);
 	EXPECT_EQ(check(file), no_use);
 	EXPECT_EQ(logged(), (Texts{no_customid_text, no_model_name_text, no_model_text}));
+	EXPECT_TRUE(exists(side_file));
+}
+
+TEST_F(Signature, IsOfNoUseWhenJsonfilterCannotBeStarted)
+{
+	const std::string file = file_with_metadata();
+	set_remembered_model("EARLIER");
+	int result = extracted;
+	with_pipes_refused([&] { result = check(file); });
+	EXPECT_EQ(result, no_use);
+	EXPECT_EQ(logged(), (Texts{no_customid_text, no_model_name_text, no_model_text}));
+	EXPECT_EQ(remembered_model(), "");
 	EXPECT_TRUE(exists(side_file));
 }
 
