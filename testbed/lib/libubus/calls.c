@@ -61,7 +61,7 @@ static int run_handler(struct ubus_context *ctx, struct ubus_request_data *req,
 void ubus_handle_invoke(struct ubus_context *ctx, struct ubus_inbound *message)
 {
 	const struct ubus_msghdr head = ubus_message_head(message);
-	struct ubus_request_data req = {.peer = head.peer, .seq = head.seq};
+	struct ubus_request_data req = {.peer = head.peer, .seq = head.seq, .fd = -1};
 	struct blob_attr *attrs[UBUS_ATTR_MAX];
 	bool no_reply;
 	int status;

@@ -134,6 +134,7 @@ struct ubus_request_data {
 	uint16_t seq;
 	struct ubus_acl_key acl; // who the broker says the caller is; lasts as the handler does
 	bool deferred;
+	int fd; // to go with the answer; always -1, none: descriptors are not sent here
 };
 
 // A call that went out.
