@@ -87,13 +87,13 @@ protected:
 	}
 
 	// Starts a download and waits for the worker's end. The worker's status in its last
-	// record, or GIVEN_UP when there was no worker.
+	// record, or GIVEN_UP, from start_download itself, when there was no worker.
 	int download(const char *archive = "", std::int32_t timeout = 30)
 	{
 		const int pipe = start_download(server.url("/firmware.bin").c_str(), archive,
 						"unused", timeout);
 		if (pipe < 0) {
-			return GIVEN_UP;
+			return pipe;
 		}
 		ProgressRecord record = {};
 		while (read(pipe, &record, sizeof(record)) > 0) {

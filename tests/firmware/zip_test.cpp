@@ -25,16 +25,17 @@ protected:
 					       {"note", "text", false}}));
 	}
 
-	// The selected member; "-1" when it cannot be read.
+	// The selected member; the result's number when it cannot be read.
 	static std::string read(ZipArchive *archive)
 	{
 		char size_before = 0;
 		void *buffer = &size_before;
 		std::size_t size = 77;
-		if (zip_entry_read(archive, &buffer, &size) != 0) {
+		const int result = zip_entry_read(archive, &buffer, &size);
+		if (result != 0) {
 			EXPECT_EQ(buffer, nullptr);
 			EXPECT_EQ(size, 0u);
-			return "-1";
+			return std::to_string(result);
 		}
 		std::string content(static_cast<char *>(buffer), size);
 		std::free(buffer);
@@ -82,6 +83,17 @@ TEST_F(Zip, NothingIsReadWithoutASelection)
 	EXPECT_EQ(read(archive), "-1");
 	EXPECT_EQ(zip_entry_open(archive, "fw/"), 0);
 	EXPECT_EQ(read(archive), "-1") << "a folder";
+	zip_close(archive);
+}
+
+TEST_F(Zip, DamagedMemberIsNotRead)
+{
+	std::string bytes = make_zip({{"note", "text", false}});
+	bytes.replace(bytes.find("text"), 1, "T");
+	files.write(ARCHIVE, bytes);
+	ZipArchive *archive = zip_open(ARCHIVE, 0, 'r');
+	EXPECT_EQ(zip_entry_open(archive, "note"), 0);
+	EXPECT_EQ(read(archive), "-1");
 	zip_close(archive);
 }
 
