@@ -95,6 +95,7 @@ TEST_F(FirmwareModel, StoresAListOfDevicesJoinedByCommas)
 		const char *model;
 	} cases[] = {
 		{R"(["ABC"])", "ABC[77]"},
+		{R"(["A"])", "A[77]"},
 		{R"(["ABC","XYZ"])", "ABC,XYZ[77]"},
 		{R"(["ABC", "XYZ", "D"])", "ABC,XYZ,D[77]"},
 		{R"(["A B[C] D"])", "ABCD[77]"},
