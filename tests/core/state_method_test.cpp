@@ -3,8 +3,8 @@
 
 #include <cstring>
 
-#include "core/bus.h"
 #include "support/fixture.h"
+#include "support/served_object.h"
 
 using namespace fwupdate;
 using namespace router_test;
@@ -12,33 +12,11 @@ using namespace router_test;
 namespace
 {
 
-const ubus_method methods[] = {UBUS_METHOD_NOARG("state", handle_state)};
-
-// Serves `state` by itself, so that the record behind it can be set.
 class StateAnswer : public RouterFixture
 {
 protected:
-	void SetUp() override
-	{
-		RouterFixture::SetUp();
-		uloop_init();
-		bus_connection = ubus_connect(nullptr);
-		ASSERT_NE(bus_connection, nullptr);
-		ubus_add_uloop(bus_connection);
-		type_ = UBUS_OBJECT_TYPE("state-test", methods);
-		object_.name = "state-test";
-		object_.type = &type_;
-		object_.methods = methods;
-		object_.n_methods = 1;
-		ASSERT_EQ(ubus_add_object(bus_connection, &object_), 0);
-	}
 	void TearDown() override
 	{
-		if (bus_connection != nullptr) {
-			ubus_free(bus_connection);
-		}
-		bus_connection = nullptr;
-		uloop_done();
 		update_context = {};
 		RouterFixture::TearDown();
 	}
@@ -48,11 +26,7 @@ protected:
 		return PendingCall("state-test", "state").wait_in_uloop().fields;
 	}
 
-	BusServices services{BusServices::Which::broker_only};
-
-private:
-	ubus_object_type type_ = {};
-	ubus_object object_ = {};
+	ServedObject object{"state-test", UBUS_METHOD_NOARG("state", handle_state)};
 };
 
 } // namespace

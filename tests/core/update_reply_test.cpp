@@ -3,9 +3,9 @@
 
 #include <cstring>
 
-#include "core/bus.h"
 #include "core/records.h"
 #include "support/fixture.h"
+#include "support/served_object.h"
 
 using namespace fwupdate;
 using namespace router_test;
@@ -26,24 +26,8 @@ int answer_with_result(ubus_context *, ubus_object *, ubus_request_data *request
 class UpdateReply : public RouterFixture
 {
 protected:
-	void SetUp() override
-	{
-		RouterFixture::SetUp();
-		uloop_init();
-		bus_connection = ubus_connect(nullptr);
-		ASSERT_NE(bus_connection, nullptr);
-		ubus_add_uloop(bus_connection);
-		object_.name = "replies";
-		object_.type = &type_;
-		object_.methods = methods_;
-		object_.n_methods = 1;
-		ASSERT_EQ(ubus_add_object(bus_connection, &object_), 0);
-	}
 	void TearDown() override
 	{
-		ubus_free(bus_connection);
-		bus_connection = nullptr;
-		uloop_done();
 		update_context = {};
 		update_manifest = {};
 		RouterFixture::TearDown();
@@ -57,12 +41,7 @@ protected:
 		return PendingCall("replies", "send").wait_in_uloop().fields;
 	}
 
-	BusServices services{BusServices::Which::broker_only};
-
-private:
-	ubus_method methods_[1] = {{"send", answer_with_result, 0, 0, nullptr, 0}};
-	ubus_object_type type_ = {"replies", 0, methods_, 1};
-	ubus_object object_ = {};
+	ServedObject object{"replies", {"send", answer_with_result, 0, 0, nullptr, 0}};
 };
 
 } // namespace

@@ -2,47 +2,18 @@
 #include <cstring>
 #include <gmock/gmock.h>
 
-#include "core/bus.h"
 #include "discovery/check_method.h"
 #include "discovery/query_fixture.h"
+#include "support/served_object.h"
 
 using testing::ElementsAre;
 
 namespace
 {
 
-const ubus_method methods[] = {UBUS_METHOD_NOARG("check", handle_check)};
-
-// Serves `check` by itself, so that the records behind it can be seen.
 class CheckMethod : public QueryFixture
 {
 protected:
-	CheckMethod() : services(BusServices::Which::broker_only)
-	{
-	}
-	void SetUp() override
-	{
-		QueryFixture::SetUp();
-		uloop_init();
-		bus_connection = ubus_connect(nullptr);
-		ASSERT_NE(bus_connection, nullptr);
-		ubus_add_uloop(bus_connection);
-		object.name = "check-test";
-		type = UBUS_OBJECT_TYPE("check-test", methods);
-		object.type = &type;
-		object.methods = methods;
-		object.n_methods = 1;
-		ASSERT_EQ(ubus_add_object(bus_connection, &object), 0);
-	}
-	void TearDown() override
-	{
-		if (bus_connection != nullptr) {
-			ubus_free(bus_connection);
-		}
-		bus_connection = nullptr;
-		uloop_done();
-		QueryFixture::TearDown();
-	}
 	// Whatever it comes to, the call itself succeeds and is answered once.
 	Reply check(const Fields &arguments = {})
 	{
@@ -57,9 +28,7 @@ protected:
 		return check();
 	}
 
-	BusServices services;
-	ubus_object_type type = {};
-	ubus_object object = {};
+	ServedObject object{"check-test", UBUS_METHOD_NOARG("check", handle_check)};
 };
 
 const Fields failure = {

@@ -114,6 +114,20 @@ protected:
 		return records.back().status;
 	}
 
+	// Gives a download up when `put_file` has replaced the file that it goes into.
+	void give_up_once_replaced(const std::function<void()> &put_file)
+	{
+		server.on("/f", answer("image").in_pieces(2).hold());
+		Worker worker(server.url("/f"));
+		server.release();
+		ASSERT_TRUE(server.wait_for_pieces("/f", 1));
+		ASSERT_TRUE(wait_until_exists(TARGET));
+		unlink(TARGET);
+		put_file();
+		worker.give_up();
+		EXPECT_EQ(worker.end(), 0);
+	}
+
 	HttpServer server;
 };
 

@@ -198,29 +198,13 @@ TEST_F(WorkerTest, LostReaderEndsTheTransferAndDeletesTheFile)
 
 TEST_F(WorkerTest, SuccessorsFileIsNotDeleted)
 {
-	server.on("/f", answer("image").in_pieces(2).hold());
-	Worker worker(server.url("/f"));
-	server.release();
-	ASSERT_TRUE(server.wait_for_pieces("/f", 1));
-	ASSERT_TRUE(wait_until_exists(TARGET));
-	unlink(TARGET);
-	files.write(TARGET, "the successor's");
-	worker.give_up();
-	EXPECT_EQ(worker.end(), 0);
+	give_up_once_replaced([this] { files.write(TARGET, "the successor's"); });
 	EXPECT_EQ(read_file(TARGET), "the successor's");
 }
 
 TEST_F(WorkerTest, FileOfAnotherFileSystemInItsPlaceIsNotDeleted)
 {
-	server.on("/f", answer("image").in_pieces(2).hold());
-	Worker worker(server.url("/f"));
-	server.release();
-	ASSERT_TRUE(server.wait_for_pieces("/f", 1));
-	ASSERT_TRUE(wait_until_exists(TARGET));
-	unlink(TARGET);
-	ASSERT_EQ(symlink("/etc/passwd", TARGET), 0);
-	worker.give_up();
-	EXPECT_EQ(worker.end(), 0);
+	give_up_once_replaced([] { EXPECT_EQ(symlink("/etc/passwd", TARGET), 0); });
 	EXPECT_EQ(unlink(TARGET), 0);
 }
 

@@ -94,14 +94,10 @@ TEST_F(FirmwareModel, StoresAListOfDevicesJoinedByCommas)
 		const char *devices;
 		const char *model;
 	} cases[] = {
-		{R"(["ABC"])", "ABC[77]"},
-		{R"(["A"])", "A[77]"},
-		{R"(["ABC","XYZ"])", "ABC,XYZ[77]"},
-		{R"(["ABC", "XYZ", "D"])", "ABC,XYZ,D[77]"},
-		{R"(["A B[C] D"])", "ABCD[77]"},
-		{R"("ABC")", "ABC[77]"},
-		{R"(["A\r\nB"])", R"(A\r\nB[77])"},
-		{R"(["qor,model-x"])", "qor,model-x[77]"},
+		{R"(["ABC"])", "ABC[77]"},	     {R"(["A"])", "A[77]"},
+		{R"(["ABC","XYZ"])", "ABC,XYZ[77]"}, {R"(["ABC", "XYZ", "D"])", "ABC,XYZ,D[77]"},
+		{R"(["A B[C] D"])", "ABCD[77]"},     {R"("ABC")", "ABC[77]"},
+		{R"(["A\r\nB"])", R"(A\r\nB[77])"},  {R"(["qor,model-x"])", "qor,model-x[77]"},
 	};
 	for (const auto &row : cases) {
 		SCOPED_TRACE(row.devices);

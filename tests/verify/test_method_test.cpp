@@ -3,8 +3,8 @@
 // looked at before and after.
 #include "firmware_fixture.h"
 
-#include "core/bus.h"
 #include "support/bus.h"
+#include "support/served_object.h"
 #include "verify/test_method.h"
 
 using namespace fwupdate;
@@ -38,26 +38,7 @@ protected:
 	void SetUp() override
 	{
 		FirmwareFixture::SetUp();
-		uloop_init();
-		bus_connection = ubus_connect(nullptr);
-		ASSERT_NE(bus_connection, nullptr);
-		ubus_add_uloop(bus_connection);
-		object_.name = "tested";
-		object_.type = &type_;
-		object_.methods = type_.methods;
-		object_.n_methods = type_.n_methods;
-		ASSERT_EQ(ubus_add_object(bus_connection, &object_), 0);
 		write_bytes(firmware_path, build_uimage("data", {.entry_point = other_address}));
-	}
-
-	void TearDown() override
-	{
-		if (bus_connection != nullptr) {
-			ubus_free(bus_connection);
-			bus_connection = nullptr;
-		}
-		uloop_done();
-		FirmwareFixture::TearDown();
 	}
 
 	static Reply test(const Fields &arguments)
@@ -71,10 +52,7 @@ protected:
 	}
 
 private:
-	BusServices broker_{BusServices::Which::broker_only};
-	ubus_method method_ = UBUS_METHOD("test", handle_test, test_policy);
-	ubus_object_type type_ = {.name = "tested", .id = 0, .methods = &method_, .n_methods = 1};
-	ubus_object object_ = {};
+	ServedObject object_{"tested", UBUS_METHOD("test", handle_test, test_policy)};
 };
 
 } // namespace
