@@ -233,6 +233,26 @@ TEST_F(UpdateJobCallbacks, UpdateWithoutArgumentsHasThirtySecondsOneAttemptAndNo
 	EXPECT_LE(left, 30000);
 }
 
+// As when something has closed the daemon's standard input.
+TEST_F(UpdateJobCallbacks, DescriptorZeroIsAPipeLikeAnyOther)
+{
+	ubus_request_data request = {};
+	request.fd = -1;
+	allow_starts();
+	offer_update();
+	const int kept = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3);
+	close(STDIN_FILENO);
+	handle_update(bus_connection, nullptr, &request, "update", nullptr);
+	EXPECT_TRUE(request.deferred);
+	EXPECT_EQ(job.watch.fd, 0);
+	EXPECT_TRUE(job.watch.registered);
+	on_job_timeout(&job.timer);
+	EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1) << "the pipe is closed";
+	expect_finished(ERROR_DOWNLOAD);
+	dup2(kept, STDIN_FILENO);
+	close(kept);
+}
+
 TEST_F(UpdateJobCallbacks, FieldsOfAnEarlierJobDoNotReachTheNext)
 {
 	ubus_request_data request = {};
