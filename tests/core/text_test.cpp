@@ -73,15 +73,15 @@ TEST(Text, MillisecondsWrapAtThirtyTwoBits)
 
 TEST(Text, CopyIsCutTerminatedAndPaddedWithZeros)
 {
-	char field[5];
-	copy_text(field, sizeof(field), "abcdef");
-	EXPECT_STREQ(field, "abcd");
-	copy_text(field, sizeof(field), "abcd");
-	EXPECT_STREQ(field, "abcd");
-	copy_text(field, sizeof(field), "x");
-	EXPECT_EQ(std::string(field, sizeof(field)), std::string("x\0\0\0\0", 5));
-	copy_text(field, sizeof(field), "");
-	EXPECT_EQ(std::string(field, sizeof(field)), std::string(5, '\0'));
+	const auto copied = [](const char *text) {
+		std::string field(5, '#');
+		copy_text(field.data(), field.size(), text);
+		return field;
+	};
+	EXPECT_EQ(copied("abcdef"), std::string("abcd\0", 5));
+	EXPECT_EQ(copied("abcd"), std::string("abcd\0", 5));
+	EXPECT_EQ(copied("x"), std::string("x\0\0\0\0", 5));
+	EXPECT_EQ(copied(""), std::string(5, '\0'));
 }
 
 TEST(Text, LimitedCopyTouchesNothingBehindTheLimit)
