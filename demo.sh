@@ -83,7 +83,9 @@ TEXT
 }
 
 ./setup.sh || exit 1
-mkdir -p "$server" || fail "the folder $server cannot be made."
+if ! mkdir -p "$server" || [ ! -w "$work" ]; then
+	fail "the folder $work cannot be written."
+fi
 echo "Building the daemon and the router's tools ..."
 if ! build_programs; then
 	[ -t 1 ] || tail -n 40 "$log" >&2

@@ -97,6 +97,13 @@ TEST_F(Router, LeavesOutTheDaemonOrTheWholeBus)
 	EXPECT_EQ(result.output, "");
 }
 
+TEST_F(Router, CrashOfTheDaemonFailsTheRun)
+{
+	const std::vector<std::string> options = {"--no-server"};
+	EXPECT_EQ(router("kill -SEGV $(pidof fwupdate)", options).status.code, 1);
+	EXPECT_EQ(router("kill -KILL $(pidof fwupdate)", options).status.code, 0);
+}
+
 TEST_F(Router, AnswersAWrongOptionWithItsUsage)
 {
 	const std::vector<std::string> wrong[] = {
@@ -104,6 +111,8 @@ TEST_F(Router, AnswersAWrongOptionWithItsUsage)
 		{"word"},
 		{"--tmp-size"},
 		{"--tmp-size", "many"},
+		{"--bind", ""},
+		{"--tmp-size", "99999999999999999999"},
 		{"--tmp-size", "1024"},
 		{"--server-rate", "-1"},
 	};
