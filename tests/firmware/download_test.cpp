@@ -37,13 +37,13 @@ template<typename Function> Function original(const char *name)
 // own way to pipes and processes.
 extern "C" {
 
-int pipe2(int *ends, int flags)
+int pipe2(int *pipedes, int flags)
 {
 	if (no_more_pipes) {
 		errno = EMFILE;
 		return -1;
 	}
-	return original<int (*)(int *, int)>("pipe2")(ends, flags);
+	return original<int (*)(int *, int)>("pipe2")(pipedes, flags);
 }
 
 pid_t fork()

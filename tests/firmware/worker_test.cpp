@@ -154,7 +154,7 @@ TEST_F(WorkerTest, MissingMemoryForTheTransferEndsItWithoutARecord)
 		const rlimit none = {0, 0};
 		setrlimit(RLIMIT_AS, &none);
 		for (std::size_t size = 1 << 20; size >= 16; size /= 2) {
-			while (std::malloc(size) != nullptr) {
+			while (std::malloc(size) != nullptr) { // NOLINT(*-unix.Malloc)
 			}
 		}
 		std::free(reserve);
