@@ -246,6 +246,7 @@ TEST_F(UpdateJobCallbacks, DescriptorZeroIsAPipeLikeAnyOther)
 	EXPECT_TRUE(request.deferred);
 	EXPECT_EQ(job.watch.fd, 0);
 	EXPECT_TRUE(job.watch.registered);
+	EXPECT_EQ(syslog.count("pipe"), 0u);
 	on_job_timeout(&job.timer);
 	EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1) << "the pipe is closed";
 	expect_finished(ERROR_DOWNLOAD);
