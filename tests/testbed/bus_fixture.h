@@ -215,7 +215,7 @@ protected:
 
 	void start_broker()
 	{
-		broker_ = std::make_unique<router_test::Process>(
+		broker = std::make_unique<router_test::Process>(
 			router_test::Command{.words = {tool("ubusd"), "-s", socket()}});
 		if (!router_test::wait_until_exists(socket())) {
 			throw std::runtime_error("ubusd does not come up");
@@ -227,7 +227,7 @@ protected:
 		return path("bus.sock");
 	}
 
-	std::unique_ptr<router_test::Process> broker_;
+	std::unique_ptr<router_test::Process> broker;
 };
 
 // A caller and an owner at work while somebody else misbehaves.
@@ -236,18 +236,17 @@ class BusyBus : public Bus
 protected:
 	void call_through()
 	{
-		caller_.send(bus_wire::invoke(1, object_, "go"));
-		EXPECT_EQ(owner_.receive().text(bus_wire::A_METHOD), "go");
-		owner_.send(
-			bus_wire::message(bus_wire::STATUS, 1, caller_.id(),
-					  bus_wire::number(bus_wire::A_STATUS, 0) +
-						  bus_wire::number(bus_wire::A_OBJID, object_)));
-		EXPECT_EQ(caller_.receive().type, bus_wire::STATUS);
+		caller.send(bus_wire::invoke(1, object, "go"));
+		EXPECT_EQ(owner.receive().text(bus_wire::A_METHOD), "go");
+		owner.send(bus_wire::message(bus_wire::STATUS, 1, caller.id(),
+					     bus_wire::number(bus_wire::A_STATUS, 0) +
+						     bus_wire::number(bus_wire::A_OBJID, object)));
+		EXPECT_EQ(caller.receive().type, bus_wire::STATUS);
 	}
 
-	RawClient owner_{socket()};
-	RawClient caller_{socket()};
-	std::uint32_t object_ = owner_.add_object("one");
+	RawClient owner{socket()};
+	RawClient caller{socket()};
+	std::uint32_t object = owner.add_object("one");
 };
 
 } // namespace bus_test

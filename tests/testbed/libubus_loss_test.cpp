@@ -40,18 +40,18 @@ protected:
 		watched_at_loss = true;
 	}
 
-	RawClient owner_{socket()};
-	std::uint32_t object_ = owner_.add_object("raw");
+	RawClient owner{socket()};
+	std::uint32_t object = owner.add_object("raw");
 };
 
 TEST_F(LibUbusLoss, EndsOpenCallsAndTellsTheProgram)
 {
 	const Context context = connect();
-	AsyncCall call(context.get(), object_);
+	AsyncCall call(context.get(), object);
 	context->connection_lost = on_lost;
 
-	owner_.receive();
-	broker_->kill();
+	owner.receive();
+	broker->kill();
 	run_loop();
 	EXPECT_EQ(call.result, UBUS_STATUS_TIMEOUT);
 	EXPECT_FALSE(call.was_watched);
@@ -63,7 +63,7 @@ TEST_F(LibUbusLoss, EndsOpenCallsAndTellsTheProgram)
 TEST_F(LibUbusLoss, TheLoopGoesOnUnlessToldOtherwise)
 {
 	const Context context = connect();
-	AsyncCall call(context.get(), object_);
+	AsyncCall call(context.get(), object);
 	uloop_timeout later{};
 	later.cb = [](uloop_timeout *) {
 		uloop_end();
@@ -73,7 +73,7 @@ TEST_F(LibUbusLoss, TheLoopGoesOnUnlessToldOtherwise)
 	};
 	call.priv = &later;
 
-	broker_->kill();
+	broker->kill();
 	run_loop();
 	EXPECT_FALSE(later.pending);
 	EXPECT_FALSE(context->sock.registered);
@@ -84,11 +84,11 @@ TEST_F(LibUbusLoss, EndsACallThatWaits)
 	const Context context = connect();
 	context->connection_lost = on_lost;
 	std::thread killer([this] {
-		owner_.receive();
-		broker_->kill();
+		owner.receive();
+		broker->kill();
 	});
 
-	EXPECT_EQ(ubus_invoke(context.get(), object_, "go", nullptr, nullptr, nullptr, 0),
+	EXPECT_EQ(ubus_invoke(context.get(), object, "go", nullptr, nullptr, nullptr, 0),
 		  UBUS_STATUS_CONNECTION_FAILED);
 	killer.join();
 	EXPECT_EQ(losses, 0);
@@ -102,14 +102,14 @@ TEST_F(LibUbusLoss, EndsACallInsideAHandler)
 	context->connection_lost = on_lost;
 	int result = -1;
 	Service service("one", [&](auto &&...) {
-		return result = ubus_invoke(context.get(), object_, "go", nullptr, nullptr, nullptr,
+		return result = ubus_invoke(context.get(), object, "go", nullptr, nullptr, nullptr,
 					    0);
 	});
 	ASSERT_EQ(ubus_add_object(context.get(), &service.object), 0);
-	owner_.send(bus_wire::invoke(1, service.object.id, "go"));
+	owner.send(bus_wire::invoke(1, service.object.id, "go"));
 	std::thread killer([this] {
-		owner_.receive();
-		broker_->kill();
+		owner.receive();
+		broker->kill();
 	});
 
 	run_loop();
@@ -125,11 +125,11 @@ TEST_F(LibUbusLoss, ADeferredAnswerToNobodyIsHarmless)
 	ubus_request_data deferred{};
 	Service service("one", [&](ubus_request_data &request, const std::string &, blob_attr *) {
 		ubus_defer_request(context.get(), &request, &deferred);
-		broker_->kill();
+		broker->kill();
 		return 0;
 	});
 	ASSERT_EQ(ubus_add_object(context.get(), &service.object), 0);
-	owner_.send(bus_wire::invoke(1, service.object.id, "go"));
+	owner.send(bus_wire::invoke(1, service.object.id, "go"));
 
 	run_loop();
 	EXPECT_NE(ubus_send_reply(context.get(), &deferred, Arguments().head), 0);
@@ -140,13 +140,13 @@ TEST_F(LibUbusLoss, WhatCameBeforeTheEndIsStillHandled)
 {
 	const Context context = connect();
 	context->connection_lost = on_lost;
-	AsyncCall call(context.get(), object_);
-	const auto request = owner_.receive();
+	AsyncCall call(context.get(), object);
+	const auto request = owner.receive();
 
-	owner_.send(message(bus_wire::STATUS, request.seq, request.peer,
-			    number(bus_wire::A_STATUS, 4) + number(bus_wire::A_OBJID, object_)));
-	EXPECT_EQ(owner_.ask(message(bus_wire::PING, 1, 0)), 0);
-	broker_->kill();
+	owner.send(message(bus_wire::STATUS, request.seq, request.peer,
+			   number(bus_wire::A_STATUS, 4) + number(bus_wire::A_OBJID, object)));
+	EXPECT_EQ(owner.ask(message(bus_wire::PING, 1, 0)), 0);
+	broker->kill();
 	run_loop();
 	EXPECT_EQ(call.result, 4);
 }

@@ -36,26 +36,25 @@ protected:
 		*static_cast<std::string *>(request->priv) += to_json(message);
 	}
 
-	const Context context_ = connect();
-	RawClient owner_{socket()};
-	std::uint32_t object_ = owner_.add_object("raw");
+	const Context context = connect();
+	RawClient owner{socket()};
+	std::uint32_t object = owner.add_object("raw");
 };
 
 TEST_F(LibUbusRequest, ACallWaitsForDataAndStatus)
 {
 	const Arguments arguments(R"({"text":"x"})");
 	std::string answer;
-	std::thread owner([this] {
-		const auto call = owner_.receive();
+	std::thread answering([this] {
+		const auto call = owner.receive();
 		EXPECT_EQ(call.attributes.at(A_DATA), bus_wire::string_field("text", "x"));
-		owner_.send(data(call, bus_wire::string_field("a", "1")));
-		owner_.send(data(call, bus_wire::string_field("b", "2")));
-		owner_.send(status(owner_, call, 9));
+		owner.send(data(call, bus_wire::string_field("a", "1")));
+		owner.send(data(call, bus_wire::string_field("b", "2")));
+		owner.send(status(owner, call, 9));
 	});
 
-	EXPECT_EQ(ubus_invoke(context_.get(), object_, "go", arguments.head, collect, &answer, 0),
-		  9);
-	owner.join();
+	EXPECT_EQ(ubus_invoke(context.get(), object, "go", arguments.head, collect, &answer, 0), 9);
+	answering.join();
 	EXPECT_EQ(answer, R"({"a":"1"}{"b":"2"})");
 }
 
@@ -63,42 +62,42 @@ TEST_F(LibUbusRequest, ACallWithoutAnswerTimesOut)
 {
 	std::string answer;
 
-	EXPECT_EQ(ubus_invoke(context_.get(), object_, "go", nullptr, collect, &answer, 50),
+	EXPECT_EQ(ubus_invoke(context.get(), object, "go", nullptr, collect, &answer, 50),
 		  UBUS_STATUS_TIMEOUT);
 	// What comes too late is nobody's.
-	const auto late = owner_.receive();
-	owner_.send(data(late, bus_wire::string_field("late", "")) + status(owner_, late, 0));
-	EXPECT_EQ(owner_.ask(bus_wire::message(bus_wire::PING, 1, 0)), 0);
-	EXPECT_EQ(ubus_invoke(context_.get(), object_, "go", nullptr, collect, &answer, 50),
+	const auto late = owner.receive();
+	owner.send(data(late, bus_wire::string_field("late", "")) + status(owner, late, 0));
+	EXPECT_EQ(owner.ask(bus_wire::message(bus_wire::PING, 1, 0)), 0);
+	EXPECT_EQ(ubus_invoke(context.get(), object, "go", nullptr, collect, &answer, 50),
 		  UBUS_STATUS_TIMEOUT);
 	EXPECT_EQ(answer, "");
 }
 
 TEST_F(LibUbusRequest, ACallOfNothingFails)
 {
-	EXPECT_EQ(ubus_invoke(context_.get(), 5000, "go", nullptr, nullptr, nullptr, 0),
+	EXPECT_EQ(ubus_invoke(context.get(), 5000, "go", nullptr, nullptr, nullptr, 0),
 		  UBUS_STATUS_NOT_FOUND);
-	EXPECT_EQ(ubus_invoke(context_.get(), 0, "", nullptr, nullptr, nullptr, 0),
+	EXPECT_EQ(ubus_invoke(context.get(), 0, "", nullptr, nullptr, nullptr, 0),
 		  UBUS_STATUS_NOT_FOUND);
 }
 
 TEST_F(LibUbusRequest, TheLoopCompletesAsynchronousCallsInAnyOrder)
 {
-	AsyncCall first(context_.get(), object_);
-	AsyncCall second(context_.get(), object_);
+	AsyncCall first(context.get(), object);
+	AsyncCall second(context.get(), object);
 	std::string answer;
 	second.data_cb = collect;
 	second.priv = &answer;
 
-	const auto first_call = owner_.receive();
-	const auto second_call = owner_.receive();
-	owner_.send(data(second_call, bus_wire::string_field("a", "1")) +
-		    status(owner_, second_call, 0));
+	const auto first_call = owner.receive();
+	const auto second_call = owner.receive();
+	owner.send(data(second_call, bus_wire::string_field("a", "1")) +
+		   status(owner, second_call, 0));
 	run_loop();
 	EXPECT_EQ(second.result, 0);
 	EXPECT_EQ(answer, R"({"a":"1"})");
 	EXPECT_EQ(first.completions, 0);
-	owner_.send(status(owner_, first_call, 2));
+	owner.send(status(owner, first_call, 2));
 	run_loop();
 	EXPECT_EQ(first.result, 2);
 	EXPECT_EQ(first.completions + second.completions, 2);
@@ -106,17 +105,17 @@ TEST_F(LibUbusRequest, TheLoopCompletesAsynchronousCallsInAnyOrder)
 
 TEST_F(LibUbusRequest, AnAbortedCallStaysSilent)
 {
-	AsyncCall aborted(context_.get(), object_);
-	AsyncCall other(context_.get(), object_);
+	AsyncCall aborted(context.get(), object);
+	AsyncCall other(context.get(), object);
 
-	const auto aborted_call = owner_.receive();
-	const auto other_call = owner_.receive();
-	ubus_abort_request(context_.get(), &aborted);
-	owner_.send(status(owner_, aborted_call, 0) + status(owner_, other_call, 0));
+	const auto aborted_call = owner.receive();
+	const auto other_call = owner.receive();
+	ubus_abort_request(context.get(), &aborted);
+	owner.send(status(owner, aborted_call, 0) + status(owner, other_call, 0));
 	run_loop();
 	EXPECT_EQ(other.completions, 1);
 	EXPECT_EQ(aborted.completions, 0);
-	ubus_abort_request(context_.get(), &other);
+	ubus_abort_request(context.get(), &other);
 }
 
 TEST_F(LibUbusRequest, ADeferredCallIsAnsweredLaterAndOthersMeanwhile)
@@ -126,13 +125,13 @@ TEST_F(LibUbusRequest, ADeferredCallIsAnsweredLaterAndOthersMeanwhile)
 	Service service("one",
 			[&](ubus_request_data &request, const std::string &method, blob_attr *) {
 				if (method == "go") {
-					ubus_defer_request(context_.get(), &request, &deferred);
+					ubus_defer_request(context.get(), &request, &deferred);
 				} else {
 					uloop_end();
 				}
 				return 0;
 			});
-	ASSERT_EQ(ubus_add_object(context_.get(), &service.object), 0);
+	ASSERT_EQ(ubus_add_object(context.get(), &service.object), 0);
 
 	caller.send(bus_wire::invoke(1, service.object.id, "go"));
 	caller.send(bus_wire::invoke(2, service.object.id, "plain"));
@@ -140,8 +139,8 @@ TEST_F(LibUbusRequest, ADeferredCallIsAnsweredLaterAndOthersMeanwhile)
 	EXPECT_EQ(caller.receive().seq, 2);
 
 	const Arguments reply(R"({"late":true})");
-	EXPECT_EQ(ubus_send_reply(context_.get(), &deferred, reply.head), 0);
-	ubus_complete_deferred_request(context_.get(), &deferred, 7);
+	EXPECT_EQ(ubus_send_reply(context.get(), &deferred, reply.head), 0);
+	ubus_complete_deferred_request(context.get(), &deferred, 7);
 	const auto part = caller.receive();
 	EXPECT_EQ(part.type, bus_wire::DATA);
 	EXPECT_EQ(part.seq, 1);
@@ -155,19 +154,19 @@ TEST_F(LibUbusRequest, ADeferredCallMayOutliveItsCaller)
 	auto caller = std::make_unique<RawClient>(socket());
 	ubus_request_data deferred{};
 	Service service("one", [&](ubus_request_data &request, const std::string &, blob_attr *) {
-		ubus_defer_request(context_.get(), &request, &deferred);
+		ubus_defer_request(context.get(), &request, &deferred);
 		uloop_end();
 		return 0;
 	});
-	ASSERT_EQ(ubus_add_object(context_.get(), &service.object), 0);
+	ASSERT_EQ(ubus_add_object(context.get(), &service.object), 0);
 
 	caller->send(bus_wire::invoke(1, service.object.id, "go"));
 	run_loop();
 	caller.reset();
-	EXPECT_EQ(ubus_send_reply(context_.get(), &deferred, Arguments().head), 0);
-	ubus_complete_deferred_request(context_.get(), &deferred, 0);
+	EXPECT_EQ(ubus_send_reply(context.get(), &deferred, Arguments().head), 0);
+	ubus_complete_deferred_request(context.get(), &deferred, 0);
 	std::uint32_t id = 0;
-	EXPECT_EQ(ubus_lookup_id(context_.get(), "one", &id), 0);
+	EXPECT_EQ(ubus_lookup_id(context.get(), "one", &id), 0);
 }
 
 // A handler that calls somebody else is not entered again meanwhile.
@@ -178,7 +177,7 @@ TEST_F(LibUbusRequest, CallsThatComeDuringACallAreHandledAfterwards)
 	Service service("one", [&](ubus_request_data &, const std::string &method, blob_attr *) {
 		trace += method + "( ";
 		if (method == "go") {
-			const int result = ubus_invoke(context_.get(), object_, "go", nullptr,
+			const int result = ubus_invoke(context.get(), object, "go", nullptr,
 						       nullptr, nullptr, 0);
 			EXPECT_EQ(result, 5);
 		} else {
@@ -187,26 +186,26 @@ TEST_F(LibUbusRequest, CallsThatComeDuringACallAreHandledAfterwards)
 		trace += ") ";
 		return 0;
 	});
-	ASSERT_EQ(ubus_add_object(context_.get(), &service.object), 0);
+	ASSERT_EQ(ubus_add_object(context.get(), &service.object), 0);
 
 	caller.send(bus_wire::invoke(1, service.object.id, "go"));
-	std::thread owner([&] {
-		const auto nested = owner_.receive();
+	std::thread answering([&] {
+		const auto nested = owner.receive();
 		// These reach the one who waits before its answer does.
-		owner_.send(bus_wire::invoke(50, service.object.id, "masked"));
-		owner_.send(bus_wire::invoke(51, service.object.id, "plain"));
-		owner_.send(status(owner_, nested, 5));
+		owner.send(bus_wire::invoke(50, service.object.id, "masked"));
+		owner.send(bus_wire::invoke(51, service.object.id, "plain"));
+		owner.send(status(owner, nested, 5));
 	});
 	run_loop();
-	owner.join();
+	answering.join();
 	// `masked` ends the loop; `plain` may be left for the next run.
 	if (trace == "go( ) masked( ) ") {
 		run_loop();
 	}
 	EXPECT_EQ(trace, "go( ) masked( ) plain( ) ");
 	EXPECT_EQ(caller.receive().number(A_STATUS), 0u);
-	EXPECT_EQ(owner_.receive().seq, 50);
-	EXPECT_EQ(owner_.receive().seq, 51);
+	EXPECT_EQ(owner.receive().seq, 50);
+	EXPECT_EQ(owner.receive().seq, 51);
 }
 
 TEST_F(LibUbusRequest, ACallToOneselfTimesOutAndIsHandledAfterwards)
@@ -217,10 +216,10 @@ TEST_F(LibUbusRequest, ACallToOneselfTimesOutAndIsHandledAfterwards)
 		uloop_end();
 		return 0;
 	});
-	ASSERT_EQ(ubus_add_object(context_.get(), &service.object), 0);
+	ASSERT_EQ(ubus_add_object(context.get(), &service.object), 0);
 
 	EXPECT_EQ(
-		ubus_invoke(context_.get(), service.object.id, "go", nullptr, nullptr, nullptr, 50),
+		ubus_invoke(context.get(), service.object.id, "go", nullptr, nullptr, nullptr, 50),
 		UBUS_STATUS_TIMEOUT);
 	EXPECT_EQ(calls, 0);
 	run_loop();
@@ -234,17 +233,17 @@ TEST_F(LibUbusRequest, ADataCallbackMayCallItself)
 		ubus_context *context;
 		std::uint32_t object;
 		std::string trace;
-	} nested{context_.get(), object_, ""};
-	std::thread owner([this] {
-		const auto outer = owner_.receive();
-		owner_.send(data(outer, bus_wire::string_field("part", "1")));
+	} nested{context.get(), object, ""};
+	std::thread answering([this] {
+		const auto outer = owner.receive();
+		owner.send(data(outer, bus_wire::string_field("part", "1")));
 		for (int i = 0; i < 2; i++) {
-			const auto inner = owner_.receive();
+			const auto inner = owner.receive();
 			if (i == 0) {
-				owner_.send(data(outer, bus_wire::string_field("part", "2")) +
-					    status(owner_, outer, 3));
+				owner.send(data(outer, bus_wire::string_field("part", "2")) +
+					   status(owner, outer, 3));
 			}
-			owner_.send(status(owner_, inner, 0));
+			owner.send(status(owner, inner, 0));
 		}
 	});
 	const auto on_part = [](ubus_request *request, int, blob_attr *message) {
@@ -254,8 +253,8 @@ TEST_F(LibUbusRequest, ADataCallbackMayCallItself)
 			ubus_invoke(self.context, self.object, "go", nullptr, nullptr, nullptr, 0));
 	};
 
-	EXPECT_EQ(ubus_invoke(context_.get(), object_, "go", nullptr, on_part, &nested, 0), 3);
-	owner.join();
+	EXPECT_EQ(ubus_invoke(context.get(), object, "go", nullptr, on_part, &nested, 0), 3);
+	answering.join();
 	EXPECT_EQ(nested.trace, R"({"part":"1"}0{"part":"2"}0)");
 }
 
@@ -268,17 +267,17 @@ TEST_F(LibUbusRequest, LargeMessagesPassAndTooLargeOnesAreRefused)
 	Arguments more;
 	blobmsg_add_string(&most, "t", large.c_str());
 	blobmsg_add_string(&more, "t", too_large.c_str());
-	std::thread owner([&] {
-		const auto call = owner_.receive();
-		owner_.send(data(call, call.attributes.at(A_DATA)) + status(owner_, call, 0));
+	std::thread answering([&] {
+		const auto call = owner.receive();
+		owner.send(data(call, call.attributes.at(A_DATA)) + status(owner, call, 0));
 	});
 
-	EXPECT_NE(ubus_invoke(context_.get(), object_, "go", more.head, nullptr, nullptr, 0), 0);
-	EXPECT_EQ(ubus_invoke(context_.get(), object_, "go", most.head, collect, &answer, 0), 0);
-	owner.join();
+	EXPECT_NE(ubus_invoke(context.get(), object, "go", more.head, nullptr, nullptr, 0), 0);
+	EXPECT_EQ(ubus_invoke(context.get(), object, "go", most.head, collect, &answer, 0), 0);
+	answering.join();
 	EXPECT_EQ(answer, R"({"t":")" + large + R"("})");
-	EXPECT_NE(ubus_send_event(context_.get(), "x", more.head), 0);
-	EXPECT_EQ(ubus_send_event(context_.get(), "x", most.head), 0);
+	EXPECT_NE(ubus_send_event(context.get(), "x", more.head), 0);
+	EXPECT_EQ(ubus_send_event(context.get(), "x", most.head), 0);
 }
 
 } // namespace

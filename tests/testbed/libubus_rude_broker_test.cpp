@@ -25,31 +25,31 @@ protected:
 		uloop_init();
 		address.sun_family = AF_UNIX;
 		path("bus.sock").copy(address.sun_path, sizeof(address.sun_path) - 1);
-		if (bind(listener_, reinterpret_cast<const sockaddr *>(&address),
-			 sizeof(address)) != 0 ||
-		    listen(listener_, 1) != 0) {
+		if (bind(listener, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) !=
+			    0 ||
+		    listen(listener, 1) != 0) {
 			throw std::runtime_error("no socket");
 		}
 	}
 	~LibUbusRudeBroker() override
 	{
-		close(listener_);
+		close(listener);
 		uloop_done();
 	}
 
 	// Connects while a thread says the first words.
 	Context connect(const std::string &greeting, bool hang_up = false)
 	{
-		std::thread broker([&] {
-			broker_ = std::make_unique<RawClient>(
-				accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC));
-			broker_->send(greeting);
+		std::thread accepting([&] {
+			broker = std::make_unique<RawClient>(
+				accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
+			broker->send(greeting);
 			if (hang_up) {
-				broker_->leave();
+				broker->leave();
 			}
 		});
 		Context context(ubus_connect(path("bus.sock").c_str()));
-		broker.join();
+		accepting.join();
 		if (context) {
 			ubus_add_uloop(context.get());
 			context->connection_lost = [](ubus_context *) {
@@ -61,19 +61,19 @@ protected:
 	}
 
 	static inline bool lost = false;
-	const std::string hello_ = message(bus_wire::HELLO, 0, 77);
-	std::unique_ptr<RawClient> broker_;
-	int listener_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+	const std::string hello = message(bus_wire::HELLO, 0, 77);
+	std::unique_ptr<RawClient> broker;
+	int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
 };
 
 TEST_F(LibUbusRudeBroker, TakesOnlyAGreetingAsAGreeting)
 {
 	EXPECT_EQ(connect("", true), nullptr);
-	EXPECT_EQ(connect(hello_.substr(0, 5), true), nullptr);
+	EXPECT_EQ(connect(hello.substr(0, 5), true), nullptr);
 	EXPECT_EQ(connect(message(bus_wire::STATUS, 0, 77)), nullptr);
 	EXPECT_EQ(connect(head(bus_wire::HELLO, 0, 77) + big_endian(0, 4)), nullptr);
 	EXPECT_EQ(connect(head(bus_wire::HELLO, 0, 77) + big_endian(0xffffff, 4)), nullptr);
-	const Context context = connect(hello_);
+	const Context context = connect(hello);
 	ASSERT_NE(context, nullptr);
 }
 
@@ -88,10 +88,10 @@ TEST_F(LibUbusRudeBroker, WhatIsNoMessageEndsTheConnection)
 	};
 
 	for (const std::string &bytes : rubbish) {
-		const Context context = connect(hello_);
+		const Context context = connect(hello);
 		ASSERT_NE(context, nullptr);
 		lost = false;
-		broker_->send(bytes);
+		broker->send(bytes);
 		const router_test::Deadline deadline;
 		while (!lost && !deadline.passed()) {
 			uloop_run_timeout(deadline.remaining());
@@ -103,7 +103,7 @@ TEST_F(LibUbusRudeBroker, WhatIsNoMessageEndsTheConnection)
 
 TEST_F(LibUbusRudeBroker, DamagedMessagesAreNotFollowed)
 {
-	const Context context = connect(hello_);
+	const Context context = connect(hello);
 	ASSERT_NE(context, nullptr);
 	AsyncCall call(context.get(), 5000);
 	int calls = 0;
@@ -127,9 +127,9 @@ TEST_F(LibUbusRudeBroker, DamagedMessagesAreNotFollowed)
 	call.priv = &calls;
 
 	for (const std::string &bytes : damaged) {
-		broker_->send(bytes);
+		broker->send(bytes);
 	}
-	broker_->send(message(bus_wire::STATUS, call.seq, 5000, number(bus_wire::A_STATUS, 3)));
+	broker->send(message(bus_wire::STATUS, call.seq, 5000, number(bus_wire::A_STATUS, 3)));
 	const router_test::Deadline deadline;
 	while (call.result == -1 && !deadline.passed()) {
 		uloop_run_timeout(1);
@@ -144,15 +144,15 @@ TEST_F(LibUbusRudeBroker, DescriptorsThatAreSentAreNotKept)
 	const auto count = [] {
 		return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 	};
-	const Context context = connect(hello_);
+	const Context context = connect(hello);
 	ASSERT_NE(context, nullptr);
 	const auto before = count();
 	lost = false;
 	for (int i = 0; i < 5; i++) {
-		send_with_descriptor(broker_->fd(), message(bus_wire::STATUS, 1, 1), STDERR_FILENO);
+		send_with_descriptor(broker->fd(), message(bus_wire::STATUS, 1, 1), STDERR_FILENO);
 	}
 	AsyncCall call(context.get(), 5000);
-	broker_->send(message(bus_wire::STATUS, call.seq, 5000, number(bus_wire::A_STATUS, 0)));
+	broker->send(message(bus_wire::STATUS, call.seq, 5000, number(bus_wire::A_STATUS, 0)));
 	const router_test::Deadline deadline;
 	while (call.result == -1 && !deadline.passed()) {
 		uloop_run_timeout(1);

@@ -20,8 +20,8 @@ class Ubus : public UloopBus
 protected:
 	Ubus()
 	{
-		EXPECT_EQ(ubus_add_object(context_.get(), &service_.object), 0);
-		EXPECT_EQ(ubus_add_object(context_.get(), &other_.object), 0);
+		EXPECT_EQ(ubus_add_object(context.get(), &service.object), 0);
+		EXPECT_EQ(ubus_add_object(context.get(), &other.object), 0);
 	}
 
 	std::unique_ptr<Process> start(std::vector<std::string> words) const
@@ -34,40 +34,40 @@ protected:
 	// loop, which would collect the child.
 	Process &ubus(std::vector<std::string> words)
 	{
-		process_ = start(std::move(words));
+		process = start(std::move(words));
 		const router_test::Deadline deadline;
-		pollfd watched[] = {{context_->sock.fd, POLLIN, 0},
-				    {process_->pid_descriptor(), POLLIN, 0}};
+		pollfd watched[] = {{context->sock.fd, POLLIN, 0},
+				    {process->pid_descriptor(), POLLIN, 0}};
 		while (!watched[1].revents && poll(watched, 2, deadline.remaining()) > 0) {
 			if (watched[0].revents) {
-				ubus_handle_event(context_.get());
+				ubus_handle_event(context.get());
 			}
 		}
-		process_->wait();
-		return *process_;
+		process->wait();
+		return *process;
 	}
 
 	int handle(ubus_request_data &request, const std::string &method, blob_attr *arguments)
 	{
 		if (method == "plain") {
-			return plain_status_;
+			return plain_status;
 		}
 		if (method == "go") {
-			ubus_send_reply(context_.get(), &request, arguments);
+			ubus_send_reply(context.get(), &request, arguments);
 			return 0;
 		}
 		ubus_request_data never{};
-		ubus_defer_request(context_.get(), &request, &never);
+		ubus_defer_request(context.get(), &request, &never);
 		return 0;
 	}
 
-	const Context context_ = connect();
-	Service service_{"test.one", [this](auto &&...all) {
-				 return handle(all...);
-			 }};
-	Service other_{"test.other"};
-	int plain_status_ = 0;
-	std::unique_ptr<Process> process_;
+	const Context context = connect();
+	Service service{"test.one", [this](auto &&...all) {
+				return handle(all...);
+			}};
+	Service other{"test.other"};
+	int plain_status = 0;
+	std::unique_ptr<Process> process;
 };
 
 TEST_F(Ubus, ListsPaths)
@@ -97,7 +97,7 @@ TEST_F(Ubus, ListsPaths)
 TEST_F(Ubus, ListsMethodsWithTheirArguments)
 {
 	char line[64];
-	snprintf(line, sizeof(line), "'test.one' @%08x\n", service_.object.id);
+	snprintf(line, sizeof(line), "'test.one' @%08x\n", service.object.id);
 	const std::string expected =
 		std::string(line) +
 		"\t\"go\":{\"text\":\"String\",\"count\":\"Integer\",\"flag\":\"Boolean\","
@@ -119,15 +119,15 @@ TEST_F(Ubus, PrintsTheAnswer)
 		  "\t},\n\t\"list\": [\n\t\t1\n\t]\n}\n");
 	EXPECT_EQ(ubus({"-S", "call", "test.one", "go", arguments}).output(), arguments + "\n");
 	EXPECT_EQ(ubus({"-S", "call", "test.one", "go"}).output(), "{}\n");
-	EXPECT_EQ(process_->wait().code, 0);
+	EXPECT_EQ(process->wait().code, 0);
 	EXPECT_EQ(ubus({"call", "test.one", "plain"}).output(), "");
-	EXPECT_EQ(process_->wait().code, 0);
+	EXPECT_EQ(process->wait().code, 0);
 }
 
 TEST_F(Ubus, ExitsWithTheStatusOfTheCall)
 {
 	for (int code = 1; code < __UBUS_STATUS_LAST; code++) {
-		plain_status_ = code;
+		plain_status = code;
 		Process &result = ubus({"call", "test.one", "plain", "{}"});
 		EXPECT_EQ(result.wait().code, code);
 		EXPECT_EQ(result.output(), "");
@@ -194,7 +194,7 @@ TEST_F(Ubus, SaysWhenThereIsNoBroker)
 TEST_F(Ubus, SendsEvents)
 {
 	Listener listener("stop");
-	ASSERT_EQ(ubus_register_event_handler(context_.get(), &listener, "*"), 0);
+	ASSERT_EQ(ubus_register_event_handler(context.get(), &listener, "*"), 0);
 
 	EXPECT_EQ(ubus({"send", "foo", R"({"a":{"b":[1,"x"]}})"}).wait().code, 0);
 	EXPECT_EQ(ubus({"send", "bar"}).wait().code, 0);
@@ -210,11 +210,11 @@ TEST_F(Ubus, PrintsEventsAsTheyCome)
 	const auto some = start({"listen", "foo*", "ready"});
 	const auto limited = start({"-t", "1", "listen"});
 	const RawClient caller(socket());
-	const auto hears = [&caller](Process &process) {
+	const auto hears = [&caller](Process &listening) {
 		return router_test::eventually([&] {
 			caller.send(bus_wire::send_event(1, "ready"));
-			return process.wait_for_output("{ \"ready\": {} }\n",
-						       std::chrono::milliseconds(20));
+			return listening.wait_for_output("{ \"ready\": {} }\n",
+							 std::chrono::milliseconds(20));
 		});
 	};
 	ASSERT_TRUE(hears(*everything));
@@ -231,7 +231,7 @@ TEST_F(Ubus, PrintsEventsAsTheyCome)
 
 	some->signal(SIGTERM);
 	EXPECT_EQ(some->wait().code, 0);
-	broker_->kill();
+	broker->kill();
 	EXPECT_EQ(everything->wait().code, UBUS_STATUS_CONNECTION_FAILED);
 	EXPECT_EQ(everything->errors(), "Command failed: Connection failed\n");
 }
@@ -256,7 +256,7 @@ TEST_F(Ubus, ABrokerThatDiesEndsACall)
 	const auto call = start({"call", "raw", "go"});
 
 	owner.receive();
-	broker_->kill();
+	broker->kill();
 	EXPECT_EQ(call->wait().code, UBUS_STATUS_CONNECTION_FAILED);
 }
 

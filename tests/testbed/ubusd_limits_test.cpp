@@ -28,30 +28,30 @@ using UbusDLimits = bus_test::BusyBus;
 TEST_F(UbusDLimits, TheLargestMessagePassesBothWays)
 {
 	const std::string names = text(A_USER, "") + text(A_GROUP, "");
-	const std::string head_part = number(A_OBJID, object_) + text(A_METHOD, "go");
+	const std::string head_part = number(A_OBJID, object) + text(A_METHOD, "go");
 	// Room for what the broker adds: two names, which are short.
 	const std::string large =
 		head_part + body_of(max_attr_len - head_part.size() - names.size() - 64);
 
-	std::thread sender([&] { caller_.send(message(INVOKE, 1, object_, large)); });
-	const Received call = owner_.receive();
+	std::thread sender([&] { caller.send(message(INVOKE, 1, object, large)); });
+	const Received call = owner.receive();
 	sender.join();
 	EXPECT_EQ(call.attributes.at(A_DATA).size(), large.size() - head_part.size() - 4);
 
-	const std::string id = number(A_OBJID, object_);
+	const std::string id = number(A_OBJID, object);
 	const std::string answer = id + body_of(max_attr_len - id.size());
-	std::thread replier([&] { owner_.send(message(DATA, 1, caller_.id(), answer)); });
-	EXPECT_EQ(caller_.receive().attributes.at(A_DATA).size(), answer.size() - id.size() - 4);
+	std::thread replier([&] { owner.send(message(DATA, 1, caller.id(), answer)); });
+	EXPECT_EQ(caller.receive().attributes.at(A_DATA).size(), answer.size() - id.size() - 4);
 	replier.join();
 	call_through();
 }
 
 TEST_F(UbusDLimits, ACallThatWouldGrowTooLargeIsRefused)
 {
-	const std::string head_part = number(A_OBJID, object_) + text(A_METHOD, "go");
+	const std::string head_part = number(A_OBJID, object) + text(A_METHOD, "go");
 
-	EXPECT_EQ(caller_.ask(message(INVOKE, 1, object_,
-				      head_part + body_of(max_attr_len - head_part.size()))),
+	EXPECT_EQ(caller.ask(message(INVOKE, 1, object,
+				     head_part + body_of(max_attr_len - head_part.size()))),
 		  2);
 	call_through();
 }
@@ -64,7 +64,7 @@ TEST_F(UbusDLimits, WhoDoesNotReadIsDropped)
 	std::size_t sent = 0;
 
 	for (int i = 0; i < 100; i++) {
-		ASSERT_EQ(caller_.ask(send_event(i, "flood", data)), 0);
+		ASSERT_EQ(caller.ask(send_event(i, "flood", data)), 0);
 		sent += data.size();
 	}
 	call_through();
@@ -90,7 +90,7 @@ TEST_F(UbusDLimits, WhoReadsLateGetsEverythingInOrder)
 	for (int i = 0; i < 64; i++) {
 		const std::string count =
 			field(F_INT32, "n", big_endian(static_cast<unsigned>(i), 4));
-		ASSERT_EQ(caller_.ask(send_event(i, "flood", count + fill)), 0);
+		ASSERT_EQ(caller.ask(send_event(i, "flood", count + fill)), 0);
 	}
 	for (unsigned int i = 0; i < 64; i++) {
 		const std::string data = late.receive().attributes.at(A_DATA);
@@ -101,20 +101,20 @@ TEST_F(UbusDLimits, WhoReadsLateGetsEverythingInOrder)
 // Whole descriptors in a message are nothing the broker wants.
 TEST_F(UbusDLimits, DescriptorsThatAreSentAreNotKept)
 {
-	const std::string folder = "/proc/" + std::to_string(broker_->pid()) + "/fd";
+	const std::string folder = "/proc/" + std::to_string(broker->pid()) + "/fd";
 	const auto count = [&folder] {
 		return std::distance(std::filesystem::directory_iterator(folder), {});
 	};
 	const auto before = count();
-	send_with_descriptor(caller_.fd(), message(PING, 1, 0), STDERR_FILENO);
-	EXPECT_EQ(caller_.receive().type, STATUS);
+	send_with_descriptor(caller.fd(), message(PING, 1, 0), STDERR_FILENO);
+	EXPECT_EQ(caller.receive().type, STATUS);
 	EXPECT_EQ(count(), before);
 }
 
 TEST_F(UbusDLimits, MoreClientsThanDescriptorsAreTurnedAway)
 {
 	const rlimit few{24, 24};
-	ASSERT_EQ(prlimit(broker_->pid(), RLIMIT_NOFILE, &few, nullptr), 0);
+	ASSERT_EQ(prlimit(broker->pid(), RLIMIT_NOFILE, &few, nullptr), 0);
 	std::vector<std::unique_ptr<RawClient>> crowd;
 	int turned_away = 0;
 

@@ -20,8 +20,8 @@ TEST_F(UbusDProcess, EndsOnRequestAndTakesItsSocketAlong)
 {
 	for (const int number : {SIGTERM, SIGINT}) {
 		RawClient client(socket());
-		broker_->signal(number);
-		const auto status = broker_->wait();
+		broker->signal(number);
+		const auto status = broker->wait();
 		EXPECT_TRUE(status.success()) << number;
 		EXPECT_FALSE(exists("bus.sock"));
 		EXPECT_TRUE(client.is_closed());
@@ -31,13 +31,13 @@ TEST_F(UbusDProcess, EndsOnRequestAndTakesItsSocketAlong)
 
 TEST_F(UbusDProcess, ASocketThatWasLeftIsReplaced)
 {
-	broker_->kill();
+	broker->kill();
 	struct stat left {
 	};
 	ASSERT_EQ(stat(socket().c_str(), &left), 0);
 	EXPECT_EQ(bus_test::connect_to(socket()), -1);
 
-	broker_ = std::make_unique<router_test::Process>(
+	broker = std::make_unique<router_test::Process>(
 		router_test::Command{.words = {tool("ubusd"), "-s", socket()}});
 	EXPECT_TRUE(router_test::wait_for_change(socket(), [this] {
 		const int fd = bus_test::connect_to(socket());
@@ -48,13 +48,13 @@ TEST_F(UbusDProcess, ASocketThatWasLeftIsReplaced)
 
 TEST_F(UbusDProcess, ASuccessorKeepsItsSocketWhenThePredecessorEnds)
 {
-	const auto old = std::move(broker_);
+	const auto old = std::move(broker);
 	struct stat before {
 	};
 	struct stat after {
 	};
 	ASSERT_EQ(stat(socket().c_str(), &before), 0);
-	broker_ = std::make_unique<router_test::Process>(
+	broker = std::make_unique<router_test::Process>(
 		router_test::Command{.words = {tool("ubusd"), "-s", socket()}});
 	ASSERT_TRUE(router_test::wait_for_change(socket(), [&] {
 		return stat(socket().c_str(), &after) == 0 && after.st_ino != before.st_ino;

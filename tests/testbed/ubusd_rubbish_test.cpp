@@ -115,7 +115,7 @@ TEST_F(UbusDDamage, RandomBodiesDoNoHarm)
 {
 	for (unsigned int seed = 0; seed < 300; seed++) {
 		RawClient rude(socket());
-		rude.send(message(static_cast<int>(seed % 12), 1, object_,
+		rude.send(message(static_cast<int>(seed % 12), 1, object,
 				  random_bytes(seed, seed % 61)));
 	}
 	call_through();
@@ -127,7 +127,7 @@ TEST_F(UbusDDamage, DamagedEventArgumentsAreRefused)
 	int refused = 0;
 
 	for (std::size_t length = 0; length < good.size(); length++) {
-		const int status = caller_.ask(
+		const int status = caller.ask(
 			invoke(static_cast<int>(length), 1, "send", good.substr(0, length)));
 		refused += status == 2;
 	}
