@@ -3,6 +3,7 @@
 // them, and a run that cannot last for ever.
 #pragma once
 
+#include <csignal>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -107,6 +108,8 @@ protected:
 	void SetUp() override
 	{
 		trace.clear();
+		// Tests that are run in the background have it ignored, and so would the loop.
+		std::signal(SIGINT, SIG_DFL);
 		ASSERT_EQ(uloop_init(), 0);
 	}
 	void TearDown() override
