@@ -13,6 +13,12 @@ constexpr const char *ifconfig = "/sbin/ifconfig";
 constexpr const char *ip = "/sbin/ip";
 
 // `ubus` is played by a script: the device of the WAN interface is all that these tests need.
+struct TextCase {
+	const char *what;
+	std::string printed;
+	std::string kept; // empty: the fact could not be read
+};
+
 class WanFacts : public DiscoveryFixture
 {
 protected:
@@ -35,6 +41,20 @@ protected:
 	{
 		files.write("/etc/router/ifconfig", lines);
 		files.install_tool(ifconfig, "cat /etc/router/ifconfig");
+	}
+	// Gathers the facts from each text that ifconfig prints; `field` then holds what is kept of
+	// it, and `failure` was logged once if that is nothing.
+	void expect_kept_of_ifconfig(const char *field, const char *failure,
+				     const std::vector<TextCase> &cases)
+	{
+		for (const TextCase &each : cases) {
+			SCOPED_TRACE(each.what);
+			set_ifconfig(each.printed);
+			syslog.clear();
+			gather_device_facts();
+			EXPECT_EQ(field, each.kept);
+			EXPECT_EQ(syslog.count(failure), each.kept.empty() ? 1u : 0u);
+		}
 	}
 	// Messages about the WAN; those about other facts are not of interest.
 	std::vector<std::string> wan_messages() const
@@ -59,12 +79,6 @@ protected:
 const std::string wan_of_busybox =
 	"wan       Link encap:Ethernet  HWaddr 02:00:00:00:00:10  \n"
 	"          inet addr:192.0.2.10  Bcast:0.0.0.0  Mask:255.255.255.0\n";
-
-struct TextCase {
-	const char *what;
-	std::string printed;
-	std::string kept; // empty: the fact could not be read
-};
 
 } // namespace
 
@@ -182,15 +196,7 @@ TEST_F(WanFacts, MacIsTheFifthWordOfTheLineWithTheHardwareAddress)
 		{"no hardware address", "lo        Link encap:Local Loopback  \n", ""},
 		{"nothing", "", ""},
 	};
-	for (const TextCase &each : cases) {
-		SCOPED_TRACE(each.what);
-		set_ifconfig(each.printed);
-		syslog.clear();
-		gather_device_facts();
-		EXPECT_EQ(device_facts.cpe_wan_mac, each.kept);
-		EXPECT_EQ(syslog.count("Error on reading cpe_wan_mac\n"),
-			  each.kept.empty() ? 1u : 0u);
-	}
+	expect_kept_of_ifconfig(device_facts.cpe_wan_mac, "Error on reading cpe_wan_mac\n", cases);
 }
 
 TEST_F(WanFacts, AddressIsTheSecondWordOfTheLineWithTheAddress)
@@ -204,15 +210,7 @@ TEST_F(WanFacts, AddressIsTheSecondWordOfTheLineWithTheAddress)
 		{"only IPv6", "          inet6 addr: fe80::1/64 Scope:Link\n", ""},
 		{"nothing", "", ""},
 	};
-	for (const TextCase &each : cases) {
-		SCOPED_TRACE(each.what);
-		set_ifconfig(each.printed);
-		syslog.clear();
-		gather_device_facts();
-		EXPECT_EQ(device_facts.cpe_wan_ip, each.kept);
-		EXPECT_EQ(syslog.count("Error on reading cpe_wan_ip\n"),
-			  each.kept.empty() ? 1u : 0u);
-	}
+	expect_kept_of_ifconfig(device_facts.cpe_wan_ip, "Error on reading cpe_wan_ip\n", cases);
 }
 
 TEST_F(WanFacts, NamesOfFullLengthReachTheCommandWhole)
