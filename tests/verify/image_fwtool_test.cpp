@@ -9,10 +9,6 @@ using namespace router_test;
 namespace
 {
 
-constexpr std::size_t header_size = 64;
-constexpr std::size_t header_crc_offset = 4;
-constexpr std::size_t load_address_offset = 16;
-constexpr std::size_t data_crc_offset = 24;
 constexpr const char *damaged_text = "Error on reading signature, possibly firmware is damaged\n";
 constexpr const char *not_run_text = "Error on checking signature via fwtool\n";
 

@@ -8,7 +8,6 @@ using namespace router_test;
 namespace
 {
 
-constexpr std::size_t load_address_offset = 16;
 constexpr std::size_t name_tail_offset = 60;
 constexpr const char *damaged_text = "Error on reading signature, possibly firmware is damaged\n";
 constexpr const char *no_customid_text = "Error on reading customid\n";

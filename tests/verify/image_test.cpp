@@ -8,12 +8,6 @@ using namespace router_test;
 namespace
 {
 
-constexpr std::size_t header_size = 64;
-constexpr std::size_t header_crc_offset = 4;
-constexpr std::size_t data_crc_offset = 24;
-constexpr std::size_t types_offset = 28;
-constexpr std::size_t name_offset = 32;
-
 class Uimage : public FirmwareFixture
 {
 protected:
