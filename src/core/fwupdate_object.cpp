@@ -3,7 +3,7 @@
 
 #include <cstdio>
 
-#include "core/bus.h"
+#include "core/base/bus.h"
 #include "core/state_method.h"
 #include "core/update_job.h"
 #include "discovery/check_method.h"

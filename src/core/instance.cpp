@@ -5,9 +5,9 @@
 #include <cstring>
 #include <unistd.h>
 
-#include "core/log.h"
-#include "core/shell.h"
-#include "core/text.h"
+#include "core/base/log.h"
+#include "core/base/shell.h"
+#include "core/base/text.h"
 
 namespace fwupdate
 {

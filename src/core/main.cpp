@@ -2,10 +2,10 @@
 #include <csignal>
 #include <cstring>
 
-#include "core/bus.h"
+#include "core/base/bus.h"
+#include "core/base/log.h"
 #include "core/fwupdate_object.h"
 #include "core/instance.h"
-#include "core/log.h"
 
 using namespace fwupdate;
 

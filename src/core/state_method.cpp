@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: ISC
 #include "core/state_method.h"
 
-#include "core/bus.h"
+#include "core/base/bus.h"
 
 namespace fwupdate
 {

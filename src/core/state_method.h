@@ -3,8 +3,8 @@
 // The bus method `state`: how far the daemon is. Changes nothing.
 #pragma once
 
-#include "core/records.h"
-#include "core/system_headers.h"
+#include "core/base/bus_and_loop.h"
+#include "core/base/records.h"
 
 namespace fwupdate
 {

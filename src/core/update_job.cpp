@@ -7,10 +7,10 @@
 #include <limits>
 #include <unistd.h>
 
-#include "core/bus.h"
-#include "core/log.h"
-#include "core/records.h"
-#include "core/text.h"
+#include "core/base/bus.h"
+#include "core/base/log.h"
+#include "core/base/records.h"
+#include "core/base/text.h"
 #include "core/update_reply.h"
 #include "discovery/manifest.h"
 #include "firmware/download.h"

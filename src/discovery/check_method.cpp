@@ -3,8 +3,8 @@
 
 #include <cstddef>
 
-#include "core/bus.h"
-#include "core/records.h"
+#include "core/base/bus.h"
+#include "core/base/records.h"
 #include "core/update_reply.h"
 #include "discovery/manifest.h"
 

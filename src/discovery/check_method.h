@@ -4,7 +4,7 @@
 // the caller and, as the event "fwupdate.avaliable", everybody else.
 #pragma once
 
-#include "core/system_headers.h"
+#include "core/base/bus_and_loop.h"
 
 namespace fwupdate
 {

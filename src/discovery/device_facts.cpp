@@ -4,8 +4,8 @@
 #include <cstddef>
 #include <cstring>
 
-#include "core/shell.h"
-#include "core/text.h"
+#include "core/base/shell.h"
+#include "core/base/text.h"
 
 namespace fwupdate
 {

@@ -3,9 +3,9 @@
 
 #include <cstring>
 
-#include "core/log.h"
-#include "core/records.h"
-#include "core/text.h"
+#include "core/base/log.h"
+#include "core/base/records.h"
+#include "core/base/text.h"
 #include "discovery/device_facts.h"
 
 namespace fwupdate

@@ -2,8 +2,8 @@
 #include <cstring>
 #include <curl/curl.h>
 
-#include "core/log.h"
-#include "core/records.h"
+#include "core/base/log.h"
+#include "core/base/records.h"
 #include "discovery/manifest.h"
 
 namespace fwupdate

@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "core/log.h"
+#include "core/base/log.h"
 #include "firmware/download.h"
 #include "firmware/zip.h"
 

@@ -9,8 +9,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "core/bus.h"
-#include "core/log.h"
+#include "core/base/bus.h"
+#include "core/base/log.h"
 
 namespace fwupdate
 {

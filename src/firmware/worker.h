@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <curl/curl.h>
 
-#include "core/records.h"
+#include "core/base/records.h"
 
 namespace fwupdate
 {

@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <cstring>
 
-#include "core/miniz_headers.h"
-#include "core/text.h"
+#include "core/base/miniz_headers.h"
+#include "core/base/text.h"
 
 namespace fwupdate
 {

@@ -6,10 +6,10 @@
 #include <cstring>
 #include <unistd.h>
 
-#include "core/log.h"
-#include "core/records.h"
-#include "core/shell.h"
-#include "core/text.h"
+#include "core/base/log.h"
+#include "core/base/records.h"
+#include "core/base/shell.h"
+#include "core/base/text.h"
 
 namespace fwupdate
 {

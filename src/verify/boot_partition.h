@@ -8,7 +8,7 @@
 
 #include <cstdint>
 
-#include "core/system_headers.h"
+#include "core/base/bus_and_loop.h"
 
 namespace fwupdate
 {

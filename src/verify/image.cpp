@@ -11,11 +11,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "core/log.h"
-#include "core/miniz_headers.h"
-#include "core/records.h"
-#include "core/shell.h"
-#include "core/text.h"
+#include "core/base/log.h"
+#include "core/base/miniz_headers.h"
+#include "core/base/records.h"
+#include "core/base/shell.h"
+#include "core/base/text.h"
 #include "discovery/device_facts.h"
 #include "verify/signature.h"
 

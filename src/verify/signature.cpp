@@ -4,9 +4,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "core/log.h"
-#include "core/shell.h"
-#include "core/text.h"
+#include "core/base/log.h"
+#include "core/base/shell.h"
+#include "core/base/text.h"
 
 namespace fwupdate
 {

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: ISC
 #include "verify/test_method.h"
 
-#include "core/bus.h"
-#include "core/log.h"
-#include "core/records.h"
+#include "core/base/bus.h"
+#include "core/base/log.h"
+#include "core/base/records.h"
 #include "core/update_reply.h"
 #include "verify/boot_partition.h"
 #include "verify/image.h"

@@ -6,7 +6,7 @@
 
 #include <cstddef>
 
-#include "core/system_headers.h"
+#include "core/base/bus_and_loop.h"
 
 namespace fwupdate
 {

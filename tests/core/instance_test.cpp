@@ -4,8 +4,8 @@
 #include <string>
 #include <unistd.h>
 
-#include "core/log.h"
-#include "core/records.h"
+#include "core/base/log.h"
+#include "core/base/records.h"
 #include "support/debug_fixture.h"
 
 using namespace fwupdate;

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: ISC
-#include "core/log.h"
+#include "core/base/log.h"
 
 #include <string>
 #include <syslog.h>
 #include <unistd.h>
 
-#include "core/records.h"
+#include "core/base/records.h"
 #include "support/debug_fixture.h"
 
 using namespace fwupdate;

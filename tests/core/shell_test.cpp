@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: ISC
-#include "core/shell.h"
+#include "core/base/shell.h"
 
 #include <csignal>
 #include <cstring>
@@ -7,8 +7,8 @@
 #include <type_traits>
 #include <unistd.h>
 
-#include "core/log.h"
-#include "core/records.h"
+#include "core/base/log.h"
+#include "core/base/records.h"
 #include "support/debug_fixture.h"
 #include "support/refusals.h"
 

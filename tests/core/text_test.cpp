@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: ISC
-#include "core/text.h"
+#include "core/base/text.h"
 
 #include <gtest/gtest.h>
 #include <string>

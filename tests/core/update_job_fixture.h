@@ -8,9 +8,9 @@
 #include <limits>
 #include <unistd.h>
 
-#include "core/bus.h"
-#include "core/log.h"
-#include "core/records.h"
+#include "core/base/bus.h"
+#include "core/base/log.h"
+#include "core/base/records.h"
 #include "core/update_job.h"
 #include "support/fixture.h"
 

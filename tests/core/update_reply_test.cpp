@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include "core/records.h"
+#include "core/base/records.h"
 #include "support/fixture.h"
 #include "support/served_object.h"
 

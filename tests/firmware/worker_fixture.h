@@ -12,7 +12,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "core/log.h"
+#include "core/base/log.h"
 #include "firmware/worker.h"
 #include "support/debug_fixture.h"
 

@@ -6,7 +6,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
-#include "core/bus.h"
+#include "core/base/bus.h"
 
 using namespace fwupdate;
 using namespace router_test;

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: ISC
-#include "core/shell.h"
+#include "core/base/shell.h"
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
-#include "core/log.h"
+#include "core/base/log.h"
 
 namespace fwupdate
 {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: ISC
-#include "core/bus.h"
+#include "core/base/bus.h"
 
-#include "core/text.h"
+#include "core/base/text.h"
 
 namespace fwupdate
 {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: ISC
-#include "core/records.h"
+#include "core/base/records.h"
 
 namespace fwupdate
 {

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: ISC
-#include "core/log.h"
+#include "core/base/log.h"
 
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
 #include <syslog.h>
 
-#include "core/records.h"
-#include "core/text.h"
+#include "core/base/records.h"
+#include "core/base/text.h"
 
 namespace fwupdate
 {

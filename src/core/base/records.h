@@ -10,7 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "core/system_headers.h"
+#include "core/base/bus_and_loop.h"
 
 namespace fwupdate
 {
