@@ -25,8 +25,9 @@ void read_arguments(int argc, char **argv)
 
 int main(int argc, char **argv)
 {
-	// Before the arguments are read: a second instance is turned away in silence. A
-	// caller that gives no name at all meets older kernels only; new ones add one.
+	// Before the arguments are read: a second instance is turned away in silence. On
+	// old kernels a program can be started without a name (argc 0). pidof then lists
+	// nothing, and the daemon does not start.
 	if (is_already_running(argc > 0 ? argv[0] : "") != 0) {
 		return 0;
 	}

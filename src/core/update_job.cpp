@@ -5,12 +5,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
+#include <string_view>
 #include <unistd.h>
 
 #include "core/base/bus.h"
 #include "core/base/log.h"
 #include "core/base/records.h"
 #include "core/base/text.h"
+#include "core/base/update_error.h"
 #include "core/update_reply.h"
 #include "discovery/manifest.h"
 #include "firmware/download.h"
@@ -37,6 +39,10 @@ constexpr std::int32_t DEFAULT_ATTEMPTS = 1;
 constexpr std::int32_t DEFAULT_DELAY = 0; // seconds
 constexpr int RETRY_WAIT = 1000;	  // milliseconds
 
+// Two seconds for the answer to leave the router; the installer then runs on its own.
+constexpr char INSTALL_COMMAND[] = "sleep 2; sysupgrade -F /tmp/fwupdate.bin > /dev/null 2>&1 &";
+static_assert(std::string_view(INSTALL_COMMAND).find(DOWNLOADED_IMAGE) != std::string_view::npos);
+
 UpdateJob &job = update_context.job;
 
 void clear_job()
@@ -45,7 +51,9 @@ void clear_job()
 	job.watch.fd = -1;
 }
 
-void close_pipe()
+// Ends the attempt that runs, if there is one: no timer, no pipe. Its worker notices
+// by the next write into the closed pipe.
+void end_attempt()
 {
 	uloop_timeout_cancel(&job.timer);
 	if (job.watch.fd >= 0) {
@@ -67,10 +75,9 @@ bool use_attempt()
 // Starts a worker and watches it. False when none could be started.
 bool start_attempt()
 {
-	job.watch.fd =
-		start_download(manifest_text(offsetof(UpdateManifest, url)),
-			       manifest_text(offsetof(UpdateManifest, archive)),
-			       manifest_text(offsetof(UpdateManifest, file_name)), job.timeout);
+	job.watch.fd = start_download(manifest_text(&UpdateManifest::url),
+				      manifest_text(&UpdateManifest::archive),
+				      manifest_text(&UpdateManifest::file_name), job.timeout);
 	if (job.watch.fd < 0) {
 		return false;
 	}
@@ -95,9 +102,9 @@ void finish_job()
 	clear_job();
 }
 
-// A new attempt; the deferred request stays open. An attempt that failed costs the
-// caller's delay: the job then installs as soon as it can. What the manifest says
-// by now is what is downloaded.
+// Starts a new attempt. The caller still waits for the answer. After a failure the job
+// installs without the delay that the caller asked for. A query may have changed the
+// manifest meanwhile: the attempt downloads what the manifest says now.
 void restart_download()
 {
 	std::remove(DOWNLOADED_IMAGE);
@@ -116,8 +123,11 @@ void restart_download()
 	}
 }
 
-void retry_or_finish()
+// The attempt has failed, or the wait before a retry is over.
+void retry_or_finish(std::int32_t result)
 {
+	job.job_result = result;
+	end_attempt();
 	if (use_attempt()) {
 		restart_download();
 	} else {
@@ -133,18 +143,10 @@ void begin_delay()
 	uloop_timeout_set(&job.timer, seconds_to_milliseconds(job.delay));
 }
 
-void worker_failed()
-{
-	job.job_result = ERROR_DOWNLOAD;
-	close_pipe();
-	retry_or_finish();
-}
-
 void refuse_image(int code)
 {
 	log_message("%s [%d]", image_check_text(code), code);
-	job.job_result = ERROR_IMAGE;
-	retry_or_finish();
+	retry_or_finish(ERROR_IMAGE);
 }
 
 // A boot partition that cannot be recorded stops only a job that has failed
@@ -165,7 +167,7 @@ void boot_partition_failed()
 
 void verify_download()
 {
-	close_pipe();
+	end_attempt();
 	const int code = verify_image(DOWNLOADED_IMAGE);
 	if (code < 0) {
 		refuse_image(code);
@@ -212,8 +214,8 @@ bool is_forced(blob_attr *value)
 	return value != nullptr && parse_decimal(blobmsg_get_string(value)) == 1;
 }
 
-// What the server says about an update, from the query that stands or a new one.
-int update_due()
+// What query_update_server returned, by the query that stands or a new one.
+int latest_query_result()
 {
 	if (update_context.state != UpdateState::XML_DONE) {
 		update_context.need_update = query_update_server();
@@ -242,8 +244,8 @@ void begin_job(blob_attr *const (&arguments)[UPDATE_ARGUMENTS], bool force)
 
 } // namespace
 
-int handle_update(ubus_context *connection, ubus_object * /*object*/, ubus_request_data *request,
-		  const char * /*method*/, blob_attr *message)
+int handle_update(ubus_context * /*connection*/, ubus_object * /*object*/,
+		  ubus_request_data *request, const char * /*method*/, blob_attr *message)
 {
 	blob_attr *arguments[UPDATE_ARGUMENTS];
 
@@ -253,15 +255,15 @@ int handle_update(ubus_context *connection, ubus_object * /*object*/, ubus_reque
 
 	const bool force = is_forced(arguments[ARGUMENT_FORCE]);
 	// Taken before anything is decided: it counts for a running job as well.
-	if (!choose_boot_partition(arguments[ARGUMENT_PARTITION])) {
+	if (!choose_boot_partition(text_or_null(arguments[ARGUMENT_PARTITION]))) {
 		return UBUS_STATUS_INVALID_ARGUMENT;
 	}
 
-	const int due = update_due();
-	if (due < 0) {
+	const int offer = latest_query_result();
+	if (offer < 0) {
 		return answer_now(request, force, ERROR_CHECK);
 	}
-	if (due != 1 && !force) {
+	if (offer != 1 && !force) {
 		return answer_now(request, force, NO_ERROR);
 	}
 	if (job.active) {
@@ -277,7 +279,7 @@ int handle_update(ubus_context *connection, ubus_object * /*object*/, ubus_reque
 		}
 		uloop_timeout_set(&job.timer, RETRY_WAIT);
 	}
-	ubus_defer_request(connection, request, &job.request);
+	ubus_defer_request(bus_connection, request, &job.request);
 	return UBUS_STATUS_OK;
 }
 
@@ -287,16 +289,13 @@ void on_job_timeout(uloop_timeout * /*timer*/)
 	if (job.job_result == NO_ERROR) {
 		log_message("Unable to download firmware: timeout\n");
 	}
-	job.job_result = ERROR_DOWNLOAD;
-	// The worker notices by its next write into the closed pipe.
-	close_pipe();
-	retry_or_finish();
+	retry_or_finish(ERROR_DOWNLOAD);
 }
 
 void on_progress(uloop_fd *watch, unsigned int events)
 {
 	if ((events & ULOOP_READ) != 0 && !read_progress()) {
-		worker_failed();
+		retry_or_finish(ERROR_DOWNLOAD);
 		return;
 	}
 	if (!watch->eof && !watch->error) {
@@ -306,11 +305,8 @@ void on_progress(uloop_fd *watch, unsigned int events)
 		verify_download();
 		return;
 	}
-	if (job.job_result == NO_ERROR) {
-		job.job_result = ERROR_DOWNLOAD;
-	}
-	close_pipe();
-	retry_or_finish();
+	// What an earlier attempt came to stays.
+	retry_or_finish(job.job_result == NO_ERROR ? ERROR_DOWNLOAD : job.job_result);
 }
 
 void on_install(uloop_timeout * /*timer*/)
@@ -318,10 +314,7 @@ void on_install(uloop_timeout * /*timer*/)
 	update_context.result = job.job_result;
 	answer_deferred_request();
 	if (job.install && update_context.result == NO_ERROR) {
-		// Two seconds for the answer to leave the router; the installer then runs
-		// on its own.
-		if (std::system("sleep 2; sysupgrade -F /tmp/fwupdate.bin > /dev/null 2>&1 &") <
-		    0) {
+		if (std::system(INSTALL_COMMAND) < 0) {
 			update_context.result = ERROR_WRITE;
 			log_message("Can't run sysupgrade");
 		}

@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: ISC
 #include "core/update_reply.h"
 
-#include <cstddef>
-
 #include "core/base/bus.h"
 #include "core/base/records.h"
+#include "core/base/update_error.h"
 
 namespace fwupdate
 {
@@ -28,30 +27,11 @@ const char *result_text()
 
 } // namespace
 
-// Clients compare these texts, the misspelt one too.
-const char *update_error_text(std::int32_t code)
-{
-	switch (code) {
-	case ERROR_CHECK:
-		return "Error on checking update avialability";
-	case ERROR_DOWNLOAD:
-		return "Error on getting firmware";
-	case ERROR_IMAGE:
-		return "Error on checking firmware";
-	case ERROR_WRITE:
-		return "Error on writing firmware";
-	case ERROR_ALREADY_UPDATING:
-		return "Already updating";
-	default:
-		return "No Error";
-	}
-}
-
 int reply_update_result(ubus_request_data *request, bool force)
 {
 	begin_reply();
-	add_text("version", manifest_text(offsetof(UpdateManifest, version)));
-	add_text("buildtime", manifest_text(offsetof(UpdateManifest, buildtime)));
+	add_text("version", manifest_text(&UpdateManifest::version));
+	add_text("buildtime", manifest_text(&UpdateManifest::buildtime));
 	add_text("force_update", force ? "1" : "0");
 	add_number("error_code", update_context.result);
 	add_text("error_message", result_text());

@@ -1,11 +1,9 @@
 // SPDX-License-Identifier: ISC
 #include "discovery/check_method.h"
 
-#include <cstddef>
-
 #include "core/base/bus.h"
 #include "core/base/records.h"
-#include "core/update_reply.h"
+#include "core/base/update_error.h"
 #include "discovery/manifest.h"
 
 namespace fwupdate
@@ -16,10 +14,10 @@ namespace
 
 void add_offer()
 {
-	add_text("version", manifest_text(offsetof(UpdateManifest, version)));
-	add_text("buildtime", manifest_text(offsetof(UpdateManifest, buildtime)));
-	add_text("releasenotes", manifest_text(offsetof(UpdateManifest, release_notes)));
-	add_text("force", manifest_text(offsetof(UpdateManifest, force_update)));
+	add_text("version", manifest_text(&UpdateManifest::version));
+	add_text("buildtime", manifest_text(&UpdateManifest::buildtime));
+	add_text("releasenotes", manifest_text(&UpdateManifest::release_notes));
+	add_text("force", manifest_text(&UpdateManifest::force_update));
 	add_number("need_update", update_context.need_update);
 }
 
@@ -34,8 +32,8 @@ void add_no_offer()
 
 } // namespace
 
-int handle_check(ubus_context *connection, ubus_object * /*object*/, ubus_request_data *request,
-		 const char * /*method*/, blob_attr * /*message*/)
+int handle_check(ubus_context * /*connection*/, ubus_object * /*object*/,
+		 ubus_request_data *request, const char * /*method*/, blob_attr * /*message*/)
 {
 	update_context.message[0] = '\0';
 	update_context.state = UpdateState::NONE;
@@ -51,7 +49,7 @@ int handle_check(ubus_context *connection, ubus_object * /*object*/, ubus_reques
 	add_number("error_code", update_context.result);
 	add_text("error_message", update_error_text(update_context.result));
 	// Misspelt since its first release; listeners know it by this name.
-	ubus_send_event(connection, "fwupdate.avaliable", reply_buffer.head);
+	send_event("fwupdate.avaliable");
 	send_reply(request);
 	return UBUS_STATUS_OK;
 }

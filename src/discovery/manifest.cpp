@@ -21,8 +21,6 @@ constexpr std::size_t REQUEST_URL_SIZE = 2048;
 constexpr std::size_t BUILDTIME_LIMIT = 9;
 constexpr std::size_t FLAG_LIMIT = 2;
 
-enum { MANDATORY = 0, OPTIONAL = 1 };
-
 void release_document()
 {
 	mxmlDelete(manifest_buffer.document);
@@ -51,21 +49,22 @@ int read_values(mxml_node_t *document)
 {
 	UpdateManifest &manifest = update_manifest;
 	if (manifest_get_value(document, "buildtime", manifest.buildtime, BUILDTIME_LIMIT,
-			       MANDATORY) != 0) {
+			       Element::MANDATORY) != 0) {
 		return -1;
 	}
-	if (manifest_get_value(document, "url", manifest.url, sizeof(manifest.url), MANDATORY) !=
-	    0) {
+	if (manifest_get_value(document, "url", manifest.url, sizeof(manifest.url),
+			       Element::MANDATORY) != 0) {
 		return -1;
 	}
 	manifest_get_value(document, "version", manifest.version, sizeof(manifest.version),
-			   OPTIONAL);
+			   Element::OPTIONAL);
 	manifest_get_value(document, "release_notes", manifest.release_notes,
-			   sizeof(manifest.release_notes), OPTIONAL);
-	manifest_get_value(document, "force_update", manifest.force_update, FLAG_LIMIT, OPTIONAL);
-	manifest_get_value(document, "archive", manifest.archive, FLAG_LIMIT, OPTIONAL);
+			   sizeof(manifest.release_notes), Element::OPTIONAL);
+	manifest_get_value(document, "force_update", manifest.force_update, FLAG_LIMIT,
+			   Element::OPTIONAL);
+	manifest_get_value(document, "archive", manifest.archive, FLAG_LIMIT, Element::OPTIONAL);
 	manifest_get_value(document, "file_name", manifest.file_name, sizeof(manifest.file_name),
-			   OPTIONAL);
+			   Element::OPTIONAL);
 	if (is_one(manifest.archive) && manifest.file_name[0] == '\0') {
 		return -1;
 	}
@@ -109,13 +108,13 @@ int query_update_server()
 }
 
 int manifest_get_value(mxml_node_t *document, const char *name, char *field, std::size_t limit,
-		       int optional)
+		       Element kind)
 {
 	update_context.state = UpdateState::XML_PARSE;
 	mxml_node_t *element =
 		mxmlFindElement(document, document, name, nullptr, nullptr, MXML_DESCEND);
 	if (element == nullptr) {
-		if (optional == MANDATORY) {
+		if (kind == Element::MANDATORY) {
 			log_message(
 				"Error parsing XML recived from update server, can't find '%s' section\n",
 				name);
@@ -125,14 +124,14 @@ int manifest_get_value(mxml_node_t *document, const char *name, char *field, std
 	const char *text = mxmlGetOpaque(element);
 	if (text == nullptr) {
 		mxmlDelete(element);
-		if (optional == MANDATORY) {
+		if (kind == Element::MANDATORY) {
 			log_message(
 				"Error parsing XML recived from update server, can't get '%s' value\n",
 				name);
 		}
 		return -1;
 	}
-	copy_limited(field, text, limit);
+	copy_unterminated(field, limit, text);
 	mxmlDelete(element);
 	return 0;
 }

@@ -14,8 +14,9 @@ namespace
 
 constexpr long REQUEST_TIMEOUT = 10; // seconds, for the connection and for all
 
-// Failures in which no part of an answer was received.
-bool failed_before_receiving(CURLcode code)
+// Failures after which the daemon's state still says that it connects. A time-out is
+// one of them, even when a part of the answer has arrived.
+bool counts_as_not_connected(CURLcode code)
 {
 	switch (code) {
 	case CURLE_UNSUPPORTED_PROTOCOL:
@@ -64,7 +65,7 @@ int fetch_manifest(const char *url)
 	}
 	const CURLcode code = transfer(curl, url, error);
 	if (code != CURLE_OK) {
-		if (!failed_before_receiving(code)) {
+		if (!counts_as_not_connected(code)) {
 			update_context.state = UpdateState::XML_GET;
 		}
 		log_message("Error on geting update info via CURL [%s] (url = '%s')\n", error, url);

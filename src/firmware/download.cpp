@@ -31,7 +31,7 @@ bool measure_free_space(std::uint32_t &bytes)
 	return text[0] != '\0';
 }
 
-bool make_sure_of_partition()
+bool ensure_boot_partition()
 {
 	if (update_context.boot_partition[0] != '\0' || find_boot_partition() != 0) {
 		return true;
@@ -95,7 +95,7 @@ int start_download(const char *url, const char *archive, const char * /*file_nam
 	if (!measure_free_space(free_space)) {
 		return -1;
 	}
-	if (!make_sure_of_partition()) {
+	if (!ensure_boot_partition()) {
 		return -1;
 	}
 	if (!partition_fits(free_space)) {

@@ -3,8 +3,8 @@
 
 #include <cstddef>
 #include <cstdio>
-#include <cstdlib>
 
+#include "core/base/guards.h"
 #include "core/base/log.h"
 #include "firmware/download.h"
 #include "firmware/zip.h"
@@ -15,28 +15,22 @@ namespace fwupdate
 namespace
 {
 
-// A member on the heap, released at the end of its scope.
+// A member of the archive, on the heap. Null when there is none.
 struct Member {
-	void *data = nullptr;
-	std::size_t size = 0;
-
-	Member() = default;
-	Member(const Member &) = delete;
-	Member &operator=(const Member &) = delete;
-	~Member()
-	{
-		std::free(data);
-	}
+	void *data;
+	std::size_t size;
 };
 
 // Whatever goes wrong in the archive leaves an empty member.
-void extract(const char *name, Member &member)
+Member extract(const char *name)
 {
+	Member member = {};
 	ZipArchive *archive = zip_open(DOWNLOADED_ARCHIVE, 0, 'r');
 	zip_entry_open(archive, name);
 	zip_entry_read(archive, &member.data, &member.size);
 	zip_entry_close(archive);
 	zip_close(archive);
+	return member;
 }
 
 } // namespace
@@ -46,8 +40,8 @@ int unpack_firmware(const char *name, bool archive)
 	if (!archive) {
 		return 0;
 	}
-	Member member;
-	extract(name, member);
+	const Member member = extract(name);
+	const HeapGuard guard(member.data);
 	if (std::remove(DOWNLOADED_ARCHIVE) != 0) {
 		log_message("Error on removing %s\n", DOWNLOADED_ARCHIVE);
 		return -1;

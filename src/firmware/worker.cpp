@@ -27,9 +27,10 @@ bool send_record(int descriptor, ProgressRecord record)
 	return write(descriptor, &record, sizeof(record)) == static_cast<ssize_t>(sizeof(record));
 }
 
-// The daemon's bus connection and event loop are not the worker's to keep: the bus
-// would not notice the daemon's end, and the loop's signal handlers would make a
-// note that nobody reads here.
+// Lets go of what belongs to the daemon. While a worker holds the bus connection, the
+// bus does not notice that the daemon has ended. While the loop's signal handlers are
+// installed, SIGTERM does not end a worker: they only tell the loop, which does not
+// run here.
 void leave_daemon()
 {
 	uloop_done();
@@ -40,7 +41,7 @@ void leave_daemon()
 
 // True when the daemon has closed its end of the pipe: a slow start, and a successor
 // may be at work already.
-bool is_given_up(int progress_pipe)
+bool reader_is_gone(int progress_pipe)
 {
 	// Asked for no event, poll tells of nothing but the missing reader.
 	pollfd end = {progress_pipe, 0, 0};
@@ -90,7 +91,7 @@ std::int32_t transfer_status(CURLcode code, long position)
 }
 
 // False when a successor has put a file of its own in the place of this one.
-bool is_still_at(const char *path, std::FILE *file)
+bool path_is_own_file(const char *path, std::FILE *file)
 {
 	struct stat own = {};
 	struct stat found = {};
@@ -102,7 +103,7 @@ bool is_still_at(const char *path, std::FILE *file)
 // file can get its inode number.
 void close_target(std::FILE *file, const char *target, std::int32_t status)
 {
-	if (status != 0 && is_still_at(target, file)) {
+	if (status != 0 && path_is_own_file(target, file)) {
 		std::remove(target);
 	}
 	std::fclose(file);
@@ -116,7 +117,7 @@ void run_worker(const char *url, const char *target, std::int32_t timeout, int p
 	tracker.descriptor = progress_pipe;
 	leave_daemon();
 
-	if (is_given_up(progress_pipe)) {
+	if (reader_is_gone(progress_pipe)) {
 		std::exit(0);
 	}
 	std::FILE *file = open_target(target);
@@ -135,7 +136,8 @@ void run_worker(const char *url, const char *target, std::int32_t timeout, int p
 	curl_easy_cleanup(curl);
 	close_target(file, target, status);
 
-	// Whole or not, the last record says that all bytes there were have been seen.
+	// In the last record both counts are equal, also when the transfer failed: then
+	// its status says so.
 	tracker.record.received = tracker.record.total;
 	tracker.record.status = status;
 	send_record(progress_pipe, tracker.record);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: ISC
 //
-// The download worker: a process of its own for one transfer. Everything here but
-// report_progress's arithmetic runs only in that process.
+// The download worker: a process of its own, which start_download forks for one
+// transfer. Both functions run in that process.
 #pragma once
 
 #include <cstdint>

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <unistd.h>
 
+#include "core/base/guards.h"
 #include "core/base/log.h"
 #include "core/base/records.h"
 #include "core/base/shell.h"
@@ -40,14 +41,14 @@ public:
 
 	bool opened() const
 	{
-		return guard_.stream != nullptr;
+		return guard_.get() != nullptr;
 	}
 
 	// False at the end of the table.
 	bool next(MtdEntry &entry)
 	{
 		char line[MTD_LINE_SIZE];
-		if (!read_line(guard_.stream, line, sizeof(line))) {
+		if (!read_line(guard_.get(), line, sizeof(line))) {
 			return false;
 		}
 		entry = {};
@@ -127,12 +128,11 @@ int find_current_partition()
 
 } // namespace
 
-bool choose_boot_partition(blob_attr *argument)
+bool choose_boot_partition(const char *name)
 {
-	if (argument == nullptr) {
+	if (name == nullptr) {
 		return true;
 	}
-	const char *name = blobmsg_get_string(argument);
 	const std::size_t length = std::strlen(name);
 	if (length == 0 || length >= PARTITION_SIZE) {
 		return false;

@@ -8,15 +8,13 @@
 
 #include <cstdint>
 
-#include "core/base/bus_and_loop.h"
-
 namespace fwupdate
 {
 
-// Takes the `partition` argument of a request into update_context.boot_partition.
-// False, and nothing changed, when it is empty or longer than 31 characters; true
-// when it was taken or is absent (null).
-bool choose_boot_partition(blob_attr *argument);
+// Takes the name that a request gave into update_context.boot_partition. False, and
+// nothing changed, when it is empty or longer than 31 characters; true when it was
+// taken, and when the request gave none (null).
+bool choose_boot_partition(const char *name);
 
 // Fills update_context.boot_partition: with `bootpart` when /proc/mtd lists that
 // partition, else with the current partition, which is the one listed before

@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "core/base/guards.h"
 #include "core/base/log.h"
 #include "core/base/miniz_headers.h"
 #include "core/base/records.h"
@@ -47,66 +48,24 @@ std::uint32_t big_endian(const std::uint8_t (&bytes)[4])
 	       std::uint32_t{bytes[2]} << 8 | std::uint32_t{bytes[3]};
 }
 
-// An open descriptor that is closed at the end of its scope.
-struct DescriptorGuard {
-	int descriptor;
-
-	explicit DescriptorGuard(int opened) : descriptor(opened)
-	{
-	}
-	DescriptorGuard(const DescriptorGuard &) = delete;
-	DescriptorGuard &operator=(const DescriptorGuard &) = delete;
-	~DescriptorGuard()
-	{
-		close(descriptor);
-	}
-};
-
-// The whole file, mapped read-only for the life of the object.
-class Mapping
+// A file shorter than a header counts as padded with zeros.
+ImageHeader read_header(const MappedBytes &file)
 {
-public:
-	Mapping(int descriptor, std::size_t size)
-	    : start_(mmap(nullptr, size, PROT_READ, MAP_SHARED, descriptor, 0)), size_(size)
-	{
-	}
-	Mapping(const Mapping &) = delete;
-	Mapping &operator=(const Mapping &) = delete;
-	~Mapping()
-	{
-		if (mapped()) {
-			munmap(start_, size_);
-		}
-	}
+	ImageHeader header = {};
+	std::memcpy(&header, file.start, std::min(file.size, sizeof(header)));
+	return header;
+}
 
-	bool mapped() const
-	{
-		return start_ != MAP_FAILED;
+// CRC-32 of everything behind the header.
+std::uint32_t data_crc(const MappedBytes &file)
+{
+	if (file.size <= sizeof(ImageHeader)) {
+		return MZ_CRC32_INIT;
 	}
-
-	// A file shorter than a header counts as padded with zeros.
-	ImageHeader header() const
-	{
-		ImageHeader copy = {};
-		std::memcpy(&copy, start_, std::min(size_, sizeof(copy)));
-		return copy;
-	}
-
-	// CRC-32 of everything behind the header.
-	std::uint32_t data_crc() const
-	{
-		if (size_ <= sizeof(ImageHeader)) {
-			return MZ_CRC32_INIT;
-		}
-		const auto *bytes = static_cast<const unsigned char *>(start_);
-		return static_cast<std::uint32_t>(mz_crc32(
-			MZ_CRC32_INIT, bytes + sizeof(ImageHeader), size_ - sizeof(ImageHeader)));
-	}
-
-private:
-	void *start_;
-	std::size_t size_;
-};
+	const auto *bytes = static_cast<const unsigned char *>(file.start);
+	return static_cast<std::uint32_t>(mz_crc32(MZ_CRC32_INIT, bytes + sizeof(ImageHeader),
+						   file.size - sizeof(ImageHeader)));
+}
 
 std::uint32_t header_crc(ImageHeader header)
 {
@@ -142,7 +101,7 @@ int check_with_fwtool(const char *path)
 	return IMAGE_GOOD;
 }
 
-int check_uimage(const char *path, const ImageHeader &header, const Mapping &file)
+int check_uimage(const char *path, const ImageHeader &header, const MappedBytes &file)
 {
 	// Kept even when the header turns out to be damaged.
 	std::memcpy(fw_model_name, header.name, sizeof(fw_model_name));
@@ -152,7 +111,7 @@ int check_uimage(const char *path, const ImageHeader &header, const Mapping &fil
 	if (wants_fwtool(header)) {
 		return check_with_fwtool(path);
 	}
-	return file.data_crc() == big_endian(header.data_crc) ? IMAGE_GOOD : IMAGE_BAD_CHECKSUM;
+	return data_crc(file) == big_endian(header.data_crc) ? IMAGE_GOOD : IMAGE_BAD_CHECKSUM;
 }
 
 int check_metadata(const char *path, const ImageHeader &header)
@@ -176,19 +135,25 @@ bool can_be_opened(const char *path)
 	return true;
 }
 
+MappedBytes map_file(int descriptor, std::size_t size)
+{
+	return {mmap(nullptr, size, PROT_READ, MAP_SHARED, descriptor, 0), size};
+}
+
 int check_file(const char *path, int descriptor)
 {
-	const DescriptorGuard guard(descriptor);
+	const DescriptorGuard descriptor_guard(descriptor);
 	struct stat status;
 	if (fstat(descriptor, &status) < 0) {
 		return IMAGE_NOT_STATTED;
 	}
-	const Mapping file(descriptor, static_cast<std::size_t>(status.st_size));
-	if (!file.mapped()) {
+	const MappedBytes file = map_file(descriptor, static_cast<std::size_t>(status.st_size));
+	const MappingGuard mapping_guard(file);
+	if (file.start == MAP_FAILED) {
 		return IMAGE_NOT_MAPPED;
 	}
 
-	const ImageHeader header = file.header();
+	const ImageHeader header = read_header(file);
 	const int result = big_endian(header.magic) == UIMAGE_MAGIC
 				   ? check_uimage(path, header, file)
 				   : check_metadata(path, header);

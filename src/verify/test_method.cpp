@@ -4,7 +4,7 @@
 #include "core/base/bus.h"
 #include "core/base/log.h"
 #include "core/base/records.h"
-#include "core/update_reply.h"
+#include "core/base/update_error.h"
 #include "verify/boot_partition.h"
 #include "verify/image.h"
 
@@ -27,13 +27,13 @@ const char *result_text()
 }
 
 // The image-check code; 0 when there is no file to check.
-int check_file_argument(blob_attr *file)
+int check_file_argument(const char *path)
 {
-	if (file == nullptr) {
+	if (path == nullptr) {
 		update_context.result = ERROR_NO_FILE;
 		return 0;
 	}
-	const int code = verify_image(blobmsg_get_string(file));
+	const int code = verify_image(path);
 	if (code < 0) {
 		log_message("%s [%d]", image_check_text(code), code);
 		update_context.result = ERROR_IMAGE;
@@ -55,10 +55,10 @@ int handle_test(ubus_context * /*connection*/, ubus_object * /*object*/, ubus_re
 
 	update_context.result = NO_ERROR;
 	parse_arguments(test_policy, arguments, message);
-	if (!choose_boot_partition(arguments[ARGUMENT_PARTITION])) {
+	if (!choose_boot_partition(text_or_null(arguments[ARGUMENT_PARTITION]))) {
 		return UBUS_STATUS_INVALID_ARGUMENT;
 	}
-	const int code = check_file_argument(arguments[ARGUMENT_FILE]);
+	const int code = check_file_argument(text_or_null(arguments[ARGUMENT_FILE]));
 	update_context.state = UpdateState::NONE;
 
 	begin_reply();

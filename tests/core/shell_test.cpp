@@ -4,9 +4,9 @@
 #include <csignal>
 #include <cstring>
 #include <string>
-#include <type_traits>
 #include <unistd.h>
 
+#include "core/base/guards.h"
 #include "core/base/log.h"
 #include "core/base/records.h"
 #include "support/debug_fixture.h"
@@ -148,26 +148,10 @@ TEST_F(Shell, ReadLineStopsAtTheEndOfTheFile)
 	const StreamGuard guard(std::fopen("/tmp/lines", "r"));
 	char line[8];
 	errno = EINTR;
-	EXPECT_TRUE(read_line(guard.stream, line, sizeof(line)));
+	EXPECT_TRUE(read_line(guard.get(), line, sizeof(line)));
 	EXPECT_STREQ(line, "one\n");
-	EXPECT_TRUE(read_line(guard.stream, line, sizeof(line)));
+	EXPECT_TRUE(read_line(guard.get(), line, sizeof(line)));
 	EXPECT_STREQ(line, "two");
 	errno = EINTR;
-	EXPECT_FALSE(read_line(guard.stream, line, sizeof(line)));
-}
-
-// A copy would close it a second time.
-static_assert(!std::is_copy_constructible_v<StreamGuard>);
-static_assert(!std::is_copy_assignable_v<StreamGuard>);
-
-TEST_F(Shell, StreamIsClosedAtTheEndOfItsScope)
-{
-	const auto before = open_descriptors(getpid());
-	{
-		const StreamGuard opened(std::fopen("/etc/passwd", "re"));
-		const StreamGuard failed(std::fopen("/no/such/file", "re"));
-		EXPECT_NE(opened.stream, nullptr);
-		EXPECT_EQ(failed.stream, nullptr);
-	}
-	EXPECT_EQ(open_descriptors(getpid()), before);
+	EXPECT_FALSE(read_line(guard.get(), line, sizeof(line)));
 }

@@ -87,11 +87,11 @@ TEST(Text, CopyIsCutTerminatedAndPaddedWithZeros)
 TEST(Text, LimitedCopyTouchesNothingBehindTheLimit)
 {
 	char field[7] = "......";
-	copy_limited(field, "abcdef", 3);
+	copy_unterminated(field, 3, "abcdef");
 	EXPECT_STREQ(field, "abc...");
-	copy_limited(field, "xyz", 3);
+	copy_unterminated(field, 3, "xyz");
 	EXPECT_STREQ(field, "xyz...");
-	copy_limited(field, "q", 3);
+	copy_unterminated(field, 3, "q");
 	EXPECT_EQ(std::string(field, sizeof(field)), std::string("q\0\0...\0", 7));
 }
 

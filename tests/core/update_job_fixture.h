@@ -11,6 +11,7 @@
 #include "core/base/bus.h"
 #include "core/base/log.h"
 #include "core/base/records.h"
+#include "core/base/update_error.h"
 #include "core/update_job.h"
 #include "support/fixture.h"
 

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "core/base/records.h"
+#include "core/base/update_error.h"
 #include "support/fixture.h"
 #include "support/served_object.h"
 

@@ -10,8 +10,6 @@ using testing::IsEmpty;
 namespace
 {
 
-enum { MANDATORY = 0, OPTIONAL = 1 };
-
 class ManifestValue : public DiscoveryFixture
 {
 protected:
@@ -26,10 +24,10 @@ protected:
 		document = mxmlLoadString(nullptr, xml.c_str(), MXML_OPAQUE_CALLBACK);
 		ASSERT_NE(document, nullptr);
 	}
-	int get(const char *name, int optional = MANDATORY)
+	int get(const char *name, Element kind = Element::MANDATORY)
 	{
 		std::memset(field, 'x', sizeof(field));
-		return manifest_get_value(document, name, field, 8, optional);
+		return manifest_get_value(document, name, field, 8, kind);
 	}
 	std::string bytes() const
 	{
@@ -176,19 +174,19 @@ TEST_F(ManifestValue, WithoutTextIsLoggedAndTakenOut)
 TEST_F(ManifestValue, OptionalOneIsMissedInSilence)
 {
 	load(in_document("<url/>"));
-	EXPECT_EQ(get("url", OPTIONAL), -1);
+	EXPECT_EQ(get("url", Element::OPTIONAL), -1);
 	EXPECT_EQ(bytes(), untouched);
-	EXPECT_EQ(get("url", OPTIONAL), -1);
+	EXPECT_EQ(get("url", Element::OPTIONAL), -1);
 	EXPECT_EQ(bytes(), untouched);
-	EXPECT_EQ(manifest_get_value(nullptr, "url", field, 8, OPTIONAL), -1);
+	EXPECT_EQ(manifest_get_value(nullptr, "url", field, 8, Element::OPTIONAL), -1);
 	EXPECT_THAT(logged(), IsEmpty());
 }
 
 TEST_F(ManifestValue, OptionalOneWithoutTextIsTakenOut)
 {
 	load(in_document("<url/><url>next</url>"));
-	EXPECT_EQ(get("url", OPTIONAL), -1);
-	EXPECT_EQ(get("url", OPTIONAL), 0);
+	EXPECT_EQ(get("url", Element::OPTIONAL), -1);
+	EXPECT_EQ(get("url", Element::OPTIONAL), 0);
 	EXPECT_STREQ(field, "next");
 }
 

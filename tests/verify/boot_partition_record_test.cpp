@@ -36,14 +36,11 @@ protected:
 	~BootPartitionChoice() override
 	{
 		update_context = {};
-		blob_buf_free(&message_);
 	}
 
-	bool choose(const std::string &name)
+	static bool choose(const std::string &name)
 	{
-		blob_buf_init(&message_, 0);
-		blobmsg_add_string(&message_, "partition", name.c_str());
-		return choose_boot_partition(static_cast<blob_attr *>(blob_data(message_.head)));
+		return choose_boot_partition(name.c_str());
 	}
 
 	static std::string whole_field()
@@ -56,9 +53,6 @@ protected:
 		name.resize(PARTITION_SIZE);
 		return name;
 	}
-
-private:
-	blob_buf message_ = {};
 };
 
 class BootPartitionRecord : public DebugFixture

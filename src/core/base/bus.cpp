@@ -31,4 +31,9 @@ int send_reply(ubus_request_data *request)
 	return ubus_send_reply(bus_connection, request, reply_buffer.head);
 }
 
+void send_event(const char *name)
+{
+	ubus_send_event(bus_connection, name, reply_buffer.head);
+}
+
 } // namespace fwupdate

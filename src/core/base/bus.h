@@ -31,6 +31,9 @@ void add_number(const char *name, int number);
 // Nobody could act on a failure: it is returned and may be ignored.
 int send_reply(ubus_request_data *request);
 
+// Sends what the buffer holds as the event `name` to everybody who listens.
+void send_event(const char *name);
+
 // Finds the arguments that `policy` names in `message` (null when the caller
 // sent none). values[i] points into the message, or is null where an argument is
 // absent or of another type.
@@ -45,6 +48,12 @@ void parse_arguments(const blobmsg_policy (&policy)[COUNT], blob_attr *(&values)
 		blobmsg_parse(policy, static_cast<int>(COUNT), values, blob_data(message),
 			      static_cast<unsigned int>(blob_len(message)));
 	}
+}
+
+// The text of a string argument; null when it is absent.
+inline const char *text_or_null(blob_attr *value)
+{
+	return value != nullptr ? blobmsg_get_string(value) : nullptr;
 }
 
 } // namespace fwupdate

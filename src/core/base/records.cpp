@@ -18,7 +18,7 @@ struct {
 UpdateContext update_context;
 UpdateManifest &update_manifest = storage.manifest;
 
-const char *manifest_text(std::size_t offset)
+const char *manifest_text_at(std::size_t offset)
 {
 	// Derived from the whole storage, not from a member: compilers may assume
 	// that a text ends inside the array it starts in.

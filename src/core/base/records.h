@@ -32,17 +32,6 @@ enum class UpdateState : std::uint32_t {
 	FIRMWARE_UPDATE = 11, // the boot partition is being recorded
 };
 
-// What a request came to; `error_code` of the replies.
-enum UpdateError : std::int32_t {
-	NO_ERROR = 0,
-	ERROR_CHECK = 1,	    // the update server gave no usable answer
-	ERROR_DOWNLOAD = 2,	    // the firmware could not be downloaded
-	ERROR_IMAGE = 3,	    // the firmware failed its check
-	ERROR_NO_FILE = 4,	    // `test` was called without a file
-	ERROR_WRITE = 5,	    // installer or boot partition failed
-	ERROR_ALREADY_UPDATING = 6, // a job is running
-};
-
 // The unit of the pipe between download worker and daemon: 12 bytes in the
 // device's byte order, each sent with one write.
 struct ProgressRecord {
@@ -56,8 +45,10 @@ inline constexpr std::size_t MESSAGE_SIZE = 256;
 inline constexpr std::size_t PARTITION_SIZE = 32;
 
 // The fields of one update job. They are cleared to zero all together when a
-// job ends; `watch.fd` is then -1, as whenever a job has no pipe open (before the first
-// job it is 0, like everything). Written by the job alone.
+// job ends. Written by the job alone.
+//
+// `watch.fd` is -1 while no pipe is open, and also after a job has ended. Only before
+// the first job it is 0, like everything else.
 struct UpdateJob {
 	ubus_request_data request; // the caller's deferred request, a whole copy
 	uloop_timeout timer;	   // the job's one timer: time-out, retry wait or delay
@@ -100,9 +91,16 @@ static_assert(sizeof(UpdateManifest) == 64 + 4 + 4 + 512 + 20 + 12 + 256);
 extern UpdateContext update_context;
 extern UpdateManifest &update_manifest;
 
-// The text that begins at byte `offset` of the manifest (use offsetof), up to
-// the first zero byte: a field that fills its array runs on into the next, and
-// the record's end ends every text. The daemon owns the memory.
-const char *manifest_text(std::size_t offset);
+// The text that begins at byte `offset` of the manifest.
+const char *manifest_text_at(std::size_t offset);
+
+// The text of one field, up to the first zero byte: a field that fills its array
+// runs on into the next, and the record's end ends every text. The daemon owns the
+// memory.
+template<std::size_t SIZE> const char *manifest_text(char (UpdateManifest::*field)[SIZE])
+{
+	const auto *start = reinterpret_cast<const char *>(&update_manifest);
+	return manifest_text_at(static_cast<std::size_t>(update_manifest.*field - start));
+}
 
 } // namespace fwupdate

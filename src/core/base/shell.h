@@ -22,7 +22,7 @@ void run_probe(const char *command, char *field, std::size_t size, const char *f
 enum class CommandResult {
 	SUCCEEDED, // exit status 0; also a command that a signal ended
 	FAILED,	   // another exit status
-	NOT_RUN,   // nobody knows: the system could not run it
+	NOT_RUN,   // the system could not start it, or lost track of how it ended
 };
 
 CommandResult run_command(const char *command);
@@ -31,22 +31,5 @@ CommandResult run_command(const char *command);
 // signal interrupts goes on where it was, and loses nothing of the line. False,
 // and an empty line, at the end of the file or on an error.
 bool read_line(std::FILE *stream, char *line, std::size_t size);
-
-// Closes a stream that fopen or fdopen gave, at the end of its scope.
-struct StreamGuard {
-	std::FILE *stream;
-
-	explicit StreamGuard(std::FILE *opened) : stream(opened)
-	{
-	}
-	StreamGuard(const StreamGuard &) = delete;
-	StreamGuard &operator=(const StreamGuard &) = delete;
-	~StreamGuard()
-	{
-		if (stream != nullptr) {
-			std::fclose(stream);
-		}
-	}
-};
 
 } // namespace fwupdate

@@ -32,11 +32,11 @@ std::int32_t parse_number(const char *text, int base)
 
 void copy_text(char *field, std::size_t size, const char *text)
 {
-	copy_limited(field, text, size - 1);
+	copy_unterminated(field, size - 1, text);
 	field[size - 1] = '\0';
 }
 
-void copy_limited(char *field, const char *text, std::size_t limit)
+void copy_unterminated(char *field, std::size_t limit, const char *text)
 {
 	const std::size_t length = strnlen(text, limit);
 	std::memcpy(field, text, length);
