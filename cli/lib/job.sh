@@ -1,0 +1,160 @@
+# SPDX-License-Identifier: ISC
+# shellcheck shell=sh disable=SC2034,SC2154 # its variables are those of the whole command
+# The running update and its answer, kept in /tmp. Part of fwupdate-cli; the layout is at
+# the top of it.
+
+jobs=/tmp/fwupdate-cli
+longest_call=2147483 # seconds; the most that the ubus command can count
+look_every=5	     # seconds between two looks whether the daemon is still the same
+
+# Somebody else's folder, or a link to one, is not trusted with anything.
+check_folder() {
+	[ -e "$jobs" ] || [ -L "$jobs" ] || return 0
+	# shellcheck disable=SC3067 # BusyBox has -O
+	if [ -L "$jobs" ] || [ ! -d "$jobs" ] || [ ! -O "$jobs" ]; then
+		fail "$failed" "'$jobs' is not a folder of yours." "Remove it: rm -rf $jobs"
+	fi
+}
+
+# Sets `job` to the last job's folder, or to nothing, and `number` to its number.
+find_job() {
+	check_folder
+	job='' number=0
+	for folder in "$jobs"/job.*; do
+		if [ -d "$folder" ] && [ "${folder##*.}" -gt "$number" ] 2>/dev/null; then
+			job=$folder number=${folder##*.}
+		fi
+	done
+}
+
+# stored NAME: one line of the job's folder, or nothing.
+stored() {
+	head -n 1 "$job/$1" 2>/dev/null
+}
+
+# Both processes of a job; one number alone may belong to a stranger by now.
+job_lives() {
+	keeper=$(stored pid)
+	caller=$(stored call)
+	[ -n "$keeper" ] && kill -0 "$keeper" 2>/dev/null || return 1
+	[ -z "$caller" ] || kill -0 "$caller" 2>/dev/null || [ -e "$job/end" ]
+}
+
+# A job that has just been claimed has no process number for a moment.
+job_runs() {
+	[ -n "$job" ] && [ ! -e "$job/end" ] || return 1
+	job_lives && return
+	sleep 1
+	[ ! -e "$job/end" ] && job_lives
+}
+
+# Sets `outcome`: none, running, answered, refused or lost; `detail`; `ended`.
+read_outcome() {
+	outcome=none detail='' ended=''
+	find_job
+	[ -n "$job" ] || return 0
+	outcome=running
+	job_runs && return
+	if [ -e "$job/end" ]; then
+		read -r outcome detail ended <"$job/end"
+	else
+		outcome=lost detail=call
+	fi
+}
+
+# Makes the next job's folder. Fails when somebody else was faster.
+claim_job() {
+	umask 077
+	mkdir "$jobs" 2>/dev/null
+	find_job
+	! job_runs || return
+	claimed=$jobs/job.$((number + 1))
+	mkdir "$claimed" 2>/dev/null || return
+	echo $$ >"$claimed/pid"
+	# The number may have been one that is long over and cleared away.
+	find_job
+	if [ "$job" != "$claimed" ]; then
+		rm -rf "$claimed"
+		return 1
+	fi
+	for folder in "$jobs"/job.*; do
+		[ "$folder" = "$job" ] || rm -rf "$folder"
+	done
+}
+
+# Starts the keeper of the claimed job. Nothing of the caller's is left in its hands that
+# could end it or that it could hold up: no terminal, no pipe, no folder.
+start_job() {
+	printf '%s\n' "$1" >"$job/arguments"
+	date +%s >"$job/started"
+	object_id >"$job/object"
+	trap '' HUP INT QUIT TERM
+	(cd / && keep_job) </dev/null >/dev/null 2>&1 3>&- 4>&- 5>&- 6>&- 7>&- 8>&- 9>&- &
+	echo $! >"$job/pid"
+	trap - HUP INT QUIT TERM
+}
+
+# Makes the call and writes down what came of it.
+keep_job() {
+	ubus -S -t $longest_call call fwupdate update "$(stored arguments)" \
+		>"$job/answer.part" 2>"$job/error" &
+	caller=$!
+	echo $caller >"$job/call"
+	watch_daemon $caller &
+	watcher=$!
+	wait $caller
+	ubus_status=$?
+	kill -KILL $watcher 2>/dev/null
+	end="refused $ubus_status"
+	case $ubus_status in
+	0) end="lost daemon"
+		[ ! -s "$job/answer.part" ] || keep_answer ;;
+	10 | 255) end="lost bus" ;;
+	5 | 7) end="lost daemon" ;;
+	137) end="lost call"
+		[ ! -e "$job/gone" ] || end="lost daemon" ;;
+	esac
+	echo "$end $(date +%s)" >"$job/end.part" && mv "$job/end.part" "$job/end"
+}
+
+# An answer of 0 is also given when there was nothing to do; the image it left tells.
+keep_answer() {
+	case $(raw_field @.error_code "$(cat "$job/answer.part")") in
+	0) end="answered nothing"
+		# shellcheck disable=SC3013 # BusyBox has -nt
+		[ ! /tmp/fwupdate.bin -nt "$job/started" ] || end="answered installing" ;;
+	6) end="answered busy" ;;
+	*) end="answered failed" ;;
+	esac
+	mv "$job/answer.part" "$job/answer"
+}
+
+# A daemon that is gone answers nobody, and the bus does not tell: the call would wait
+# for weeks. Ends it ($1) when the daemon has another id than at the start, or none.
+watch_daemon() {
+	before=$(stored object)
+	while sleep $look_every; do
+		now=$(object_id)
+		[ "$now" != "$before" ] || continue
+		# Without a bus the call has ended, or will, by itself.
+		ubus list >/dev/null 2>&1 || continue
+		: >"$job/gone"
+		kill -KILL "$1"
+		return
+	done
+}
+
+# The whole job as one JSON object; `read_outcome` has been called.
+print_job() {
+	if [ "$outcome" = none ]; then
+		echo '{"job":"none"}'
+		return
+	fi
+	line="{\"job\":\"$outcome\",\"started\":$(stored started),\"arguments\":$(stored arguments)"
+	case $outcome in
+	answered) line="$line,\"ended\":$ended,\"result\":\"$detail\",\"answer\":$(cat "$job/answer")" ;;
+	refused) line="$line,\"ended\":$ended,\"status\":$detail" ;;
+	lost) line="$line${ended:+,\"ended\":$ended},\"lost\":\"$detail\"" ;;
+	esac
+	print_raw "$line}"
+}
