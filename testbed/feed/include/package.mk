@@ -1,0 +1,50 @@
+# SPDX-License-Identifier: ISC
+# Stand-in: `make install` carries out each package's install step into
+# STAGE/PACKAGE; `make fields` prints what the Makefile says about each.
+PKG_BUILD_DIR:=$(STAGE)/.build/$(PKG_NAME)-$(PKG_VERSION)
+PKG_INSTALL_DIR:=$(STAGE)/.install/$(PKG_NAME)
+.DEFAULT_GOAL:=install
+
+# A definition on one line, its white space as one blank each.
+flat=$(strip $(subst $(newline), ,$(1)))
+define newline
+
+
+endef
+
+define Build/Prepare
+endef
+
+prepare:
+	$(call Build/Prepare)
+
+compile: prepare
+	$(call Build/Compile)
+
+fields:
+	$(info PKG_NAME=$(PKG_NAME))
+	$(info PKG_VERSION=$(PKG_VERSION))
+	$(info PKG_RELEASE=$(PKG_RELEASE))
+	$(info PKG_LICENSE=$(PKG_LICENSE))
+	$(info PKG_LICENSE_FILES=$(PKG_LICENSE_FILES))
+	$(info PKG_MAINTAINER=$(PKG_MAINTAINER))
+	$(info PKG_CONFIG_DEPENDS=$(PKG_CONFIG_DEPENDS))
+	$(info CMAKE_OPTIONS=$(strip $(CMAKE_OPTIONS)))
+
+# The fields stand in a definition of assignments; evaluated, they are variables.
+define BuildPackage
+install: install-$(1)
+install-$(1): compile
+	mkdir -p $$(STAGE)/$(1)
+	$$(call Package/$(1)/install,$$(STAGE)/$(1))
+
+fields: fields-$(1)
+fields-$(1):
+	$$(eval $$(Package/$(1)))
+	$$(foreach field,SECTION CATEGORY SUBMENU TITLE DEPENDS PKGARCH,$$(info $(1).$$(field)=$$(strip $$($$(field)))))
+	$$(info $(1).conffiles=$$(call flat,$$(Package/$(1)/conffiles)))
+	$$(info $(1).config=$$(call flat,$$(Package/$(1)/config)))
+	$$(info $(1).description=$$(call flat,$$(Package/$(1)/description)))
+
+.PHONY: install install-$(1) fields fields-$(1) prepare compile
+endef
