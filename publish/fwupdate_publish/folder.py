@@ -1,0 +1,147 @@
+# SPDX-License-Identifier: ISC
+"""The folder that the update server serves.
+
+    FOLDER/update.xml                  what routers get when they ask
+    FOLDER/releases/BUILD/IMAGE        every release that was published stays
+    FOLDER/releases/BUILD/update.xml   as it was published, for a rollback
+
+A release's image never changes under its name, so it may be cached for ever, and a
+router that is still downloading is not disturbed by the next release.
+"""
+import contextlib
+import dataclasses
+import fcntl
+import filecmp
+import os
+import pathlib
+import re
+import shutil
+
+from . import manifest as manifests
+from .refusal import Refusal
+
+MANIFEST = "update.xml"
+RELEASES = "releases"
+
+
+def image_place(build, image):
+    """The image's path below the folder, which is also the end of its URL."""
+    return f"{RELEASES}/{build}/{pathlib.Path(image).name}"
+
+
+def check_image_name(image):
+    name = pathlib.Path(image).name
+    if not re.fullmatch(r"[A-Za-z0-9_~+-][A-Za-z0-9._~+-]*", name):
+        raise Refusal(f"image name '{manifests.printable(name)}': it begins with a dot, or holds a"
+                      " character that needs escaping in a URL.",
+                      "Rename the file; letters, digits and . _ ~ + - are fine.")
+    if name == MANIFEST:
+        raise Refusal(f"image name '{name}': this is the manifest's name.", "Rename the file.")
+
+
+class Folder:
+    def __init__(self, path):
+        self.path = pathlib.Path(path)
+
+    def current(self):
+        """The Manifest that routers get now, or None."""
+        return self._read(self.path / MANIFEST)
+
+    def kept(self):
+        """The build numbers that can be put back, lowest first."""
+        found = self.path.glob(f"{RELEASES}/*/{MANIFEST}")
+        return sorted((p.parent.name for p in found if manifests.is_build(p.parent.name)), key=int)
+
+    def check_new(self, manifest, image):
+        """Refuses a release that would change an old one, or that routers would not take."""
+        place = self.path / image_place(manifest.build, image)
+        if place.parent.is_dir():
+            others = [p.name for p in place.parent.iterdir()
+                      if p.name not in (place.name, MANIFEST) and not p.name.endswith(".part")]
+            if others or (place.exists() and not filecmp.cmp(place, image, shallow=False)):
+                raise Refusal(f"build number '{manifest.build}': it was published with another image."
+                              " A router that runs it would never take this one.",
+                              "Give the image a build number of its own.")
+        current = self.current()
+        if current and int(manifest.build) < int(current.build) and not manifest.force:
+            raise Refusal(f"build number '{manifest.build}': routers are offered {current.build}, and"
+                          " those that run it take no lower one.",
+                          f"Give a number above {current.build}; 'rollback' puts an old release"
+                          " back, and --force offers this one as it is.")
+
+    def publish(self, manifest, image):
+        """Image first, manifest last: what the manifest names is always there."""
+        place = self.path / image_place(manifest.build, image)
+        with self._locked():
+            self.check_new(manifest, image)
+            place.parent.mkdir(parents=True, exist_ok=True)
+            if not place.exists():
+                with open(image, "rb") as source:
+                    replace(place, lambda target: shutil.copyfileobj(source, target, 1 << 20))
+            replace(place.parent / MANIFEST, lambda target: target.write(manifest.text()))
+            replace(self.path / MANIFEST, lambda target: target.write(manifest.text()))
+
+    def release_to_put_back(self, build):
+        """The kept Manifest of `build`, or of the release below the current one; forced,
+        because a router takes a lower build number only then."""
+        kept = self.kept()
+        current = self.current()
+        listed = f"Kept are: {', '.join(kept) or 'none'}."
+        if build is None:
+            below = [k for k in kept if current and int(k) < int(current.build)]
+            if not below:
+                raise Refusal(f"folder '{self.path}': it keeps no release before"
+                              f" {current.build if current else 'the first'}.", listed)
+            build = below[-1]
+        if build not in kept:
+            raise Refusal(f"build number '{manifests.printable(build)}': the folder '{self.path}'"
+                          " does not keep it.", listed)
+        release = self._read(self.path / RELEASES / build / MANIFEST)
+        image = self.path / image_place(build, release.url)
+        if not image.is_file():
+            raise Refusal(f"build number '{build}': its image '{image}' is gone.",
+                          f"Put it back there, or choose another release. {listed}")
+        return dataclasses.replace(release, force=True)
+
+    def put_back(self, manifest):
+        with self._locked():
+            replace(self.path / MANIFEST, lambda target: target.write(manifest.text()))
+
+    @staticmethod
+    def _read(path):
+        try:
+            return manifests.parse(path.read_bytes())
+        except FileNotFoundError:
+            return None
+        except ValueError as error:
+            raise Refusal(f"manifest '{path}': it {error}.",
+                          "Move it away, or give another --out folder.") from None
+
+    @contextlib.contextmanager
+    def _locked(self):
+        self.path.mkdir(parents=True, exist_ok=True)
+        descriptor = os.open(self.path, os.O_RDONLY | os.O_DIRECTORY)
+        try:
+            fcntl.flock(descriptor, fcntl.LOCK_EX)
+            yield
+        finally:
+            os.close(descriptor)
+
+
+def replace(path, write):
+    """The file appears under its name whole and on disk, or not at all."""
+    part = path.with_name(f".{path.name}.part")
+    try:
+        with open(part, "wb") as target:
+            write(target)
+            target.flush()
+            os.fsync(target.fileno())
+        os.replace(part, path)
+    except BaseException:
+        part.unlink(missing_ok=True)
+        raise
+    descriptor = os.open(path.parent, os.O_RDONLY | os.O_DIRECTORY)
+    try:
+        os.fsync(descriptor)
+    finally:
+        os.close(descriptor)

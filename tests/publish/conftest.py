@@ -1,0 +1,70 @@
+# SPDX-License-Identifier: ISC
+"""Fixtures for the tests of fwupdate-publish."""
+import pathlib
+import subprocess
+import sys
+
+import pytest
+
+here = pathlib.Path(__file__).resolve().parent
+project = here.parent.parent
+sys.path[:0] = [str(here), str(project / "publish")]
+
+import make_images  # noqa: E402
+from router_session import RouterSession  # noqa: E402
+
+
+class Publisher:
+    """fwupdate-publish as a maker runs it, in a folder of its own."""
+
+    def __init__(self, folder):
+        self.folder = folder
+        self.out = folder / "served"
+        self.image = folder / "firmware.bin"
+        self.image.write_bytes(make_images.uimage(b"kernel" * 100))
+
+    def run(self, *words, stdin=b""):
+        result = subprocess.run([project / "publish/fwupdate-publish", *words], cwd=self.folder,
+                                input=stdin, capture_output=True, timeout=60)
+        result.text = result.stdout.decode() + result.stderr.decode()
+        return result
+
+    def words(self, **changes):
+        """A command line that publishes; a change of None leaves the option out."""
+        values = {"image": self.image, "version": "2.1.0", "build": "174200000",
+                  "url": "http://192.0.2.1", "out": self.out}
+        flags = ["--" + name.replace("_", "-") for name, value in changes.items() if value is True]
+        values.update((k, v) for k, v in changes.items() if v is not True)
+        image = values.pop("image")
+        words = [] if image is None else [image]
+        for name, value in values.items():
+            if value is not None:
+                words += ["--" + name.replace("_", "-"), str(value)]
+        return words + flags
+
+    def publish(self, **changes):
+        return self.run(*self.words(**changes))
+
+    def notes(self, content):
+        path = self.folder / "notes.txt"
+        path.write_bytes(content if isinstance(content, bytes) else content.encode())
+        return path
+
+    def files(self):
+        """Everything below the folder, for "nothing was changed"."""
+        return {str(p.relative_to(self.folder)): p.read_bytes() if p.is_file() else None
+                for p in sorted(self.folder.rglob("*"))}
+
+
+@pytest.fixture
+def publisher(tmp_path):
+    return Publisher(tmp_path)
+
+
+@pytest.fixture(scope="session")
+def router(tmp_path_factory):
+    """One router for a whole file of tests. Its update server serves router.served,
+    and it sees router.shared."""
+    folder = tmp_path_factory.mktemp("router")
+    with RouterSession(folder) as session:
+        yield session
