@@ -1,0 +1,75 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: ISC
+"""Makes the simulated router's web gateway reachable: TCP on loopback <-> the unix socket that
+`testbed/router --web FOLDER` serves. While nobody serves the socket, connections are refused to
+the browser by closing them: the router is away.
+
+Usage: testbed/web/relay.py FOLDER [PORT]     prints the address, then relays until it is ended
+"""
+import http.server
+import json
+import socket
+import sys
+
+
+class Relay(http.server.ThreadingHTTPServer):
+    """One request a connection. `fault(object, method)` of a JSON-RPC call may answer in place of
+    the router: it gets the browser's socket and returns True when it has dealt with it."""
+
+    def __init__(self, folder, port=0):
+        super().__init__(("127.0.0.1", port), Handler)
+        self.path = f"{folder}/http"
+        self.fault = lambda name, method, browser: False
+
+    @property
+    def address(self):
+        return f"http://127.0.0.1:{self.server_address[1]}/fwupdate/"
+
+    def handle_error(self, request, client_address):
+        if not isinstance(sys.exc_info()[1], OSError):  # either side may leave at any time
+            super().handle_error(request, client_address)
+
+
+class Handler(http.server.BaseHTTPRequestHandler):
+    def log_message(self, *_):
+        pass
+
+    def handle_one(self):
+        body = self.rfile.read(int(self.headers.get("Content-Length", 0)))
+        self.close_connection = True
+        if self.server.fault(*called(body), self.connection):
+            return
+        with socket.socket(socket.AF_UNIX) as router:
+            try:
+                router.connect(self.server.path)
+            except OSError:
+                return  # nobody is there; the browser sees a closed connection
+            del self.headers["Connection"]
+            head = f"{self.command} {self.path} HTTP/1.1\r\nConnection: close\r\n{self.headers}"
+            router.sendall(head.replace("\r\n", "\n").replace("\n", "\r\n").encode("latin-1") + body)
+            while piece := router.recv(65536):
+                self.wfile.write(piece)
+
+    do_GET = do_HEAD = do_POST = handle_one
+
+
+def called(body):
+    """Object and method of a JSON-RPC call."""
+    try:
+        _, name, method, *_ = json.loads(body)["params"]
+        return name, method
+    except (ValueError, KeyError, TypeError):
+        return "", ""
+
+
+def main():
+    if len(sys.argv) not in (2, 3) or not all(word.isdigit() for word in sys.argv[2:]):
+        print(__doc__.strip().splitlines()[-1], file=sys.stderr)
+        return 2
+    with Relay(sys.argv[1], int(sys.argv[2]) if len(sys.argv) > 2 else 0) as relay:
+        print(relay.address, flush=True)
+        relay.serve_forever()
+
+
+if __name__ == "__main__":
+    sys.exit(main())
