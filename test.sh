@@ -16,9 +16,12 @@ Usage: ./test.sh [OPTION...]
   --static            format, shellcheck and clang-tidy only, the tests included
   --coverage          line and branch coverage of src/ instead; the report goes
                       to build/coverage/report
+  --web               the update page in a real browser instead; with --pictures
+                      the screenshots in docs/pictures are taken anew
   --mutants N         N small changes to src/ instead, which the tests must notice
   --seed S            which changes (default 1)
   --filter PATTERN    only the tests that match, as --gtest_filter takes it
+                      (with --web as pytest's -k takes it)
   --help              show this
 
 The last line is "N passed, N failed"; the exit status is 0 only when nothing
@@ -45,6 +48,8 @@ while [ $# -gt 0 ]; do
 	--quick) mode=quick ;;
 	--static) mode=static ;;
 	--coverage) mode=coverage ;;
+	--web) mode=web ;;
+	--pictures) export FWUPDATE_PICTURES=1 ;;
 	--mutants) mode=mutants mutants=$2 && shift ;;
 	--seed) seed=$2 && shift ;;
 	--filter) filter=$2 && shift ;;
@@ -112,10 +117,11 @@ build_and_test() {
 	return "$status"
 }
 
+# build_preset PRESET [TARGET...]
 build_preset() {
 	cmake --preset "$1" >"build/$1.log" 2>&1 || { cat "build/$1.log"; return 1; }
 	sed -n '/^-- lib/p' "build/$1.log"
-	cmake --build --preset "$1" -j "$jobs" -- --quiet
+	cmake --build --preset "$1" -j "$jobs" ${2+--target "${@:2}"} -- --quiet
 }
 
 # Whatever is in the tree now, committed or not.
@@ -164,6 +170,17 @@ report_coverage() {
 		cat "$report/lines.txt"
 }
 
+# The page in a browser. A skipped test is no passed one: on an automatic run, where all
+# that the tests need is there, it counts as failed.
+test_web() {
+	local status=0
+	rm -rf build/web/reports
+	FWUPDATE_BUILD=build/release /usr/bin/python3 -B -m pytest -q -rs -p no:cacheprovider \
+		-k "${filter:-test}" --junitxml=build/web/reports/web.xml tests/web || status=$?
+	count_results build/web "$status"
+	return "$status"
+}
+
 finish() {
 	local complaint
 	printf '\n'
@@ -180,7 +197,9 @@ finish() {
 }
 
 mkdir -p build
-step packages ./setup.sh || finish
+parts=()
+[ "$mode" != web ] || parts=(--web)
+step packages ./setup.sh "${parts[@]}" || finish
 case $mode in
 full)
 	step "format" check_format
@@ -199,6 +218,10 @@ static)
 	;;
 quick)
 	build_and_test release
+	;;
+web)
+	step "build: release" build_preset release fwupdate ubusd ubus jsonfilter fwtool routerd &&
+		step "test: web" test_web
 	;;
 coverage)
 	build_and_test coverage
