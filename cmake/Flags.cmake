@@ -7,6 +7,8 @@ option(FWUPDATE_HARDENING "Fortify, stack protector, RELRO, immediate binding" O
 option(FWUPDATE_SANITIZE "Address and undefined behaviour sanitizers, no recovery" OFF)
 
 add_compile_options(-Wall -Wextra -Wshadow -Wconversion)
+# A file of 2 GiB or more can be opened and measured on 32 bits, too.
+add_compile_definitions(_FILE_OFFSET_BITS=64)
 if(FWUPDATE_WERROR)
   add_compile_options(-Werror)
 endif()

@@ -10,6 +10,7 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 #include "core/base/guards.h"
 #include "core/base/log.h"
@@ -146,6 +147,10 @@ int check_file(const char *path, int descriptor)
 	struct stat status;
 	if (fstat(descriptor, &status) < 0) {
 		return IMAGE_NOT_STATTED;
+	}
+	// More than 32 bits can address: no part of it is taken for the whole.
+	if (!std::in_range<std::size_t>(status.st_size)) {
+		return IMAGE_NOT_MAPPED;
 	}
 	const MappedBytes file = map_file(descriptor, static_cast<std::size_t>(status.st_size));
 	const MappingGuard mapping_guard(file);

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <functional>
+#include <gmock/gmock.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -22,6 +23,13 @@ extern "C" void __gcov_dump() __attribute__((weak)); // NOLINT(*-identifier-nami
 
 namespace
 {
+
+// What fstat(2) may become.
+#ifdef SYS_newfstatat
+const std::vector<int> fstat_calls = {SYS_fstat, SYS_newfstatat};
+#else
+const std::vector<int> fstat_calls = {SYS_fstat64, SYS_statx};
+#endif
 
 // Runs the step in a child process and returns its result, 0 to 255; -1 when the child hung, until
 // an alarm ended it, or crashed.
@@ -119,12 +127,27 @@ TEST_F(ImageFile, ThatIsAPipeIsNotMappedAndNotWaitedFor)
 	close(end);
 }
 
+TEST_F(ImageFile, OfGigabytesIsMeasured)
+{
+	const bool narrow = sizeof(void *) == 4;
+	// The header's CRC is wrong, so that none of the data is read.
+	std::string image = good_image();
+	image[header_crc_offset] ^= 1;
+	write_bytes(firmware_path, image);
+	std::filesystem::resize_file(firmware_path, std::uintmax_t{1} << 31);
+	// A kernel may give a program of 32 bits less than half of its addresses in one piece.
+	EXPECT_THAT(verify_image(firmware_path),
+		    testing::AnyOf(IMAGE_BAD_HEADER, narrow ? IMAGE_NOT_MAPPED : IMAGE_BAD_HEADER));
+	// What 32 bits keep of this size is not taken for the file.
+	std::filesystem::resize_file(firmware_path, (std::uintmax_t{1} << 32) + image.size());
+	EXPECT_EQ(verify_image(firmware_path), narrow ? IMAGE_NOT_MAPPED : IMAGE_BAD_HEADER);
+}
+
 TEST_F(ImageFile, WhoseStatusIsRefusedIsNotStatted)
 {
 	write_bytes(firmware_path, good_image());
 	int result = 1;
-	with_refused({SYS_fstat, SYS_newfstatat}, EIO,
-		     [&result] { result = verify_image(firmware_path); });
+	with_refused(fstat_calls, EIO, [&result] { result = verify_image(firmware_path); });
 	EXPECT_EQ(result, IMAGE_NOT_STATTED);
 	EXPECT_EQ(logged(), Texts{});
 }
