@@ -5,11 +5,12 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <memory>
 #include <optional>
 #include <string_view>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 #include "fwtool_chunk.h"
 
@@ -126,6 +127,51 @@ bool is_regular(int descriptor)
 	return fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
 }
 
+// A whole file, read-only. Mapped, not read: it may be larger than the memory there is.
+class Mapping
+{
+public:
+	explicit Mapping(int descriptor)
+	{
+		struct stat status = {};
+		if (fstat(descriptor, &status) != 0 || status.st_size == 0) {
+			return;
+		}
+		if (!std::in_range<std::size_t>(status.st_size)) {
+			error_ = EFBIG;
+			return;
+		}
+		const auto size = static_cast<std::size_t>(status.st_size);
+		void *start = mmap(nullptr, size, PROT_READ, MAP_SHARED, descriptor, 0);
+		if (start == MAP_FAILED) {
+			error_ = errno;
+			return;
+		}
+		bytes_ = {static_cast<const std::uint8_t *>(start), size};
+	}
+	~Mapping()
+	{
+		if (!bytes_.empty()) {
+			munmap(const_cast<std::uint8_t *>(bytes_.data()), bytes_.size());
+		}
+	}
+	Mapping(const Mapping &) = delete;
+	Mapping &operator=(const Mapping &) = delete;
+	fwtool::Bytes bytes() const
+	{
+		return bytes_;
+	}
+	// 0 when the file is there, an empty one too.
+	int error() const
+	{
+		return error_;
+	}
+
+private:
+	fwtool::Bytes bytes_;
+	int error_ = 0;
+};
+
 int append(const Request &request, int data_file, int firmware_file, fwtool::Bytes firmware)
 {
 	const std::size_t limit = fwtool::data_limit(request.type);
@@ -189,12 +235,13 @@ int run(const Request &request)
 	if (!is_regular(firmware_file.number())) {
 		return fail("%s is not a regular file", request.firmware_path);
 	}
-	const std::optional<Content> firmware = read_all(firmware_file.number(), SIZE_MAX);
-	if (!firmware) {
-		return fail("Failed to read %s: %s", request.firmware_path, strerror(errno));
+	const Mapping firmware(firmware_file.number());
+	if (firmware.error() != 0) {
+		return fail("Failed to read %s: %s", request.firmware_path,
+			    strerror(firmware.error()));
 	}
 	return (request.append ? append : extract)(request, data_file.number(),
-						   firmware_file.number(), *firmware);
+						   firmware_file.number(), firmware.bytes());
 }
 
 int usage(const char *program)

@@ -144,7 +144,7 @@ private:
 
 	void parse_place()
 	{
-		long place = 0;
+		std::int64_t place = 0;
 		const char *end = text_.data() + text_.size();
 		const auto [next, error] = std::from_chars(text_.data() + at_, end, place);
 		if (error != std::errc()) {
@@ -167,9 +167,9 @@ json_object *member(json_object *value, const std::string &name)
 	return found;
 }
 
-json_object *element(json_object *value, long place)
+json_object *element(json_object *value, std::int64_t place)
 {
-	const auto length = static_cast<long>(json_object_array_length(value));
+	const auto length = static_cast<std::int64_t>(json_object_array_length(value));
 	if (place < 0) {
 		place += length;
 	}
@@ -194,7 +194,7 @@ json_object *follow(json_object *document, const Path &path)
 		if (!json_object_is_type(value, name ? json_type_object : json_type_array)) {
 			return nullptr;
 		}
-		value = name ? member(value, *name) : element(value, std::get<long>(step));
+		value = name ? member(value, *name) : element(value, std::get<std::int64_t>(step));
 	}
 	return value;
 }

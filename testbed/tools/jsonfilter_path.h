@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -16,7 +17,7 @@ namespace jsonfilter
 {
 
 // A member's name, or an array's place (negative: counted from the end).
-using Step = std::variant<std::string, long>;
+using Step = std::variant<std::string, std::int64_t>;
 
 struct Path {
 	std::vector<Step> steps;

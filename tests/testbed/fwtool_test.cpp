@@ -185,6 +185,19 @@ TEST_F(FwTool, HandlesTheLargestFirmware)
 	EXPECT_TRUE(read("firmware") == large);
 }
 
+// Sparse, so that only its size is large. 32 bits have no addresses for it.
+TEST_F(FwTool, AFileLargerThanAddressesGoIsAnError)
+{
+	constexpr std::uintmax_t size = (std::uintmax_t{5} << 30) + 1000;
+	const std::string firmware = write("firmware", image);
+	std::filesystem::resize_file(firmware, size);
+	const RunResult result = fwtool({"-i", path("out"), firmware});
+	EXPECT_EQ(result.status.code, 1) << "signal " << result.status.signal;
+	EXPECT_EQ(result.errors, sizeof(void *) > 4
+					 ? "Data not found\n"
+					 : "Failed to read " + firmware + ": File too large\n");
+}
+
 TEST_F(FwTool, ExplainsItsUse)
 {
 	const std::string firmware = write("firmware", with_metadata(image));

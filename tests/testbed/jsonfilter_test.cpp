@@ -102,7 +102,7 @@ TEST_F(JsonFilter, PrintsNothingAndFailsWhenNothingMatches)
 	for (const char *expression :
 	     {"@.absent", "@.nothing", "@.board_name.x", "@.number[0]", "@.list[4]", "@.list[-5]",
 	      "@.list.key", "@.list[\"0\"]", "@[0]", "@[\"\"]", "@.list[2][2]", "@.yes.x",
-	      "@.list[-99999999999]"}) {
+	      "@.list[-99999999999]", "@.list[99999999999]", "@.list[4294967296]"}) {
 		const RunResult result = filter(board, {"-e", expression});
 		EXPECT_EQ(result.output, "") << expression;
 		EXPECT_EQ(result.errors, "") << expression;

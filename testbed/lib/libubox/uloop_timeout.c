@@ -9,6 +9,11 @@
 static LIST_HEAD(waiting);
 static LIST_HEAD(due);
 
+// Times are compared and added part by part: dividing 64 bits, 32-bit ARM needs the
+// compiler's library, which the router then has to have.
+#define MICROSECONDS 1000000
+#define MILLISECONDS 1000
+
 static struct timeval monotonic_now(void)
 {
 	struct timespec now;
@@ -17,9 +22,51 @@ static struct timeval monotonic_now(void)
 	return (struct timeval){.tv_sec = now.tv_sec, .tv_usec = (suseconds_t)(now.tv_nsec / 1000)};
 }
 
-static int64_t microseconds(const struct timeval *time)
+static bool is_later(const struct timeval *time, const struct timeval *other)
 {
-	return (int64_t)time->tv_sec * 1000000 + time->tv_usec;
+	if (time->tv_sec != other->tv_sec)
+		return time->tv_sec > other->tv_sec;
+	return time->tv_usec > other->tv_usec;
+}
+
+// Any delay, a negative one too.
+static struct timeval time_after(struct timeval time, int msecs)
+{
+	time.tv_sec += msecs / MILLISECONDS;
+	time.tv_usec += msecs % MILLISECONDS * MILLISECONDS;
+	if (time.tv_usec < 0) {
+		time.tv_usec += MICROSECONDS;
+		time.tv_sec--;
+	} else if (time.tv_usec >= MICROSECONDS) {
+		time.tv_usec -= MICROSECONDS;
+		time.tv_sec++;
+	}
+	return time;
+}
+
+// From now to then; both parts are negative when it is past.
+static struct timeval time_until(const struct timeval *then)
+{
+	const struct timeval now = monotonic_now();
+	struct timeval left = {
+		.tv_sec = then->tv_sec - now.tv_sec,
+		.tv_usec = then->tv_usec - now.tv_usec,
+	};
+
+	if (left.tv_sec > 0 && left.tv_usec < 0) {
+		left.tv_sec--;
+		left.tv_usec += MICROSECONDS;
+	} else if (left.tv_sec < 0 && left.tv_usec > 0) {
+		left.tv_sec++;
+		left.tv_usec -= MICROSECONDS;
+	}
+	return left;
+}
+
+// Less than a second has room in a long, which any machine divides.
+static int64_t milliseconds(struct timeval time)
+{
+	return (int64_t)time.tv_sec * MILLISECONDS + (long)time.tv_usec / MILLISECONDS;
 }
 
 int uloop_timeout_add(struct uloop_timeout *timeout)
@@ -31,7 +78,7 @@ int uloop_timeout_add(struct uloop_timeout *timeout)
 		return -1;
 	list_for_each_entry(other, &waiting, list)
 	{
-		if (microseconds(&other->time) > microseconds(&timeout->time)) {
+		if (is_later(&other->time, &timeout->time)) {
 			before = &other->list;
 			break;
 		}
@@ -43,14 +90,14 @@ int uloop_timeout_add(struct uloop_timeout *timeout)
 
 int uloop_timeout_set(struct uloop_timeout *timeout, int msecs)
 {
-	struct timeval now = monotonic_now();
-	const int64_t when = microseconds(&now) + (int64_t)msecs * 1000;
+	struct timeval when = time_after(monotonic_now(), msecs);
 
 	if (timeout->pending)
 		uloop_timeout_cancel(timeout);
 	// A clock that started a moment ago leaves no room for a delay below zero.
-	timeout->time.tv_sec = when < 0 ? 0 : (time_t)(when / 1000000);
-	timeout->time.tv_usec = when < 0 ? 0 : (suseconds_t)(when % 1000000);
+	if (when.tv_sec < 0)
+		when = (struct timeval){0};
+	timeout->time = when;
 	return uloop_timeout_add(timeout);
 }
 
@@ -65,18 +112,13 @@ int uloop_timeout_cancel(struct uloop_timeout *timeout)
 
 int64_t uloop_timeout_remaining64(struct uloop_timeout *timeout)
 {
-	struct timeval now;
-
-	if (!timeout->pending)
-		return -1;
-	now = monotonic_now();
-	return (microseconds(&timeout->time) - microseconds(&now)) / 1000;
+	return timeout->pending ? milliseconds(time_until(&timeout->time)) : -1;
 }
 
 int uloop_get_next_timeout(void)
 {
 	const struct uloop_timeout *first;
-	struct timeval now;
+	struct timeval wait;
 	int64_t left;
 
 	if (!list_empty(&due))
@@ -84,12 +126,12 @@ int uloop_get_next_timeout(void)
 	if (list_empty(&waiting))
 		return -1;
 	first = list_first_entry(&waiting, struct uloop_timeout, list);
-	now = monotonic_now();
-	left = microseconds(&first->time) - microseconds(&now);
-	if (left <= 0)
+	wait = time_until(&first->time);
+	if (wait.tv_sec < 0 || wait.tv_usec < 0)
 		return 0;
 	// Rounded up: a wait that ends too early would make the loop spin until it is time.
-	left = (left + 999) / 1000;
+	wait.tv_usec += MILLISECONDS - 1;
+	left = milliseconds(wait);
 	return left > INT_MAX ? INT_MAX : (int)left;
 }
 
@@ -101,7 +143,7 @@ static void collect_due(void)
 
 	list_for_each_entry_safe(timeout, following, &waiting, list)
 	{
-		if (microseconds(&timeout->time) > microseconds(&now))
+		if (is_later(&timeout->time, &now))
 			return;
 		list_del(&timeout->list);
 		list_add_tail(&timeout->list, &due);
