@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: ISC
 // How the daemon starts and ends.
 #include <csignal>
-#include <elf.h>
+#include <link.h>
 #include <sys/un.h>
 #include <syslog.h>
 
@@ -224,11 +224,11 @@ TEST_F(Startup, NothingIsOpenButLoopAndBus)
 TEST_F(StartupWithoutBus, ProgramNeedsNoCxxRuntime)
 {
 	const std::string program = read_file(daemon_path);
-	ASSERT_GT(program.size(), sizeof(Elf64_Ehdr));
-	ASSERT_EQ(program[EI_CLASS], ELFCLASS64);
-	const auto *header = reinterpret_cast<const Elf64_Ehdr *>(program.data());
+	ASSERT_GT(program.size(), sizeof(ElfW(Ehdr)));
+	ASSERT_EQ(program[EI_CLASS], sizeof(void *) == 8 ? ELFCLASS64 : ELFCLASS32);
+	const auto *header = reinterpret_cast<const ElfW(Ehdr) *>(program.data());
 	const auto *sections =
-		reinterpret_cast<const Elf64_Shdr *>(program.data() + header->e_shoff);
+		reinterpret_cast<const ElfW(Shdr) *>(program.data() + header->e_shoff);
 	int needed = 0;
 	for (unsigned i = 0; i < header->e_shnum; i++) {
 		if (sections[i].sh_type != SHT_DYNAMIC) {
@@ -236,7 +236,7 @@ TEST_F(StartupWithoutBus, ProgramNeedsNoCxxRuntime)
 		}
 		const char *strings = program.data() + sections[sections[i].sh_link].sh_offset;
 		const auto *entry =
-			reinterpret_cast<const Elf64_Dyn *>(program.data() + sections[i].sh_offset);
+			reinterpret_cast<const ElfW(Dyn) *>(program.data() + sections[i].sh_offset);
 		for (; entry->d_tag != DT_NULL; entry++) {
 			if (entry->d_tag == DT_NEEDED) {
 				const std::string library = strings + entry->d_un.d_val;

@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: ISC
 #include "support/connection.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <fstream>
 #include <linux/sockios.h>
@@ -28,11 +30,14 @@ sockaddr_in address_of(int descriptor, decltype(getsockname) *which)
 	return address;
 }
 
-std::string table_form(const sockaddr_in &address)
+// The port and the address, which stands in the kernel's byte order: under an emulator that is
+// not the order of this program.
+std::string table_form(const sockaddr_in &address, bool swapped)
 {
+	const std::uint32_t plain = address.sin_addr.s_addr;
 	std::array<char, 16> text;
-	std::snprintf(text.data(), text.size(), "%08X:%04X", address.sin_addr.s_addr,
-		      ntohs(address.sin_port));
+	std::snprintf(text.data(), text.size(), "%08X:%04X",
+		      swapped ? __builtin_bswap32(plain) : plain, ntohs(address.sin_port));
 	return text.data();
 }
 
@@ -40,13 +45,15 @@ std::string table_form(const sockaddr_in &address)
 // kernel lists both ends in its table. 0 when the other end is gone.
 unsigned long unread_by_peer(int descriptor)
 {
-	std::string ends = table_form(address_of(descriptor, getpeername)) + " ";
-	ends += table_form(address_of(descriptor, getsockname));
+	const sockaddr_in peer = address_of(descriptor, getpeername);
+	const sockaddr_in own = address_of(descriptor, getsockname);
+	const std::string ends = table_form(peer, false) + " " + table_form(own, false);
+	const std::string swapped = table_form(peer, true) + " " + table_form(own, true);
 	std::ifstream table(access("/realproc/net/tcp", R_OK) == 0 ? "/realproc/net/tcp"
 								   : "/proc/net/tcp");
 	std::string line;
 	while (std::getline(table, line)) {
-		std::size_t at = line.find(ends);
+		const std::size_t at = std::min(line.find(ends), line.find(swapped));
 		unsigned state = 0;
 		unsigned long sending = 0;
 		unsigned long received = 0;

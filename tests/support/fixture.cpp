@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <json-c/json.h>
+#include <stdexcept>
 
 namespace router_test
 {
@@ -149,6 +150,14 @@ Daemon &RouterTest::start_daemon(const std::vector<std::string> &arguments)
 	}
 	daemon_ = std::make_unique<Daemon>(arguments);
 	descriptors_at_start_ = open_descriptors(daemon_->pid());
+	return *daemon_;
+}
+
+Daemon &RouterTest::daemon()
+{
+	if (!daemon_) {
+		throw std::logic_error("the daemon was not started");
+	}
 	return *daemon_;
 }
 

@@ -50,10 +50,8 @@ protected:
 
 	// Starts the daemon (with --debug unless told otherwise); again after it has ended.
 	Daemon &start_daemon(const std::vector<std::string> &arguments = {"--debug"});
-	Daemon &daemon()
-	{
-		return *daemon_;
-	}
+	// Throws std::logic_error when it was not started, or its start failed.
+	Daemon &daemon();
 	// Serves the manifest at /update.xml, its url pointing to /firmware.bin unless it names
 	// one.
 	void offer(Manifest manifest = {});

@@ -184,7 +184,8 @@ void RouterFiles::set_manifest_url(std::string_view url)
 	write(uci_system, config);
 }
 
-// As fw_printenv finds it: CRC-32 of the rest, then NAME=VALUE texts, each with its zero byte.
+// As mkenvimage makes it: CRC-32 of the rest, little-endian, then NAME=VALUE texts, each with its
+// zero byte.
 void RouterFiles::set_boot_environment(const std::vector<std::string> &settings)
 {
 	std::istringstream config(read_file("/etc/fw_env.config"));
@@ -200,7 +201,10 @@ void RouterFiles::set_boot_environment(const std::vector<std::string> &settings)
 	data.resize(size - sizeof(std::uint32_t));
 	auto crc = static_cast<std::uint32_t>(crc32(0, reinterpret_cast<const Bytef *>(data.data()),
 						    static_cast<uInt>(data.size())));
-	std::string head(reinterpret_cast<const char *>(&crc), sizeof(crc));
+	std::string head;
+	for (int shift = 0; shift < 32; shift += 8) {
+		head += static_cast<char>(crc >> shift);
+	}
 	write(path, head + data);
 }
 

@@ -12,6 +12,9 @@ namespace
 class Files : public RouterFixture
 {
 };
+class Fixture : public RouterTest
+{
+};
 using Words = std::vector<std::string>;
 } // namespace
 
@@ -136,4 +139,12 @@ TEST_F(Files, ArchivesAreReadByBusyBox)
 		    make_zip({{"stored", "as it is", false}, {"folder/deflated", content}}));
 	EXPECT_EQ(run({"unzip", "-p", "/tmp/archive.zip", "stored"}).output, "as it is");
 	EXPECT_EQ(run({"unzip", "-p", "/tmp/archive.zip", "folder/deflated"}).output, content);
+}
+
+TEST_F(Fixture, HasNoDaemonThatDidNotStart)
+{
+	EXPECT_THROW(daemon(), std::logic_error);
+	files.install_tool("/bin/pidof", "exit 1"); // the daemon ends at once
+	EXPECT_THROW(start_daemon(), std::runtime_error);
+	EXPECT_THROW(daemon(), std::logic_error);
 }
