@@ -1,0 +1,88 @@
+# SPDX-License-Identifier: ISC
+"""Samples of several variants taken in turn, and what is said of them.
+
+A row compares the daemon with a baseline that was measured in the same run: whatever else the
+machine was doing, it did to both.
+"""
+import dataclasses
+import statistics
+
+
+@dataclasses.dataclass
+class Row:
+    """One line of the tables."""
+    what: str               # "state, 8 clients: p50"
+    unit: str               # "us", "MB/s", "KiB"
+    ours: list              # samples of the daemon
+    baseline: list          # samples of the baseline, in the same order
+    baseline_name: str
+    goal: str = ""          # the ratio aimed at: "<= 1.05", ">= 0.97"; for `check`
+    x: float = None         # place on the axis of a plot, for rows that show growth
+    series: str = ""        # which plot this row is a point of
+    note: str = ""
+
+    def ratio(self):
+        """Of the medians; 0 for a baseline of nothing."""
+        base = statistics.median(self.baseline) if self.baseline else 0
+        return statistics.median(self.ours) / base if base else 0.0
+
+    def met(self):
+        """True, False, or None when there is no goal."""
+        if not self.goal:
+            return None
+        sign, bound = self.goal.split()
+        return self.ratio() <= float(bound) if sign == "<=" else self.ratio() >= float(bound)
+
+
+def spread(samples):
+    """Half the distance between the quartiles, in percent of the median."""
+    middle = statistics.median(samples)
+    if len(samples) < 4 or not middle:
+        return 0.0
+    low, _, high = statistics.quantiles(samples, n=4)
+    return 50.0 * (high - low) / middle
+
+
+def interleave(runs, variants):
+    """Calls each of `variants` (name -> function that returns a sample) `runs` times, in turn and
+    with another one first each time; one round before that does not count. Returns name -> list.
+    """
+    names = list(variants)
+    result = {name: [] for name in names}
+    for turn in range(runs + 1):
+        for place in range(len(names)):
+            name = names[(turn + place) % len(names)]
+            sample = variants[name]()
+            if turn > 0:
+                result[name].append(sample)
+    return result
+
+
+def number(value):
+    """Four significant digits at the most, no exponent."""
+    if value == 0:
+        return "0"
+    if abs(value) >= 1000:
+        return f"{value:,.0f}"
+    return f"{value:.{3 if abs(value) < 1 else 2 if abs(value) < 10 else 1 if abs(value) < 100 else 0}f}"
+
+
+def table(rows):
+    """The rows as lines of a Markdown table."""
+    lines = ["| what | fwupdate | baseline | ratio | goal |", "|---|---|---|---|---|"]
+    for row in rows:
+        ours = f"{number(statistics.median(row.ours))} {row.unit}"
+        if len(row.ours) > 1:
+            ours += f" ±{spread(row.ours):.1f} %"
+        base = ratio = "-"
+        if row.baseline:
+            base = f"{number(statistics.median(row.baseline))} {row.unit}"
+            if len(row.baseline) > 1:
+                base += f" ±{spread(row.baseline):.1f} %"
+            base += f" ({row.baseline_name})"
+            ratio = f"{row.ratio():.3f}" if row.ratio() else "-"
+        goal = row.goal
+        if row.met() is not None:
+            goal += ", met" if row.met() else ", missed"
+        lines.append(f"| {row.what} | {ours} | {base} | {ratio} | {goal} |")
+    return lines
