@@ -25,4 +25,4 @@ def rows(build, project):
         last = words[-1].split(":")[-1] if words else None
         result.append(Row(f"`{name}`", "ns", values, [], "", x=float(last) if last else None,
                           series="/".join([function, *words[:-1]])))
-    return result
+    return sorted(result, key=lambda row: (row.series, row.x or 0))

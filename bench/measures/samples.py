@@ -59,12 +59,12 @@ def interleave(runs, variants):
 
 
 def number(value):
-    """Four significant digits at the most, no exponent."""
+    """Three or four digits that count, no exponent."""
     if value == 0:
         return "0"
-    if abs(value) >= 1000:
-        return f"{value:,.0f}"
-    return f"{value:.{3 if abs(value) < 1 else 2 if abs(value) < 10 else 1 if abs(value) < 100 else 0}f}"
+    places = next((places for bound, places in ((1, 3), (10, 2), (100, 1)) if abs(value) < bound),
+                  0)
+    return f"{value:,.{places}f}"
 
 
 def table(rows):

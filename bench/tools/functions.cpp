@@ -41,8 +41,8 @@ void manifest_parse(benchmark::State &state)
 		mxml_node_t *document =
 			mxmlLoadString(nullptr, manifest_buffer.data, MXML_OPAQUE_CALLBACK);
 		char field[512];
-		benchmark::DoNotOptimize(
-			manifest_get_value(document, "release_notes", field, sizeof(field), 1));
+		benchmark::DoNotOptimize(manifest_get_value(document, "release_notes", field,
+							    sizeof(field), Element::OPTIONAL));
 		mxmlDelete(document);
 	}
 }
