@@ -75,9 +75,11 @@ refuse_while_busy() {
 		fail "$busy" "the daemon is downloading for somebody else." "'fwupdate-cli watch' follows it."
 }
 
+# The daemon's text, and what to do about it: the reason behind the text counts first.
 tell_error() {
 	say "${bad}$1${normal}" >&2
-	hint=$(hint_for "$1")
+	hint=$(hint_for "${1#*avialability: }")
+	hint=${hint:-$(hint_for "$1")}
 	[ -z "$hint" ] || printf '%s\n' "$hint" >&2
 }
 
@@ -98,11 +100,21 @@ tell_offer() {
 	[ -z "$notes" ] || printf '\n%s\n\n' "$notes"
 }
 
+# The answer names no reason; a daemon that logs has it in its state.
+tell_server_error() {
+	text=$(field @.error_message)
+	if call state '{}' "$state_limit"; then
+		reason=$(field @.message)
+		[ -z "$reason" ] || text="$text: $reason"
+	fi
+	tell_error "$text"
+}
+
 # The answer to `check` is in `reply` afterwards; ends the command when it failed.
 ask_server() {
 	ask check '{}' "$check_limit"
 	[ "$(field @.error_code)" = 0 ] && return
-	tell_error "$(field @.error_message)"
+	tell_server_error
 	exit "$failed"
 }
 

@@ -117,12 +117,15 @@ keep_job() {
 	echo "$end $(date +%s)" >"$job/end.part" && mv "$job/end.part" "$job/end"
 }
 
-# An answer of 0 is also given when there was nothing to do; the image it left tells.
+# An answer of 0 is also given when there was nothing to do; the image it left tells. One
+# of an earlier update is at least two seconds older than this one's start.
 keep_answer() {
 	case $(raw_field @.error_code "$(cat "$job/answer.part")") in
 	0) end="answered nothing"
-		# shellcheck disable=SC3013 # BusyBox has -nt
-		[ ! /tmp/fwupdate.bin -nt "$job/started" ] || end="answered installing" ;;
+		# shellcheck disable=SC3013 # BusyBox has -ot
+		if [ -e /tmp/fwupdate.bin ] && ! [ /tmp/fwupdate.bin -ot "$job/started" ]; then
+			end="answered installing"
+		fi ;;
 	6) end="answered busy" ;;
 	*) end="answered failed" ;;
 	esac

@@ -84,10 +84,11 @@ follow_job() {
 	trap - HUP INT TERM
 }
 
-# An update that somebody else asked the daemon for: only the download can be seen.
+# An update whose answer does not come here, somebody else's or one whose call was lost:
+# only the download can be seen.
 follow_other() {
 	forget_progress
-	say "The daemon is downloading for somebody else, who gets its answer."
+	say "The daemon is downloading; its answer does not come here."
 	while call state '{}' "$state_limit" && [ "$(field @.state)" = FIRMWARE_CONNECT ]; do
 		show_download
 		sleep 1
@@ -121,7 +122,12 @@ tell_answer() {
 		say "${good}Version $(field @.version) (build $(field @.buildtime)) was downloaded and is good.${normal}"
 		say "It is being installed; the router restarts in a moment and is away for some minutes."
 		say "Should it not restart within five minutes: docs say 'installer'; sysupgrade -T /tmp/fwupdate.bin tells why." ;;
-	*) tell_error "$(field @.error_message)" ;;
+	*)
+		if [ "$(field @.error_code)" = 1 ]; then
+			tell_server_error
+		else
+			tell_error "$(field @.error_message)"
+		fi ;;
 	esac
 }
 
@@ -187,7 +193,7 @@ run_watch() {
 		read_outcome
 	elif [ -z "$json" ] && call state '{}' "$state_limit" && [ "$(field @.state)" = FIRMWARE_CONNECT ]; then
 		follow_other
-		exit 0
+		[ "$outcome" = lost ] || exit 0
 	fi
 	tell_outcome
 }
@@ -220,7 +226,7 @@ run_update() {
 		[ -n "$force" ] || [ "$(field @.need_update)" = 1 ] || exit 0
 		ask_consent
 	fi
-	claim_job || fail "$busy" "an update is running." "'fwupdate-cli watch' follows it."
+	claim_job || fail "$busy" "an update is running already." "'fwupdate-cli watch' follows it."
 	start_job "{${force:+\"force\":\"1\",}${partition:+\"partition\":\"$partition\",}\"timeout\":$timeout,\"attempts\":$attempts,\"delay\":$delay}"
 	if [ -n "$detach" ]; then
 		read_outcome

@@ -1,0 +1,137 @@
+# SPDX-License-Identifier: ISC
+"""fwupdate-cli never loses an answer, whatever becomes of who is watching."""
+import signal
+
+import pytest
+
+from simulated_router import Router, make_server
+
+GOOD = "Version 2.1.0 (build 174117600) was downloaded and is good."
+GOES_ON = "Stopped watching; the update goes on."
+
+
+@pytest.fixture(scope="module")
+def server(tmp_path_factory):
+    return make_server(tmp_path_factory.mktemp("server"), 2_500_000)
+
+
+@pytest.fixture
+def router(server):
+    """A download takes some seconds."""
+    with Router("--server-rate", "1000000", server_root=server) as router:
+        yield router
+
+
+def result(router):
+    return router.run("fwupdate-cli result --json").json()
+
+
+def downloading(router):
+    router.wait_for("fwupdate-cli status --json | grep -q progress")
+
+
+def test_ctrl_c_ends_the_watching_only(router):
+    terminal = router.open("fwupdate-cli update --yes", 80)
+    terminal.expect(" % ")
+    terminal.interrupt()
+    assert terminal.wait() == -signal.SIGINT
+    assert GOES_ON in terminal.output()
+    again = router.open("fwupdate-cli watch", 80)
+    again.expect(" % ")
+    assert again.wait() == 0
+    assert GOOD in again.output()
+
+
+def test_a_hang_up_ends_the_watching_only(router):
+    terminal = router.open("fwupdate-cli update --yes", 80)
+    terminal.expect(" % ")
+    terminal.hang_up()
+    assert terminal.wait() in (-signal.SIGHUP, 128 + signal.SIGHUP)
+    assert result(router)["job"] == "running"
+    assert GOOD in router.run("fwupdate-cli watch").output
+    assert GOOD in router.run("fwupdate-cli result", 80).output
+
+
+def test_a_reader_that_leaves_ends_the_watching_only(router):
+    assert "Downloading" in router.run("fwupdate-cli update --yes | sed /Downloading/q").output
+    assert GOOD in router.run("fwupdate-cli watch").output
+
+
+def test_signals_for_the_whole_group_end_the_watching_only(router):
+    program = router.open("echo $$; exec fwupdate-cli update --yes")
+    group = program.expect("Downloading").split()[0]
+    for name in ("TERM", "INT", "QUIT", "HUP"):
+        router.run(f"kill -{name} -{group}")
+    assert program.wait() < 0
+    assert GOOD in router.run("fwupdate-cli watch").output
+
+
+def test_of_several_started_at_once_one_runs_and_the_others_are_told(router):
+    many = [router.open("fwupdate-cli update --detach --yes") for _ in range(8)]
+    statuses = sorted(program.wait() for program in many)
+    assert statuses == [0, 4, 4, 4, 4, 4, 4, 4]
+    told = [program.output() for program in many if program.wait() == 4]
+    assert all("running already" in text or "somebody else" in text for text in told), told
+    assert router.run("fwupdate-cli watch").status == 0
+    assert router.run("ls -d /tmp/fwupdate-cli/job.* | wc -l").output == "1\n"
+    assert router.run("grep -c 'GET /firmware.bin' /var/log/nginx-access.log").output == "1\n"
+
+
+@pytest.mark.parametrize("command", ["check", "check --json", "test /bin/busybox", "update --yes",
+                                     "update --detach --yes"])
+def test_what_would_disturb_a_running_update_is_refused(router, command):
+    router.run("fwupdate-cli update --detach --yes")
+    before = result(router)
+    refused = router.run(f"fwupdate-cli {command}", 80)
+    assert refused.status == 4
+    assert "'fwupdate-cli watch' follows it" in refused.output
+    assert result(router) == before
+
+
+def test_an_update_of_somebody_else_is_met(router):
+    router.open("ubus -t 60 call fwupdate update '{\"attempts\":2}'")
+    downloading(router)
+    refused = router.run("fwupdate-cli update --yes")
+    assert refused.status == 4 and "for somebody else" in refused.output
+    watched = router.run("fwupdate-cli watch", 80)
+    assert watched.status == 0 and " % " in watched.output and "has ended" in watched.output
+
+
+def test_an_update_of_somebody_else_that_cannot_be_seen_is_told(router):
+    router.open("ubus -t 60 call fwupdate update '{\"attempts\":2,\"delay\":30}'")
+    router.wait_for("fwupdate-cli status --json | grep -q WAIT_DELAY")
+    refused = router.run("fwupdate-cli update --yes")
+    assert refused.status == 4 and "Already updating" in refused.output
+    assert result(router)["result"] == "busy"
+    assert router.run("fwupdate-cli result").status == 4
+
+
+def test_the_folder_is_private(router):
+    router.run("umask 000; fwupdate-cli update --detach --yes; fwupdate-cli watch")
+    modes = router.run("stat -c '%a' /tmp/fwupdate-cli /tmp/fwupdate-cli/job.*").output.split()
+    assert modes == ["700", "700"]
+    files = router.run("stat -c '%a' /tmp/fwupdate-cli/job.*/*").output.split()
+    assert files and set(files) == {"600"}
+
+
+@pytest.mark.parametrize("trap", [
+    "mkdir /tmp/elsewhere; ln -s /tmp/elsewhere /tmp/fwupdate-cli",
+    "ln -s /tmp/nowhere /tmp/fwupdate-cli",
+    "echo >/tmp/fwupdate-cli"])
+def test_a_folder_of_somebody_else_is_not_used(router, trap):
+    router.run(trap)
+    for command in ("update --detach --yes", "result", "watch", "check"):
+        refused = router.run(f"fwupdate-cli {command}")
+        assert refused.status == 1
+        assert "'/tmp/fwupdate-cli' is not a folder of yours" in refused.output
+    assert router.run("ls -A /tmp/elsewhere /tmp/nowhere /tmp/fwupdate-cli/").output.count("job") == 0
+
+
+def test_the_next_update_replaces_the_answer(router):
+    router.run("fwupdate-cli update --yes")
+    first = result(router)
+    router.run("fwupdate-cli update --yes --force")
+    second = result(router)
+    assert second["arguments"]["force"] == "1"
+    assert second["started"] >= first["ended"]
+    assert router.run("ls /tmp/fwupdate-cli").output == "job.2\n"

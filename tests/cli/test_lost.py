@@ -1,0 +1,97 @@
+# SPDX-License-Identifier: ISC
+"""fwupdate-cli says so when an answer is lost, and tells from the state what it can."""
+import pytest
+
+from simulated_router import Router, make_server
+
+
+@pytest.fixture(scope="module")
+def server(tmp_path_factory):
+    return make_server(tmp_path_factory.mktemp("server"), 2_500_000)
+
+
+@pytest.fixture
+def router(server):
+    """A download takes some seconds."""
+    with Router("--server-rate", "1000000", server_root=server) as router:
+        yield router
+
+
+def result(router):
+    return router.run("fwupdate-cli result --json").json()
+
+
+def restart_bus(router):
+    """With everybody on it but the daemon, who does not come back to a new bus."""
+    router.run("kill $(pidof ubusd); setsid ubusd </dev/null >/dev/null 2>&1 &")
+    router.wait_for("ubus list >/dev/null")
+    router.run("setsid routerd </dev/null >/dev/null 2>&1 &")
+
+
+def kill_daemon(router):
+    """Its worker has the same name; the daemon is the older one."""
+    router.run("kill -KILL $(pidof fwupdate | tr ' ' '\n' | sort -n | head -n 1)")
+
+
+def start_daemon(router):
+    router.wait_for("! pidof fwupdate")
+    router.run("setsid /usr/sbin/fwupdate --debug </dev/null >/dev/null 2>&1 &")
+    router.run("ubus -t 10 wait_for fwupdate")
+
+
+def downloading(router):
+    router.wait_for("fwupdate-cli status --json | grep -q progress")
+
+
+def test_a_restart_of_the_bus_loses_the_answer_and_it_says_so(router):
+    terminal = router.open("fwupdate-cli update --yes", 80)
+    terminal.expect(" % ")
+    restart_bus(router)
+    assert terminal.wait() == 1
+    assert "The bus was restarted" in terminal.output()
+    assert "not on the bus" in terminal.output()
+    assert result(router)["lost"] == "bus"
+    # Without the bus the daemon finishes its work.
+    assert "sysupgrade" in router.wait_for("cat /var/log/sysupgrade")
+
+
+def test_after_a_restart_of_the_bus_a_new_daemon_updates_again(router):
+    router.run("fwupdate-cli update --detach --yes")
+    downloading(router)
+    restart_bus(router)
+    router.wait_for("fwupdate-cli result --json | grep -q lost")
+    kill_daemon(router)
+    start_daemon(router)
+    assert "doing nothing" in router.run("fwupdate-cli watch").output
+    assert router.run("fwupdate-cli update --yes").status == 0
+
+
+def test_a_daemon_that_ends_during_an_update_is_noticed(router):
+    terminal = router.open("fwupdate-cli update --yes", 80)
+    terminal.expect(" % ")
+    kill_daemon(router)
+    assert terminal.wait() == 1
+    assert "The daemon ended or was restarted" in terminal.output()
+    assert result(router)["lost"] == "daemon"
+    start_daemon(router)
+    told = router.run("fwupdate-cli result")
+    assert told.status == 1 and "start the update again" in told.output
+    assert router.run("fwupdate-cli update --yes").status == 0
+
+
+def test_a_killed_keeper_is_noticed(router):
+    router.run("fwupdate-cli update --detach --yes")
+    downloading(router)
+    router.run("kill -KILL $(cat /tmp/fwupdate-cli/job.*/pid /tmp/fwupdate-cli/job.*/call)")
+    told = router.run("fwupdate-cli watch")
+    assert told.status == 1
+    assert "does not come here" in told.output and "the answer is lost" in told.output
+    assert result(router)["lost"] == "call"
+
+
+def test_a_stranger_with_the_keepers_number_is_not_taken_for_it(router):
+    router.run("fwupdate-cli update --yes")
+    router.run("cd /tmp/fwupdate-cli/job.* && rm end && pidof syslogd >pid && echo 99999 >call")
+    assert result(router) | {"started": 0} == {
+        "job": "lost", "started": 0, "lost": "call",
+        "arguments": {"timeout": 900, "attempts": 3, "delay": 0}}
