@@ -15,20 +15,33 @@ def start(runs):
     def sample(name, *command):
         return lambda: float(router.run(router.TOOLS / "start_time", name, *command))
 
-    got = interleave(runs, {
+    variants = {
         "ours": sample("fwupdate", router.DAEMON),
         "least": sample("least", router.TOOLS / "least_object", "--pidof"),
         "least, same libraries": sample("least", router.TOOLS / "least_object_same_libraries",
                                         "--pidof"),
         "bare": sample("least", router.TOOLS / "least_object"),
-    })
-    return [
+    }
+    small = router.ROUTER_CURL
+    if small.exists():
+        variants["ours, small"] = sample("fwupdate", small / "fwupdate")
+        variants["least, small"] = sample("least", small / "least_object", "--pidof")
+    got = interleave(runs, variants)
+    rows = [
         Row("start", "ms", got["ours"], got["least"], "least object and one pidof", "<= 1.1"),
         Row("start", "ms", got["ours"], got["least, same libraries"],
             "the same with the daemon's libraries"),
         Row("start of the least object: pidof's share", "ms", got["least"], got["bare"],
             "without pidof"),
     ]
+    if small.exists():
+        rows += [
+            Row("start, router's libcurl", "ms", got["ours, small"], got["least"],
+                "least object and one pidof", "<= 1.1"),
+            Row("start, router's libcurl", "ms", got["ours, small"], got["least, small"],
+                "the same with the daemon's libraries", "<= 1.1"),
+        ]
+    return rows
 
 
 def load(object_name, clients, seconds):

@@ -11,6 +11,7 @@ from measures import images, router
 from measures.samples import Row
 
 UPDATES = 100
+ALLOWED = 300  # KiB more than the least object with the same libraries
 MINUTE = 60.0  # seconds that the waiting is watched
 STALL_PORT = 8082  # the manifest "stalled" names it
 
@@ -121,7 +122,7 @@ def memory(runs):
     """PSS and private memory. One life of a hundred updates takes long, so a few do."""
     into = {}
     lives = max(1, min(3, runs))
-    small = router.BUILD.parent / "router-curl"
+    small = router.ROUTER_CURL
     for _ in range(lives):
         for name in ("least_object", "least_object_same_libraries"):
             with router.least_object(name) as process:
@@ -147,6 +148,11 @@ def memory_rows(into):
                 if samples:
                     rows.append(Row(f"{label}, after {when}: {kind}", "KiB", samples,
                                     into[f"{least}: {kind}"], least.replace("_", " ")))
+            check = into.get(f"{label}, after a check: {kind}")
+            if check and "router" in label:
+                over = [ours - base for ours, base in zip(check, into[f"{least}: {kind}"])]
+                rows.append(Row(f"{label}, after a check, over the least object: {kind}", "KiB",
+                                over, [ALLOWED], "what is allowed", "<= 1"))
             after = into.get(f"{label}, after {UPDATES} updates: {kind}")
             if after:
                 rows.append(Row(f"{label}, {UPDATES} updates beside the first: {kind}", "KiB",

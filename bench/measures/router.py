@@ -9,6 +9,7 @@ import time
 
 BUILD = pathlib.Path(os.environ["BENCH_BUILD"])
 TOOLS = BUILD / "bench"
+ROUTER_CURL = BUILD.parent / "router-curl"  # when bench/router-curl has made it
 DAEMON = "/usr/sbin/fwupdate"
 SERVER_ROOT = pathlib.Path("/srv/update")
 LONGEST = 120  # seconds that anything here may take

@@ -42,8 +42,7 @@ void ask_for_own_name(const char *name)
 	if (answer == nullptr) {
 		return;
 	}
-	if (std::fgets(line, sizeof(line), answer) == nullptr) {
-		std::fputs("least_object: pidof finds nothing\n", stderr);
+	while (std::fgets(line, sizeof(line), answer) != nullptr) {
 	}
 	pclose(answer);
 }
