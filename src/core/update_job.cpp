@@ -86,8 +86,12 @@ bool start_attempt()
 	return true;
 }
 
+// Nobody is answered when the connection was lost that the request came over.
 void answer_deferred_request()
 {
+	if (job.generation != bus_generation) {
+		return;
+	}
 	reply_update_result(&job.request, job.force);
 	ubus_complete_deferred_request(bus_connection, &job.request, UBUS_STATUS_OK);
 }
@@ -280,6 +284,7 @@ int handle_update(ubus_context * /*connection*/, ubus_object * /*object*/,
 		uloop_timeout_set(&job.timer, RETRY_WAIT);
 	}
 	ubus_defer_request(bus_connection, request, &job.request);
+	job.generation = bus_generation;
 	return UBUS_STATUS_OK;
 }
 

@@ -61,6 +61,7 @@ protected:
 			close(worker_end_);
 		}
 		update_context = {};
+		bus_generation = 0;
 		debug_mode = 0;
 		ubus_free(bus_connection);
 		bus_connection = nullptr;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <csignal>
 
+#include "core/sent_messages.h"
 #include "core/update_job_fixture.h"
 
 using namespace router_test;
@@ -306,6 +307,31 @@ TEST_F(UpdateJobCallbacks, InstallerThatCannotBeStartedShowsAsResult)
 	EXPECT_TRUE(exists(image_path));
 	expect_cleared();
 	EXPECT_TRUE(files.wait_for_tool_calls(installer, 1));
+}
+
+// Numbers of callers mean nothing on another connection: the same one may be somebody else's.
+TEST_F(UpdateJobCallbacks, RequestOfALostConnectionIsNotAnswered)
+{
+	ubus_request_data request = {};
+	request.peer = 1234;
+	request.seq = 7;
+	request.fd = -1;
+	allow_starts();
+	const SentMessages sent;
+	for (const std::uint32_t losses : {0, 1}) {
+		SCOPED_TRACE(losses);
+		offer_update();
+		EXPECT_EQ(handle_update(bus_connection, nullptr, &request, "update", nullptr), 0);
+		bus_generation += losses;
+		on_job_timeout(&job.timer);
+		expect_finished(ERROR_DOWNLOAD);
+		const std::vector<SentMessage> messages = sent.take();
+		ASSERT_EQ(messages.size(), losses == 0 ? 2u : 0u);
+		for (const SentMessage &message : messages) {
+			EXPECT_EQ(message.peer, 1234u);
+			EXPECT_EQ(message.seq, 7u);
+		}
+	}
 }
 
 TEST_F(UpdateJobCallbacks, FailedJobKeepsPartitionAndMessage)

@@ -53,6 +53,17 @@ void BusServices::stop_broker()
 	stop(broker_);
 }
 
+void BusServices::kill_broker()
+{
+	broker_->kill();
+	broker_.reset();
+}
+
+void BusServices::pause_broker() const
+{
+	broker_->signal(SIGSTOP);
+}
+
 void BusServices::start_routerd()
 {
 	routerd_ = std::make_unique<Process>(Command{.words = {"routerd"}});

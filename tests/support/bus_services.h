@@ -23,6 +23,10 @@ public:
 	// SIGTERM and wait. A stopped service can be started again.
 	void stop_broker();
 	void start_broker();
+	// SIGKILL and wait.
+	void kill_broker();
+	// Freezes the broker: it takes no message and answers none. Thawed by its end only.
+	void pause_broker() const;
 	void stop_routerd();
 	void start_routerd();
 	// Freezes and thaws routerd: its objects are there but do not answer.

@@ -7,6 +7,7 @@ namespace fwupdate
 {
 
 ubus_context *bus_connection;
+std::uint32_t bus_generation;
 blob_buf reply_buffer;
 
 void begin_reply()

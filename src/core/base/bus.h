@@ -5,14 +5,21 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 #include "core/base/bus_and_loop.h"
 
 namespace fwupdate
 {
 
-// Set once by start-up; never null while a handler or callback runs.
+// Set once by start-up; never null while a handler or callback runs. The library keeps
+// the same record when it connects again.
 extern ubus_context *bus_connection;
+
+// How often the daemon has tried to come back to the bus. A request that was put off
+// belongs to the connection that it came over: on a later one its caller's number may be
+// somebody else's.
+extern std::uint32_t bus_generation;
 
 // Shared by all replies and events: its content is valid until the next
 // begin_reply(). Never freed, so that its memory is reused.

@@ -51,6 +51,7 @@ inline constexpr std::size_t PARTITION_SIZE = 32;
 // the first job it is 0, like everything else.
 struct UpdateJob {
 	ubus_request_data request; // the caller's deferred request, a whole copy
+	std::uint32_t generation;  // bus_generation when it was deferred
 	uloop_timeout timer;	   // the job's one timer: time-out, retry wait or delay
 	uloop_fd watch;		   // read end of the worker's progress pipe
 	ProgressRecord progress;   // the last record read

@@ -50,16 +50,16 @@ void ubus_queue_message(struct ubus_context *ctx, struct ubus_inbound *message)
 	uloop_timeout_set(&ctx->pending_timer, 0);
 }
 
-static void end_connection(struct ubus_context *ctx)
+void ubus_end_connection(struct ubus_context *ctx)
 {
 	ctx->sock.eof = true;
-	uloop_fd_delete(&ctx->sock);
 	ubus_end_requests(ctx);
 	ctx->connection_lost(ctx);
 }
 
 // One message per pass keeps a talkative bus from starving the loop's other users. The
-// loop does not call again when the broker has closed, so then all of them.
+// loop does not call again when the broker has closed, so then all of them. A handler may
+// have found the end itself.
 static void on_readable(struct uloop_fd *sock, unsigned int events)
 {
 	struct ubus_context *ctx = container_of(sock, struct ubus_context, sock);
@@ -73,14 +73,15 @@ static void on_readable(struct uloop_fd *sock, unsigned int events)
 		result = ubus_receive_message(ctx, &message);
 		if (result == UBUS_RECEIVED)
 			handle_message(ctx, message);
-	} while (result == UBUS_RECEIVED && !sock->registered);
-	if (result == UBUS_CLOSED)
-		end_connection(ctx);
+	} while (result == UBUS_RECEIVED && (sock->eof || !sock->registered));
+	if (result == UBUS_CLOSED || sock->eof)
+		ubus_end_connection(ctx);
 }
 
-static void ignore_lost_connection(struct ubus_context *ctx)
+static void end_the_loop(struct ubus_context *ctx)
 {
-	(void)ctx;
+	if (ctx->sock.registered)
+		uloop_end();
 }
 
 static int connect_socket(const char *path)
@@ -125,6 +126,32 @@ static bool receive_greeting(struct ubus_context *ctx)
 	return head.type == UBUS_MSG_HELLO;
 }
 
+static void close_socket(struct ubus_context *ctx)
+{
+	free(ctx->inbound);
+	ctx->inbound = NULL;
+	if (ctx->sock.fd < 0)
+		return;
+	uloop_fd_delete(&ctx->sock);
+	close(ctx->sock.fd);
+}
+
+int ubus_reconnect(struct ubus_context *ctx, const char *path)
+{
+	close_socket(ctx);
+	ctx->sock.eof = false;
+	ctx->sock.error = false;
+	ctx->sock.fd = connect_socket(path ? path : DEFAULT_SOCKET);
+	if (ctx->sock.fd < 0)
+		return UBUS_STATUS_CONNECTION_FAILED;
+	if (!receive_greeting(ctx)) {
+		close(ctx->sock.fd);
+		return UBUS_STATUS_UNKNOWN_ERROR;
+	}
+	ubus_add_objects_again(ctx);
+	return UBUS_STATUS_OK;
+}
+
 int ubus_connect_ctx(struct ubus_context *ctx, const char *path)
 {
 	memset(ctx, 0, sizeof(*ctx));
@@ -133,13 +160,12 @@ int ubus_connect_ctx(struct ubus_context *ctx, const char *path)
 	INIT_LIST_HEAD(&ctx->pending);
 	ctx->pending_timer.cb = on_pending;
 	ctx->sock.cb = on_readable;
-	ctx->connection_lost = ignore_lost_connection;
-	ctx->sock.fd = connect_socket(path ? path : DEFAULT_SOCKET);
-	if (ctx->sock.fd < 0)
-		return -1;
-	if (receive_greeting(ctx))
+	ctx->connection_lost = end_the_loop;
+	ctx->sock.fd = -1;
+	if (ubus_reconnect(ctx, path) == UBUS_STATUS_OK)
 		return 0;
-	ubus_shutdown(ctx);
+	free(ctx->inbound);
+	ctx->inbound = NULL;
 	return -1;
 }
 
@@ -160,11 +186,8 @@ void ubus_shutdown(struct ubus_context *ctx)
 
 	list_for_each_entry_safe(message, following, &ctx->pending, list) free(message);
 	INIT_LIST_HEAD(&ctx->pending);
-	free(ctx->inbound);
-	ctx->inbound = NULL;
 	uloop_timeout_cancel(&ctx->pending_timer);
-	uloop_fd_delete(&ctx->sock);
-	close(ctx->sock.fd);
+	close_socket(ctx);
 	ctx->sock.fd = -1;
 }
 

@@ -70,6 +70,7 @@ bool ubus_send_message(struct ubus_context *ctx, enum ubus_msg_type type, uint16
 		} else if (errno == EAGAIN) {
 			poll(&watch, 1, -1);
 		} else if (errno != EINTR) {
+			ctx->sock.eof = true;
 			return false;
 		}
 	}
@@ -136,8 +137,11 @@ enum ubus_receive_result ubus_receive_message(struct ubus_context *ctx,
 	result = receive_up_to(ctx, HEAD_LEN);
 	if (result != UBUS_RECEIVED)
 		return result;
-	if (!make_room(ctx))
+	if (!make_room(ctx)) {
+		// Nobody can tell where the next message begins.
+		shutdown(ctx->sock.fd, SHUT_RDWR);
 		return UBUS_CLOSED;
+	}
 	attr_len = blob_raw_len(ubus_message_attr(ctx->inbound));
 	result = receive_up_to(ctx, sizeof(struct ubus_msghdr) + attr_len);
 	if (result == UBUS_RECEIVED) {

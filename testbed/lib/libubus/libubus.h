@@ -106,8 +106,10 @@ struct ubus_context {
 	uint32_t local_id;		    // what the broker calls this connection
 	uint16_t request_seq;
 
-	// The broker is gone: the socket is out of the loop, open requests have ended.
-	// Set to do nothing at first, so that the loop goes on; never NULL.
+	// The broker is gone, and open requests have ended. Called from the loop, when it
+	// has taken the socket out already, and from within a call that waits, while the
+	// socket is still registered: several times for one loss. What it is set to at
+	// first ends the loop if the socket is registered. Never NULL.
 	void (*connection_lost)(struct ubus_context *ctx);
 
 	struct ubus_inbound *inbound; // the message that is being received, owned
@@ -156,7 +158,16 @@ struct ubus_request {
 struct ubus_context *ubus_connect(const char *path);
 void ubus_free(struct ubus_context *ctx);
 
-// The same on a record of the caller's; ubus_shutdown ends it. Returns 0 or -1.
+// Connects again, after a loss or at any time, and puts the objects of the connection on
+// the bus again, with new ids. The socket is not put into the loop. Returns 0 also when an
+// object was refused or the broker went away again meanwhile: the object's id is then 0,
+// the connection has forgotten it, and sock.eof tells of the broker. After a failure
+// sock.fd may be the number of a descriptor that is closed: set it to -1, or the next
+// call closes whatever has that number by then.
+int ubus_reconnect(struct ubus_context *ctx, const char *path);
+
+// The same as ubus_connect on a record of the caller's; ubus_shutdown ends it. Returns 0
+// or -1.
 int ubus_connect_ctx(struct ubus_context *ctx, const char *path);
 void ubus_shutdown(struct ubus_context *ctx);
 

@@ -67,6 +67,27 @@ int ubus_add_object(struct ubus_context *ctx, struct ubus_object *obj)
 	return UBUS_STATUS_OK;
 }
 
+void ubus_add_objects_again(struct ubus_context *ctx)
+{
+	struct ubus_object *obj, *following;
+	LIST_HEAD(objects);
+
+	list_for_each_entry_safe(obj, following, &ctx->objects.list_head, avl.list)
+	{
+		list_del(&obj->avl.list);
+		list_add_tail(&obj->avl.list, &objects);
+		obj->id = 0;
+		if (obj->type)
+			obj->type->id = 0;
+	}
+	ctx->objects.count = 0;
+	while (!list_empty(&objects)) {
+		obj = list_first_entry(&objects, struct ubus_object, avl.list);
+		list_del_init(&obj->avl.list);
+		ubus_add_object(ctx, obj);
+	}
+}
+
 int ubus_remove_object(struct ubus_context *ctx, struct ubus_object *obj)
 {
 	struct blob_buf buf = {0};

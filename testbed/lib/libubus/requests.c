@@ -100,7 +100,7 @@ int ubus_complete_request(struct ubus_context *ctx, struct ubus_request *req, in
 		if (!message)
 			result = ubus_receive_message(ctx, &message);
 		if (result == UBUS_CLOSED) {
-			ctx->sock.eof = true;
+			ubus_end_connection(ctx);
 			return UBUS_STATUS_CONNECTION_FAILED;
 		}
 		if (result == UBUS_NOTHING_YET) {

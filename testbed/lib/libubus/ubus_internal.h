@@ -21,7 +21,7 @@ enum ubus_receive_result {
 };
 
 // Sends one message whole, waiting for room in the socket. False when the connection is
-// gone or the message is larger than the broker takes.
+// gone, which then shows as sock.eof, or the message is larger than the broker takes.
 bool ubus_send_message(struct ubus_context *ctx, enum ubus_msg_type type, uint16_t seq,
 		       uint32_t peer, struct blob_attr *attr);
 
@@ -55,6 +55,13 @@ void ubus_handle_answer(struct ubus_context *ctx, struct ubus_inbound *message);
 
 // Ends every asynchronous request: there will be no answers any more.
 void ubus_end_requests(struct ubus_context *ctx);
+
+// The broker is gone: ends the requests and tells the program.
+void ubus_end_connection(struct ubus_context *ctx);
+
+// Puts the connection's objects on a bus that does not know them. One that the broker
+// refuses is the connection's no longer.
+void ubus_add_objects_again(struct ubus_context *ctx);
 
 // Runs the handler of a call that came in, and answers for it.
 void ubus_handle_invoke(struct ubus_context *ctx, struct ubus_inbound *message);

@@ -1,0 +1,299 @@
+// SPDX-License-Identifier: ISC
+// The bus goes away and comes back: the daemon goes on whatever it is doing, says nothing about it,
+// and is back with its object.
+#include <csignal>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "router/update_fixture.h"
+#include "support/bus_connection.h"
+
+using namespace router_test;
+
+namespace
+{
+
+constexpr const char *bus_socket = "/var/run/ubus/ubus.sock";
+
+// Stands where the broker listens and hangs up on everybody.
+class RudeBroker
+{
+public:
+	RudeBroker()
+	{
+		sockaddr_un address = {};
+		address.sun_family = AF_UNIX;
+		std::string_view(bus_socket).copy(address.sun_path, sizeof(address.sun_path) - 1);
+		unlink(bus_socket);
+		if (bind(listener_, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0 ||
+		    listen(listener_, 5) != 0) {
+			throw std::runtime_error("the bus's socket cannot be bound");
+		}
+	}
+	~RudeBroker()
+	{
+		close(listener_);
+		unlink(bus_socket);
+	}
+	RudeBroker(const RudeBroker &) = delete;
+	RudeBroker &operator=(const RudeBroker &) = delete;
+
+	// Waits for the next one who connects. False when nobody comes.
+	bool hang_up() const
+	{
+		if (!wait_readable(listener_, Deadline())) {
+			return false;
+		}
+		close(accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC));
+		return true;
+	}
+
+private:
+	int listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+};
+
+class BusReturn : public UpdateTest
+{
+protected:
+	void lose_bus()
+	{
+		bus->kill_broker();
+		bus->stop_routerd();
+	}
+	void restore_bus()
+	{
+		bus->start_broker();
+		bus->start_routerd();
+	}
+
+	// The object is there and answers; nothing was said about the absence.
+	void expect_back()
+	{
+		EXPECT_TRUE(wait_for_object("fwupdate"));
+		EXPECT_EQ(daemon().state().status, 0);
+		EXPECT_EQ(text_of(daemon().state().fields, "message"), "");
+		EXPECT_EQ(syslog.texts(), std::vector<std::string>{});
+	}
+
+	std::size_t descriptors()
+	{
+		return open_descriptors(daemon().pid()).size();
+	}
+
+	bool daemon_sleeps()
+	{
+		for (const ProcessEntry &entry : all_processes()) {
+			if (entry.pid == daemon().pid()) {
+				return entry.state == 'S';
+			}
+		}
+		return false;
+	}
+
+	// A job whose download hangs until the server lets it go.
+	PendingCall start_hanging_job(const Fields &arguments = {})
+	{
+		offer(answer(good_image()).hold());
+		start_daemon();
+		PendingCall pending = daemon().start_update(arguments);
+		EXPECT_TRUE(server.wait_for_requests(firmware, 1));
+		return pending;
+	}
+
+	// Loses the bus while the daemon waits for the broker inside `check`.
+	void lose_bus_inside_check()
+	{
+		Manifest manifest = nothing_newer();
+		manifest.url = server.url(firmware);
+		held_server_.on(manifest_path, answer(to_xml(manifest)).hold());
+		files.set_manifest_url(held_server_.url(manifest_path));
+		const PendingCall check("fwupdate", "check");
+		ASSERT_TRUE(held_server_.wait_for_requests(1));
+		bus->pause_broker();
+		held_server_.release_all();
+		ASSERT_TRUE(held_server_.wait_for_closed(1));
+		ASSERT_TRUE(eventually([&] { return daemon_sleeps(); }));
+		lose_bus();
+	}
+
+	// The connection was closed, and nothing came before that.
+	static void expect_no_answer(PendingCall &pending)
+	{
+		EXPECT_EQ(pending.wait(milliseconds(0)).messages, 0);
+	}
+
+private:
+	HttpServer held_server_;
+};
+
+TEST_F(BusReturn, IdleDaemonComesBack)
+{
+	start_daemon();
+	lose_bus();
+	restore_bus();
+	expect_back();
+	offer();
+	EXPECT_EQ(text_of(daemon().check().fields, "error_code"), "0");
+}
+
+TEST_F(BusReturn, ComesBackHoweverOften)
+{
+	start_daemon();
+	const std::size_t before = descriptors();
+	for (int times = 0; times < 10; times++) {
+		bus->kill_broker();
+		bus->start_broker();
+		expect_back();
+		EXPECT_EQ(descriptors(), before);
+	}
+	bus->stop_routerd();
+	bus->start_routerd();
+}
+
+TEST_F(BusReturn, LossInsideAHandlersEventEndsNothing)
+{
+	start_daemon();
+	lose_bus_inside_check();
+	EXPECT_TRUE(daemon().running());
+	restore_bus();
+	expect_back();
+}
+
+TEST_F(BusReturn, JobGoesOnWhenTheBusIsLostInsideAHandler)
+{
+	PendingCall pending = start_hanging_job();
+	lose_bus_inside_check();
+	restore_bus();
+	expect_back();
+	server.release_all();
+	expect_installed();
+	expect_no_answer(pending);
+}
+
+TEST_F(BusReturn, DownloadGoesOn)
+{
+	PendingCall pending = start_hanging_job();
+	lose_bus();
+	restore_bus();
+	expect_back();
+	EXPECT_EQ(daemon().state_name(), "FIRMWARE_CONNECT");
+	expect_outcome(daemon().update(), {.code = 6, .text = already_updating});
+	server.release_all();
+	expect_installed();
+	expect_no_answer(pending);
+	// And the next one is answered as ever.
+	expect_outcome(daemon().update(), {});
+}
+
+TEST_F(BusReturn, WaitForARetryGoesOn)
+{
+	offer(answer(good_image()).hold());
+	break_starts(1, 1);
+	start_daemon();
+	const PendingCall pending = daemon().start_update({int32_field("attempts", 3)});
+	ASSERT_TRUE(files.wait_for_tool_calls(df_tool, 1));
+	lose_bus();
+	ASSERT_TRUE(server.wait_for_requests(firmware, 1));
+	restore_bus();
+	EXPECT_TRUE(wait_for_object("fwupdate"));
+	server.release_all();
+	expect_installed();
+}
+
+TEST_F(BusReturn, DelayGoesOn)
+{
+	offer(answer(good_image()));
+	start_daemon();
+	const PendingCall pending = daemon().start_update({int32_field("delay", 2)});
+	ASSERT_TRUE(daemon().wait_for_state("WAIT_DELAY"));
+	lose_bus();
+	restore_bus();
+	expect_back();
+	expect_installed();
+}
+
+TEST_F(BusReturn, JobThatFailsMeanwhileLeavesNothing)
+{
+	PendingCall pending = start_hanging_job();
+	lose_bus();
+	::kill(worker_of_download(1), SIGKILL);
+	expect_not_installed();
+	restore_bus();
+	EXPECT_TRUE(wait_for_object("fwupdate"));
+	EXPECT_EQ(daemon().state_name(), "NONE");
+	server.on(firmware, answer(good_image()));
+	expect_outcome(daemon().update(), {});
+	expect_installed();
+}
+
+// A connection that fails half-way leaves the number of a closed descriptor behind. The pipe of
+// the next download gets that number, and nobody may close it.
+TEST_F(BusReturn, BrokerThatHangsUpDoesNotHarmADownload)
+{
+	offer(answer(good_image()).hold());
+	break_starts(1, 1);
+	start_daemon();
+	const PendingCall pending = daemon().start_update({int32_field("attempts", 3)});
+	ASSERT_TRUE(files.wait_for_tool_calls(df_tool, 1));
+	lose_bus();
+	{
+		const RudeBroker broker;
+		ASSERT_TRUE(broker.hang_up());
+		ASSERT_TRUE(server.wait_for_requests(firmware, 1));
+		ASSERT_TRUE(broker.hang_up());
+		ASSERT_TRUE(broker.hang_up());
+	}
+	restore_bus();
+	EXPECT_TRUE(wait_for_object("fwupdate"));
+	server.release_all();
+	expect_installed();
+	EXPECT_EQ(downloads(), 1u);
+}
+
+// The daemon is stopped meanwhile, so that somebody else takes its name first.
+TEST_F(BusReturn, WaitsForItsNameWhenSomebodyElseHasIt)
+{
+	start_daemon();
+	daemon().process().signal(SIGSTOP);
+	lose_bus();
+	restore_bus();
+	EventListener listener("ubus.object.*");
+	{
+		const Context other = connect_or_throw();
+		ubus_object_type type = {};
+		ubus_object object = {};
+		type.name = "fwupdate";
+		object.name = "fwupdate";
+		object.type = &type;
+		ASSERT_EQ(ubus_add_object(other.get(), &object), 0);
+		const auto before = open_descriptors(daemon().pid());
+		daemon().process().signal(SIGCONT);
+		// The connection is another one, and the refusal has been taken.
+		ASSERT_TRUE(eventually([&] {
+			return open_descriptors(daemon().pid()) != before && daemon_sleeps();
+		}));
+	}
+	EXPECT_TRUE(listener.wait_for_path("ubus.object.remove", "fwupdate"));
+	EXPECT_TRUE(listener.wait_for_path("ubus.object.add", "fwupdate"));
+	expect_back();
+}
+
+TEST_F(BusReturn, EndsInOrderWhileTheBusIsAway)
+{
+	may_crash = true; // it is stopped here
+	for (const int number : {SIGTERM, SIGINT}) {
+		start_daemon();
+		lose_bus();
+		{
+			const RudeBroker broker;
+			ASSERT_TRUE(broker.hang_up());
+			daemon().process().signal(number);
+			EXPECT_TRUE(daemon().process().wait().success()) << number;
+		}
+		restore_bus();
+	}
+}
+
+} // namespace
