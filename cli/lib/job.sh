@@ -5,6 +5,7 @@
 
 jobs=/tmp/fwupdate-cli
 longest_call=2147483 # seconds; the most that the ubus command can count
+a_moment=10	     # seconds, for a slow router
 look_every=5	     # seconds between two looks whether the daemon is still the same
 
 # Somebody else's folder, or a link to one, is not trusted with anything.
@@ -37,32 +38,44 @@ job_lives() {
 	keeper=$(stored pid)
 	caller=$(stored call)
 	[ -n "$keeper" ] && kill -0 "$keeper" 2>/dev/null || return 1
-	[ -z "$caller" ] || kill -0 "$caller" 2>/dev/null || [ -e "$job/end" ]
+	[ -z "$caller" ] || kill -0 "$caller" 2>/dev/null
 }
 
-# A job that has just been claimed has no process number for a moment.
+# A job that was claimed a moment ago has no keeper yet, and a keeper whose call has
+# ended writes the end down in a moment: both get some seconds.
 job_runs() {
-	[ -n "$job" ] && [ ! -e "$job/end" ] || return 1
-	job_lives && return
-	sleep 1
-	[ ! -e "$job/end" ] && job_lives
+	[ -n "$job" ] || return 1
+	patience=$a_moment
+	while [ ! -e "$job/end" ]; do
+		job_lives && return
+		if [ -n "$keeper" ] && ! kill -0 "$keeper" 2>/dev/null; then
+			return 1
+		fi
+		[ $patience -gt 0 ] || return 1
+		patience=$((patience - 1))
+		sleep 1
+	done
+	return 1
 }
 
-# Sets `outcome`: none, running, answered, refused or lost; `detail`; `ended`.
+# Sets `outcome`: none, running, answered, refused or lost; `detail`, `ended`, and what the
+# job's files hold. An update that starts meanwhile clears them away: then once more.
 read_outcome() {
 	outcome=none detail='' ended=''
 	find_job
 	[ -n "$job" ] || return 0
 	outcome=running
-	job_runs && return
-	if [ -e "$job/end" ]; then
-		read -r outcome detail ended <"$job/end"
-	else
+	if ! job_runs; then
 		outcome=lost detail=call
+		[ ! -e "$job/end" ] || read -r outcome detail ended <"$job/end"
 	fi
+	started=$(stored started)
+	arguments=$(stored arguments)
+	answer=$(stored answer)
+	[ -d "$job" ] || read_outcome
 }
 
-# Makes the next job's folder. Fails when somebody else was faster.
+# Makes the next job's folder, with the arguments $1. Fails when somebody else was faster.
 claim_job() {
 	umask 077
 	mkdir "$jobs" 2>/dev/null
@@ -70,6 +83,8 @@ claim_job() {
 	! job_runs || return
 	claimed=$jobs/job.$((number + 1))
 	mkdir "$claimed" 2>/dev/null || return
+	printf '%s\n' "$1" >"$claimed/arguments"
+	date +%s >"$claimed/started"
 	echo $$ >"$claimed/pid"
 	# The number may have been one that is long over and cleared away.
 	find_job
@@ -85,8 +100,6 @@ claim_job() {
 # Starts the keeper of the claimed job. Nothing of the caller's is left in its hands that
 # could end it or that it could hold up: no terminal, no pipe, no folder.
 start_job() {
-	printf '%s\n' "$1" >"$job/arguments"
-	date +%s >"$job/started"
 	object_id >"$job/object"
 	trap '' HUP INT QUIT TERM
 	(cd / && keep_job) </dev/null >/dev/null 2>&1 3>&- 4>&- 5>&- 6>&- 7>&- 8>&- 9>&- &
@@ -138,6 +151,7 @@ watch_daemon() {
 	before=$(stored object)
 	while sleep $look_every; do
 		now=$(object_id)
+		before=${before:-$now}
 		[ "$now" != "$before" ] || continue
 		# Without a bus the call has ended, or will, by itself.
 		ubus list >/dev/null 2>&1 || continue
@@ -153,9 +167,9 @@ print_job() {
 		echo '{"job":"none"}'
 		return
 	fi
-	line="{\"job\":\"$outcome\",\"started\":$(stored started),\"arguments\":$(stored arguments)"
+	line="{\"job\":\"$outcome\",\"started\":$started,\"arguments\":$arguments"
 	case $outcome in
-	answered) line="$line,\"ended\":$ended,\"result\":\"$detail\",\"answer\":$(cat "$job/answer")" ;;
+	answered) line="$line,\"ended\":$ended,\"result\":\"$detail\",\"answer\":$answer" ;;
 	refused) line="$line,\"ended\":$ended,\"status\":$detail" ;;
 	lost) line="$line${ended:+,\"ended\":$ended},\"lost\":\"$detail\"" ;;
 	esac

@@ -121,7 +121,7 @@ tell_answer() {
 	installing)
 		say "${good}Version $(field @.version) (build $(field @.buildtime)) was downloaded and is good.${normal}"
 		say "It is being installed; the router restarts in a moment and is away for some minutes."
-		say "Should it not restart within five minutes: docs say 'installer'; sysupgrade -T /tmp/fwupdate.bin tells why." ;;
+		say "Should it not restart within five minutes, 'sysupgrade -T /tmp/fwupdate.bin' says why." ;;
 	*)
 		if [ "$(field @.error_code)" = 1 ]; then
 			tell_server_error
@@ -133,7 +133,7 @@ tell_answer() {
 
 # Shows the last job's outcome and ends with its status; `read_outcome` has been called.
 tell_outcome() {
-	[ "$outcome" != answered ] || reply=$(cat "$job/answer")
+	[ "$outcome" != answered ] || reply=$answer
 	if [ -n "$json" ]; then
 		if [ "$command" = update ] && [ "$outcome" = answered ]; then
 			print_raw "$reply"
@@ -226,8 +226,9 @@ run_update() {
 		[ -n "$force" ] || [ "$(field @.need_update)" = 1 ] || exit 0
 		ask_consent
 	fi
-	claim_job || fail "$busy" "an update is running already." "'fwupdate-cli watch' follows it."
-	start_job "{${force:+\"force\":\"1\",}${partition:+\"partition\":\"$partition\",}\"timeout\":$timeout,\"attempts\":$attempts,\"delay\":$delay}"
+	claim_job "{${force:+\"force\":\"1\",}${partition:+\"partition\":\"$partition\",}\"timeout\":$timeout,\"attempts\":$attempts,\"delay\":$delay}" ||
+		fail "$busy" "an update is running already." "'fwupdate-cli watch' follows it."
+	start_job
 	if [ -n "$detach" ]; then
 		read_outcome
 		if [ -n "$json" ]; then
