@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: ISC
 // The method `check` of the whole daemon, and its event.
-#include <fcntl.h>
 #include <gmock/gmock.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "support/fixture.h"
 
@@ -256,10 +253,9 @@ TEST_F(Check, WithoutDebugLogsNothing)
 // held open by what it left in the background.
 TEST_F(Check, WaitsForASerialNumberAcrossAnInterruption)
 {
-	const std::string gate = "/tmp/gate";
-	ASSERT_EQ(mkfifo(gate.c_str(), 0600), 0);
+	const Gate gate;
 	files.install_tool("/usr/sbin/qor_factory",
-			   "(read -r serial <" + gate + "; echo \"$serial\") &\nexit 0");
+			   "(read -r serial <" + gate.path() + "; echo \"$serial\") &\nexit 0");
 	offer();
 	start_daemon();
 	PendingCall check("fwupdate", "check");
@@ -268,9 +264,7 @@ TEST_F(Check, WaitsForASerialNumberAcrossAnInterruption)
 		return children.size() == 1 && children[0].state == 'Z';
 	};
 	ASSERT_TRUE(eventually(shell_has_ended));
-	const int writer = open(gate.c_str(), O_WRONLY | O_CLOEXEC);
-	EXPECT_EQ(write(writer, "CD67890\n", 8), 8);
-	close(writer);
+	gate.open("CD67890");
 	EXPECT_EQ(text_of(check.wait().fields, "need_update"), "1");
 	EXPECT_EQ(server.requests("/update.xml").at(0).parameter("sn"), "CD67890");
 	EXPECT_FALSE(syslog.contains("cpe_sn"));

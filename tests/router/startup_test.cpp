@@ -195,12 +195,12 @@ TEST_F(Startup, ShellCommandsInheritNoDescriptor)
 {
 	files.install_tool(
 		"/usr/sbin/qor_factory",
-		"for fd in /realproc/$$/fd/*; do readlink $fd; done >/tmp/inherited; echo 1");
+		"for fd in /realproc/$$/fd/*; do readlink $fd; done >/var/inherited; echo 1");
 	offer();
 	start_daemon();
 	daemon().check();
-	const std::string inherited = read_file("/tmp/inherited");
-	EXPECT_NE(inherited.find("/tmp/inherited"), std::string::npos) << inherited;
+	const std::string inherited = read_file("/var/inherited");
+	EXPECT_NE(inherited.find("/var/inherited"), std::string::npos) << inherited;
 	EXPECT_EQ(inherited.find("socket:"), std::string::npos) << inherited;
 	EXPECT_EQ(inherited.find("eventpoll"), std::string::npos) << inherited;
 }

@@ -3,8 +3,6 @@
 // for a later `update` and for a job that runs meanwhile.
 #include "update_fixture.h"
 
-#include <sys/stat.h>
-
 using namespace router_test;
 
 namespace
@@ -109,12 +107,12 @@ TEST_F(TestMethodOnTheBus, NamesTheCodeInTheAnswerAndTheCauseInTheLog)
 TEST_F(TestMethodOnTheBus, RefusesPathsThatAreNoFiles)
 {
 	start_daemon();
-	ASSERT_EQ(mkfifo("/tmp/fifo", 0600), 0);
+	const Gate pipe;
 	EXPECT_EQ(test_file("/tmp/nowhere").fields, failed_reply("-2"));
 	EXPECT_EQ(test_file("").fields, failed_reply("-2"));
 	EXPECT_EQ(test_file("/tmp").fields, failed_reply("-4"));
 	EXPECT_EQ(test_file("/dev/null").fields, failed_reply("-4"));
-	EXPECT_EQ(test_file("/tmp/fifo").fields, failed_reply("-4"));
+	EXPECT_EQ(test_file(pipe.path()).fields, failed_reply("-4"));
 	EXPECT_EQ(test_file("/" + std::string(100000, 'x')).fields, failed_reply("-2"));
 	EXPECT_EQ(daemon().state_name(), "NONE");
 }

@@ -69,11 +69,17 @@ void RouterFixture::TearDown()
 {
 	files.restore();
 	remove_new_processes();
-	for (const std::string &name : list_folder("/tmp")) {
-		if (!is_in(files_before_, name)) {
-			std::filesystem::remove_all("/tmp/" + name);
-		}
+	for (const std::string &name : new_files()) {
+		std::filesystem::remove_all("/tmp/" + name);
 	}
+}
+
+std::vector<std::string> RouterFixture::new_files() const
+{
+	std::vector<std::string> names = list_folder("/tmp");
+	std::erase_if(names,
+		      [this](const std::string &name) { return is_in(files_before_, name); });
+	return names;
 }
 
 std::vector<ProcessEntry> RouterFixture::new_processes() const
@@ -109,7 +115,22 @@ void RouterTest::TearDown()
 		daemon_.reset();
 	}
 	bus.reset();
+	files.restore();
+	check_router();
 	RouterFixture::TearDown();
+}
+
+// The router is as it was before the test, but for what the test says that it leaves.
+void RouterTest::check_router()
+{
+	if (!may_leave_workers) {
+		EXPECT_TRUE(eventually([this] { return new_processes().empty(); }))
+			<< "left running: " << new_processes().front().name;
+	}
+	for (const std::string &name : new_files()) {
+		EXPECT_TRUE(may_leave_image && name.starts_with("fwupdate"))
+			<< "left behind: /tmp/" << name;
+	}
 }
 
 bool RouterTest::worker_is_left() const
@@ -126,6 +147,9 @@ void RouterTest::check_end()
 {
 	if (!may_crash) {
 		EXPECT_TRUE(daemon_->running()) << "the daemon ended by itself";
+		if (!may_leave_workers) {
+			expect_nothing_leaked();
+		}
 		ExitStatus end = daemon_->stop();
 		EXPECT_TRUE(end.ended) << "the daemon does not end on SIGTERM";
 		EXPECT_EQ(end.code, 0) << "signal " << end.signal << "\n"
@@ -137,19 +161,17 @@ void RouterTest::check_end()
 	// A worker outlives its last record by a moment.
 	EXPECT_TRUE(may_leave_workers || may_crash || eventually([&] { return !worker_is_left(); }))
 		<< "a worker is left";
-	for (const std::string &name : list_folder("/tmp")) {
-		EXPECT_FALSE(name.starts_with("fwupdate") && !may_leave_image)
-			<< "left behind: /tmp/" << name;
-	}
 }
 
-Daemon &RouterTest::start_daemon(const std::vector<std::string> &arguments)
+Daemon &RouterTest::start_daemon(const std::vector<std::string> &arguments,
+				 const std::vector<std::string> &settings)
 {
 	if (daemon_) {
 		daemon_.reset();
 	}
-	daemon_ = std::make_unique<Daemon>(arguments);
+	daemon_ = std::make_unique<Daemon>(arguments, settings);
 	descriptors_at_start_ = open_descriptors(daemon_->pid());
+	mapped_at_start_ = mapped_files(daemon_->pid());
 	return *daemon_;
 }
 
@@ -167,6 +189,9 @@ void RouterTest::expect_nothing_leaked() const
 	EXPECT_TRUE(eventually([&] { return children_of(pid).empty(); }))
 		<< "children, or zombies, are left";
 	EXPECT_EQ(open_descriptors(pid), descriptors_at_start_);
+	std::set<std::string> mapped = mapped_files(pid);
+	std::erase_if(mapped, [this](const auto &file) { return mapped_at_start_.contains(file); });
+	EXPECT_THAT(mapped, testing::IsEmpty()) << "mapped since the start";
 }
 
 void RouterTest::offer(Manifest manifest)

@@ -7,11 +7,13 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "support/bus_services.h"
 #include "support/daemon.h"
+#include "support/gate.h"
 #include "support/http_server.h"
 #include "support/images.h"
 #include "support/manifest.h"
@@ -28,8 +30,9 @@ protected:
 	void SetUp() override;
 	void TearDown() override;
 
-	// Processes of this router that were not there when the test began.
+	// Processes of this router, and names in /tmp, that were not there when the test began.
 	std::vector<ProcessEntry> new_processes() const;
+	std::vector<std::string> new_files() const;
 
 	RouterFiles files;
 
@@ -44,12 +47,15 @@ class RouterTest : public RouterFixture
 {
 protected:
 	void SetUp() override;
-	// Fails the test when the daemon died, does not end in order by SIGTERM, or leaves
-	// processes or files of its own in /tmp; see the three expectations below.
+	// Fails the test when the daemon died, does not end in order by SIGTERM, holds more
+	// descriptors, children or mapped files than after its start, or when something is left in
+	// /tmp or running; see what a test may leave, below.
 	void TearDown() override;
 
 	// Starts the daemon (with --debug unless told otherwise); again after it has ended.
-	Daemon &start_daemon(const std::vector<std::string> &arguments = {"--debug"});
+	// `settings` go to its environment.
+	Daemon &start_daemon(const std::vector<std::string> &arguments = {"--debug"},
+			     const std::vector<std::string> &settings = {});
 	// Throws std::logic_error when it was not started, or its start failed.
 	Daemon &daemon();
 	// Serves the manifest at /update.xml, its url pointing to /firmware.bin unless it names
@@ -61,13 +67,13 @@ protected:
 	std::string good_image(std::size_t payload_size = 4096) const;
 
 	// To be called while the daemon idles: no children, no zombies, and the same descriptors
-	// open as after its start.
+	// and mapped files as after its start.
 	void expect_nothing_leaked() const;
 
 	// What a test may leave behind on purpose. Set before the end of the test.
-	bool may_leave_image = false;	// /tmp/fwupdate.bin or .zip (a successful update)
+	bool may_leave_image = false;	// /tmp/fwupdate* (a successful update)
 	bool may_leave_workers = false; // a worker that was given up and still waits for its server
-	bool may_crash = false;		// the test kills the daemon itself
+	bool may_crash = false;		// the test ends the daemon itself
 
 	SyslogCatcher syslog;
 	std::unique_ptr<BusServices> bus;
@@ -75,10 +81,12 @@ protected:
 
 private:
 	void check_end();
+	void check_router();
 	bool worker_is_left() const;
 
 	std::unique_ptr<Daemon> daemon_;
 	std::map<int, std::string> descriptors_at_start_;
+	std::set<std::string> mapped_at_start_;
 };
 
 // The model (product name, upper case) and build date of the simulated router, read from

@@ -48,6 +48,20 @@ HttpAnswer HttpAnswer::hold() const
 	return copy;
 }
 
+HttpAnswer HttpAnswer::hold_all() const
+{
+	HttpAnswer changed = hold();
+	changed.held_head = true;
+	return changed;
+}
+
+HttpAnswer HttpAnswer::every(std::chrono::milliseconds gap) const
+{
+	HttpAnswer changed = *this;
+	changed.pause = gap;
+	return changed;
+}
+
 HttpAnswer HttpAnswer::keep_open() const
 {
 	HttpAnswer copy = *this;

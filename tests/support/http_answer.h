@@ -3,6 +3,7 @@
 // functions below, hand it to HttpServer::on.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -28,8 +29,10 @@ struct HttpAnswer {
 	bool silent = false; // reads the request and never answers; holds the connection open, or
 			     // resets it when `reset_after` is set
 	bool held = false;   // the head goes out at once, each piece waits for one release()
-	bool unfinished = false; // after the last piece the connection stays open
-	std::string raw = {};	 // sent as it stands instead of all of the above, then closed
+	bool held_head = false;		      // the head, too, waits for one release()
+	std::chrono::milliseconds pause = {}; // between two pieces: a slow line
+	bool unfinished = false;	      // after the last piece the connection stays open
+	std::string raw = {}; // sent as it stands instead of all of the above, then closed
 
 	// Each returns a changed copy, so that they can be chained.
 	HttpAnswer header(std::string line) const;
@@ -38,6 +41,8 @@ struct HttpAnswer {
 	HttpAnswer without_length() const;
 	HttpAnswer reset_after_bytes(std::size_t count) const;
 	HttpAnswer hold() const;
+	HttpAnswer hold_all() const;
+	HttpAnswer every(std::chrono::milliseconds gap) const;
 	HttpAnswer keep_open() const;
 	// The body cut at these offsets (ascending, inside the body).
 	HttpAnswer cut_at(const std::vector<std::size_t> &offsets) const;

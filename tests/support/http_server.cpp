@@ -107,6 +107,7 @@ struct HttpServer::State {
 	HttpAnswer answer_to(const HttpRequest &request);
 	void give(Connection &connection, const std::string &path, const HttpAnswer &answer);
 	bool wait_for_release();
+	bool wait_for_next(const HttpAnswer &answer);
 	bool send_piece(Connection &connection, const std::string &path, std::string_view bytes);
 	template<typename Condition> bool wait_until(Condition condition, milliseconds limit)
 	{
@@ -174,6 +175,15 @@ bool HttpServer::State::wait_for_release()
 	return true;
 }
 
+// False when the next piece is not to be sent any more.
+bool HttpServer::State::wait_for_next(const HttpAnswer &answer)
+{
+	if (answer.pause.count() > 0 && wait_until([this] { return stopping; }, answer.pause)) {
+		return false;
+	}
+	return !answer.held || wait_for_release();
+}
+
 bool HttpServer::State::send_piece(Connection &connection, const std::string &path,
 				   std::string_view bytes)
 {
@@ -197,6 +207,9 @@ void HttpServer::State::give(Connection &connection, const std::string &path,
 		connection.wait_until_closed();
 		return;
 	}
+	if (answer.held_head && !wait_for_release()) {
+		return;
+	}
 	bool is_raw = !answer.raw.empty();
 	std::string unsent = is_raw ? answer.raw : head_of(answer);
 	std::size_t allowed = answer.reset_after.value_or(SIZE_MAX);
@@ -210,7 +223,7 @@ void HttpServer::State::give(Connection &connection, const std::string &path,
 	}
 	for (const std::string &piece :
 	     is_raw || answer.pieces.empty() ? std::vector<std::string>() : wire_pieces(answer)) {
-		if (!open || allowed == 0 || (answer.held && !wait_for_release())) {
+		if (!open || allowed == 0 || !wait_for_next(answer)) {
 			break;
 		}
 		std::string_view part = std::string_view(piece).substr(0, allowed);

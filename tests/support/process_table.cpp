@@ -109,6 +109,29 @@ std::map<int, std::string> open_descriptors(pid_t pid)
 	return descriptors;
 }
 
+std::set<std::string> mapped_files(pid_t pid)
+{
+	std::set<std::string> mapped;
+	std::istringstream maps(read_text(proc() / std::to_string(pid) / "maps"));
+	std::string line;
+	while (std::getline(maps, line)) {
+		std::istringstream words(line);
+		std::string range;
+		std::string mode;
+		std::string offset;
+		std::string device;
+		std::string inode;
+		std::string path;
+		words >> range >> mode >> offset >> device >> inode;
+		std::getline(words >> std::ws, path);
+		path = path.substr(0, path.find(" (deleted)"));
+		if (path.starts_with("/")) {
+			mapped.insert(path + " " + mode + " " + offset);
+		}
+	}
+	return mapped;
+}
+
 long resident_kib(pid_t pid)
 {
 	std::istringstream status(read_text(proc() / std::to_string(pid) / "status"));

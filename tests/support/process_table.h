@@ -5,6 +5,7 @@
 #pragma once
 
 #include <map>
+#include <set>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -26,6 +27,9 @@ bool is_alive(pid_t pid); // listed and no zombie
 
 // Descriptor number -> what it refers to ("/tmp/file", "socket:[123]", "pipe:[77]").
 std::map<int, std::string> open_descriptors(pid_t pid);
+// The files that a process has in its address space ("/lib/libc.so r-xp 26000"), its programs and
+// libraries included. Heap, stack and other memory without a file come and go with the allocator.
+std::set<std::string> mapped_files(pid_t pid);
 // Resident memory in KiB, 0 for a process that is gone.
 long resident_kib(pid_t pid);
 // The words a process was started with, as the kernel holds them.
