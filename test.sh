@@ -196,6 +196,12 @@ finish() {
 	exit
 }
 
+check_documents() {
+	tests/check_behaviours docs/behaviours.md build/release &&
+		tests/check_behaviours docs/reliability.md build/release &&
+		tests/check_reliability docs/reliability.md build/release
+}
+
 mkdir -p build
 parts=()
 [ "$mode" != web ] || parts=(--web)
@@ -208,7 +214,7 @@ full)
 	build_and_test asan
 	[ ! -f build/asan/compile_commands.json ] || step "clang-tidy" check_tidy 'src|testbed'
 	if [ -z "$filter" ]; then
-		step "documents" tests/check_behaviours docs/behaviours.md build/release
+		step "documents" check_documents
 	fi
 	;;
 static)

@@ -99,53 +99,6 @@ TEST_F(UpdateDownload, ShowsBytesToComeAndBytesSoFar)
 	expect_installed();
 }
 
-TEST_F(UpdateDownload, FollowsARedirect)
-{
-	server.on("/elsewhere.bin", answer(good_image()));
-	offer(redirect("/elsewhere.bin"));
-	start_daemon();
-	expect_outcome(daemon().update(), {});
-	expect_installed();
-}
-
-TEST_F(UpdateDownload, FailsWithoutTheDaemonsOwnWordsWhenTheWorkerReportsAFailure)
-{
-	struct {
-		const char *name;
-		HttpAnswer answer;
-		const char *log;
-	} const cases[] = {
-		{"missing", answer(404, "not here"), "HTTP response code said error"},
-		{"missing, without a page", answer(404, ""), "HTTP response code said error"},
-		{"forbidden", answer(403, "no"), "HTTP response code said error"},
-		{"server error", answer(500, "sorry"), "HTTP response code said error"},
-		{"empty", answer(""), "empty file"},
-		{"empty, in chunks", answer("").in_chunks(), "empty file"},
-		{"cut off", answer("half of it").announce(20), "Transferred a partial file"},
-		{"cut off in a chunk",
-		 raw_answer("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n64\r\nhalf"),
-		 "Transferred a partial file"},
-		{"reset", answer(std::string(5000, 'r')).reset_after_bytes(1000),
-		 "Failure when receiving data from the peer"},
-		{"reset at once", reset_at_once(), "Failure when receiving data from the peer"},
-		{"no HTTP", raw_answer(std::string("\x01\x02\x03\x04 nonsense\r\n\r\n")),
-		 "Unsupported protocol"},
-	};
-	start_daemon();
-	for (const auto &row : cases) {
-		SCOPED_TRACE(row.name);
-		syslog.clear();
-		offer(row.answer);
-		expect_outcome(daemon().update(), {.code = 2, .text = download_failed});
-		const std::string expected =
-			std::string("<Unable to download firmware: ") + row.log + "\n>";
-		EXPECT_EQ(logged(syslog), expected);
-		EXPECT_EQ(daemon().state().fields, plain_state("NONE"));
-		expect_not_installed();
-	}
-	expect_nothing_leaked();
-}
-
 TEST_F(UpdateDownload, FailsForAnAddressThatCannotBeUsed)
 {
 	struct {
@@ -167,21 +120,6 @@ TEST_F(UpdateDownload, FailsForAnAddressThatCannotBeUsed)
 		offer(manifest);
 		expect_outcome(daemon().update(), {.code = 2, .text = download_failed});
 		EXPECT_EQ(syslog.count(row.log), 1u);
-		expect_not_installed();
-	}
-}
-
-// The file arrives, and nothing tells that it is whole.
-TEST_F(UpdateDownload, IsNeverWholeWhenTheSizeIsNotAnnounced)
-{
-	start_daemon();
-	for (const HttpAnswer &framed :
-	     {answer(good_image()).without_length(), answer(good_image()).in_chunks(),
-	      answer(good_image()).in_pieces(3).in_chunks()}) {
-		syslog.clear();
-		offer(framed);
-		expect_outcome(daemon().update(), {.code = 2, .text = download_failed});
-		EXPECT_EQ(logged(syslog), "");
 		expect_not_installed();
 	}
 }
