@@ -5,7 +5,6 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -85,7 +84,7 @@ private:
 	bool worker_is_left() const;
 
 	std::unique_ptr<Daemon> daemon_;
-	std::map<int, std::string> descriptors_at_start_;
+	std::multiset<std::string> descriptors_at_start_;
 	std::set<std::string> mapped_at_start_;
 };
 
