@@ -7,10 +7,13 @@ set -u
 usage() {
 	cat <<'TEXT'
 Usage: ./demo.sh [--shell | --fail]
+       ./demo.sh --vm [--fail]
 
 Without an option: checks for firmware, downloads it, verifies it and installs it.
   --shell   leave me on that router, with a shell
   --fail    a damaged firmware: tried twice, refused, nothing installed
+  --vm      on the virtual router instead, a 32-bit ARM machine with real flash, which
+            restarts into the new firmware; with --fail it keeps the old one
   --help    show this
 The exit status is 0 only if every step went as it should.
 TEXT
@@ -32,6 +35,8 @@ case $#:${1-} in
 0:) ;;
 1:--shell) mode=shell ;;
 1:--fail) mode=fail ;;
+1:--vm) mode=vm ;;
+2:--vm) [ "$2" = --fail ] || misuse "unknown argument '$2'." && mode=vm-fail ;;
 1:--help) usage && exit 0 ;;
 *) misuse "unknown arguments '$*'." ;;
 esac
@@ -82,6 +87,15 @@ make_manifest() {
 TEXT
 }
 
+case $mode in
+vm*)
+	./setup.sh --vm || exit 1
+	echo "Building the daemon and the virtual router ..."
+	testbed/machine/build || exit 1
+	[ "$mode" != vm ] || exec testbed/machine/demo update
+	exec testbed/machine/demo refusal
+	;;
+esac
 ./setup.sh || exit 1
 if ! mkdir -p "$server" || [ ! -w "$work" ]; then
 	fail "the folder $work cannot be written."

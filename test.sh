@@ -18,10 +18,11 @@ Usage: ./test.sh [OPTION...]
                       to build/coverage/report
   --web               the update page in a real browser instead; with --pictures
                       the screenshots in docs/pictures are taken anew
+  --vm                updates on the virtual router instead, power cuts included
   --mutants N         N small changes to src/ instead, which the tests must notice
   --seed S            which changes (default 1)
   --filter PATTERN    only the tests that match, as --gtest_filter takes it
-                      (with --web as pytest's -k takes it)
+                      (with --web and --vm as pytest's -k takes it)
   --help              show this
 
 The last line is "N passed, N failed"; the exit status is 0 only when nothing
@@ -49,6 +50,7 @@ while [ $# -gt 0 ]; do
 	--static) mode=static ;;
 	--coverage) mode=coverage ;;
 	--web) mode=web ;;
+	--vm) mode=vm ;;
 	--pictures) export FWUPDATE_PICTURES=1 ;;
 	--mutants) mode=mutants mutants=$2 && shift ;;
 	--seed) seed=$2 && shift ;;
@@ -170,14 +172,16 @@ report_coverage() {
 		cat "$report/lines.txt"
 }
 
-# The page in a browser. A skipped test is no passed one: on an automatic run, where all
-# that the tests need is there, it counts as failed.
-test_web() {
-	local status=0
-	rm -rf build/web/reports
-	FWUPDATE_BUILD=build/release /usr/bin/python3 -B -m pytest -q -rs -p no:cacheprovider \
-		-k "${filter:-test}" --junitxml=build/web/reports/web.xml tests/web || status=$?
-	count_results build/web "$status"
+# Runs the Python tests of one further part of the project: the page in a browser, the
+# virtual router. A skipped test is no passed one: on an automatic run, where all that the
+# tests need is there, it counts as failed.
+# test_part PART [OPTION...]
+test_part() {
+	local part=$1 status=0
+	rm -rf "build/$part/reports"
+	FWUPDATE_BUILD=build/release /usr/bin/python3 -B -m pytest -q -rs -p no:cacheprovider "${@:2}" \
+		-k "${filter:-test}" --junitxml="build/$part/reports/$part.xml" "tests/$part" || status=$?
+	count_results "build/$part" "$status"
 	return "$status"
 }
 
@@ -204,7 +208,7 @@ check_documents() {
 
 mkdir -p build
 parts=()
-[ "$mode" != web ] || parts=(--web)
+case $mode in web | vm) parts=("--$mode") ;; esac
 step packages ./setup.sh "${parts[@]}" || finish
 case $mode in
 full)
@@ -227,7 +231,12 @@ quick)
 	;;
 web)
 	step "build: release" build_preset release fwupdate ubusd ubus jsonfilter fwtool routerd &&
-		step "test: web" test_web
+		step "test: web" test_part web
+	;;
+vm)
+	step "build: virtual router" testbed/machine/build &&
+		step "test: vm" test_part vm -n "$jobs" --basetemp=build/vm/tests --durations=0 --durations-min=1 &&
+		[ -z "$filter" ] && step "documents" tests/check_behaviours docs/virtual-router.md build/vm
 	;;
 coverage)
 	build_and_test coverage

@@ -1,0 +1,82 @@
+# SPDX-License-Identifier: ISC
+"""The router's flash file, looked at and written from outside."""
+import pathlib
+import shutil
+import struct
+import subprocess
+import time
+import zlib
+
+ENVIRONMENT = 0x80000
+ENVIRONMENT_SIZE = 0x10000
+PARTITIONS = {"firmware": 0x90000, "firmware2": 0x1890000}
+PARTITION_SIZE = 0x1800000
+HEADER = ">7I4B32s"  # of a U-Boot image; the second word is its own checksum
+
+
+def content(flash, partition, size=PARTITION_SIZE):
+    with open(flash, "rb") as file:
+        file.seek(PARTITIONS[partition])
+        return file.read(size)
+
+
+def environment_part(flash):
+    with open(flash, "rb") as file:
+        file.seek(ENVIRONMENT)
+        return file.read(ENVIRONMENT_SIZE)
+
+
+def read_environment(part, folder):
+    """The variables, as the real tool finds them in the two copies; None when it finds none."""
+    (folder / "part").write_bytes(part)
+    (folder / "fw_env.config").write_text(
+        f"{folder}/part 0x0000 0x4000\n{folder}/part 0x8000 0x4000\n", encoding="utf-8")
+    tool = subprocess.run(["fw_printenv", "-c", folder / "fw_env.config"], capture_output=True, text=True, check=False)
+    if tool.returncode != 0:
+        return None
+    return dict(line.split("=", 1) for line in tool.stdout.splitlines())
+
+
+def wait_until(condition, what, timeout=400):
+    end = time.monotonic() + timeout
+    while not condition():
+        assert time.monotonic() < end, f"{timeout} s are over: {what}"
+        time.sleep(0.001)
+
+
+def enlarge(image, size, target):
+    """The same firmware with so much behind its file system that it has `size` bytes."""
+    data = bytearray(pathlib.Path(image).read_bytes())
+    data += bytes(range(256)) * ((size - len(data)) // 256 + 1)
+    data = data[:size]
+    fields = list(struct.unpack(HEADER, data[:64]))
+    fields[1], fields[3], fields[6] = 0, size - 64, zlib.crc32(data[64:])
+    fields[1] = zlib.crc32(struct.pack(HEADER, *fields))
+    data[:64] = struct.pack(HEADER, *fields)
+    target.write_bytes(data)
+    return target
+
+
+def damage(image, target):
+    """The same firmware with one bit of its data changed."""
+    shutil.copyfile(image, target)
+    with open(target, "r+b") as file:
+        file.seek(6_000_000)
+        byte = file.read(1)[0]
+        file.seek(6_000_000)
+        file.write(bytes([byte ^ 1]))
+    return target
+
+
+def logged_writes(log):
+    """(offset, data) of each write that the emulator's write log holds, in order. The
+    log: a sector about itself, then for each write a sector of numbers and its data."""
+    sector = 512
+    with open(log, "rb") as file:
+        magic, _, _, size = struct.unpack("<QQQI", file.read(sector)[:28])
+        assert (magic, size) == (0x6A736677736872, sector)
+        while len(head := file.read(sector)) == sector:
+            place, count, flags, _ = struct.unpack("<4Q", head[:32])
+            data = file.read(count * sector)
+            if count and not flags:
+                yield place * sector, data
