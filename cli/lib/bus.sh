@@ -22,15 +22,14 @@ ask() {
 	7) fail "$failed" "the daemon did not answer '$1' within $3 seconds." \
 		"It may be busy with an image or the network. Try again; if that lasts: /etc/init.d/fwupdate restart" ;;
 	255) fail "$absent" "the bus is not there." "Is ubusd running?" ;;
-	10) fail "$absent" "the bus went away during '$1'." \
-		"The daemon has to be restarted after the bus: /etc/init.d/fwupdate restart" ;;
+	10) fail "$absent" "the bus went away during '$1'." "Try again in a moment." ;;
 	*) fail "$failed" "the daemon refused '$1'." ;;
 	esac
 }
 
 no_daemon() {
 	fail "$absent" "the daemon is not on the bus." \
-		"Start it: /etc/init.d/fwupdate start. After a restart of ubusd: /etc/init.d/fwupdate restart"
+		"It comes by itself within seconds after a crash; otherwise: /etc/init.d/fwupdate restart"
 }
 
 # raw_field EXPRESSION [JSON]: as the daemon sent it, control characters and all.

@@ -97,21 +97,36 @@ follow_other() {
 	say "The download has ended."
 }
 
+# After a restart the daemon is back on the bus within seconds. Leaves its state in
+# `reply`; `result` does not wait.
+find_daemon() {
+	patience=$a_moment
+	until call state '{}' "$state_limit"; do
+		[ "$command" != result ] && [ "$patience" -gt 0 ] || return 1
+		patience=$((patience - 1))
+		sleep 1
+	done
+}
+
+# Says that the answer is lost, and what the daemon's state tells instead.
 tell_lost() {
 	case $1 in
 	bus) say "${bad}The bus was restarted during the update: the answer is lost.${normal}" ;;
 	daemon) say "${bad}The daemon ended or was restarted during the update: there is no answer.${normal}" ;;
 	*) say "${bad}The call to the daemon was ended during the update: the answer is lost.${normal}" ;;
 	esac
-	if ! call state '{}' "$state_limit"; then
-		say "The daemon is not on the bus. It may still finish, and install, without the bus."
-		say "If the router does not restart within the next minutes: /etc/init.d/fwupdate restart"
+	if find_daemon && [ "$(field @.state)" = FIRMWARE_CONNECT ] && [ "$command" != result ]; then
+		follow_other
+		find_daemon
+	fi
+	if [ -z "$reply" ]; then
+		say "The daemon is not on the bus. If that lasts: /etc/init.d/fwupdate restart"
 		return
 	fi
 	case $(field @.state) in
 	FIRMWARE_CONNECT) say "The daemon is still downloading: 'fwupdate-cli watch' follows it." ;;
-	WAIT_DELAY) say "The daemon says that the image was good; the router should restart soon." ;;
-	*) say "The daemon says that it is doing nothing ($(field @.state)); start the update again." ;;
+	WAIT_DELAY) say "The daemon says that the image is good: it is being installed, and the router restarts soon." ;;
+	*) say "The daemon says that it is doing nothing ($(field @.state)): start the update again." ;;
 	esac
 }
 
@@ -191,9 +206,10 @@ run_watch() {
 	if [ "$outcome" = running ]; then
 		follow_job
 		read_outcome
-	elif [ -z "$json" ] && call state '{}' "$state_limit" && [ "$(field @.state)" = FIRMWARE_CONNECT ]; then
+	elif [ -z "$json" ] && [ "$outcome" != lost ] && call state '{}' "$state_limit" &&
+		[ "$(field @.state)" = FIRMWARE_CONNECT ]; then
 		follow_other
-		[ "$outcome" = lost ] || exit 0
+		exit 0
 	fi
 	tell_outcome
 }
