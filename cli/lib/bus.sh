@@ -71,14 +71,16 @@ refuse_while_busy() {
 	fi
 	ask state '{}' "$state_limit"
 	[ "$(field @.state)" != FIRMWARE_CONNECT ] ||
-		fail "$busy" "the daemon is downloading for somebody else." "'fwupdate-cli watch' follows it."
+		fail "$busy" "the daemon is downloading for somebody else." \
+			"'fwupdate-cli watch' follows it. If nothing moves there: /etc/init.d/fwupdate restart"
 }
 
-# The daemon's text, and what to do about it: the reason behind the text counts first.
+# tell_error TEXT REASON: the daemon's text, the last line of its log if it has one, and
+# what to do about it.
 tell_error() {
-	say "${bad}$1${normal}" >&2
-	hint=$(hint_for "${1#*avialability: }")
-	hint=${hint:-$(hint_for "$1")}
+	say "${bad}$1${2:+: $2}${normal}" >&2
+	hint=$(hint_for "${2:-$1}")
+	[ -n "$hint" ] || hint=$(hint_for "$1")
 	[ -z "$hint" ] || printf '%s\n' "$hint" >&2
 }
 
@@ -99,21 +101,13 @@ tell_offer() {
 	[ -z "$notes" ] || printf '\n%s\n\n' "$notes"
 }
 
-# The answer names no reason; a daemon that logs has it in its state.
-tell_server_error() {
-	text=$(field @.error_message)
-	if call state '{}' "$state_limit"; then
-		reason=$(field @.message)
-		[ -z "$reason" ] || text="$text: $reason"
-	fi
-	tell_error "$text"
-}
-
 # The answer to `check` is in `reply` afterwards; ends the command when it failed.
 ask_server() {
 	ask check '{}' "$check_limit"
 	[ "$(field @.error_code)" = 0 ] && return
-	tell_server_error
+	text=$(field @.error_message)
+	call state '{}' "$state_limit"
+	tell_error "$text" "$(field @.message)"
 	exit "$failed"
 }
 
@@ -143,7 +137,7 @@ run_test() {
 	elif [ "$code" = 0 ]; then
 		say "${good}'$file' may be installed on this router.${normal}"
 	else
-		tell_error "$(check_text "$code") [$code]"
+		tell_error "$(check_text "$code") [$code]" ""
 	fi
 	[ "$code" = 0 ] || exit "$failed"
 }

@@ -6,6 +6,7 @@
 jobs=/tmp/fwupdate-cli
 longest_call=2147483 # seconds; the most that the ubus command can count
 a_moment=10	     # seconds, for a slow router
+kept="arguments started object pid call answer.part error reason gone end.part"
 look_every=5	     # seconds between two looks whether the daemon is still the same
 
 # Somebody else's folder, or a link to one, is not trusted with anything.
@@ -75,17 +76,38 @@ read_outcome() {
 	[ -d "$job" ] || read_outcome
 }
 
-# Makes the next job's folder, with the arguments $1. Fails when somebody else was faster.
+# keep NAME TEXT: writes a file of the job. What is there is written over, not cut: the
+# firmware may have filled /tmp, and the file's room is taken already.
+keep() {
+	printf '%s\n' "$2" 1<>"$job/$1"
+}
+
+take_room() {
+	for name in $kept; do
+		echo >"$job/$name" || return
+	done
+}
+
+# Makes the folder of a job, with room for all that will be kept. The number of a process
+# comes last: from then on the job runs.
+make_job() {
+	job=$1
+	mkdir "$job" 2>/dev/null || return
+	if take_room 2>/dev/null && keep arguments "$2" && keep started "$(date +%s)" && keep pid $$; then
+		return
+	fi
+	rm -rf "$job"
+	fail "$failed" "'$job' cannot be written." "Is /tmp full?"
+}
+
+# Makes the next job, with the arguments $1. Fails when somebody else was faster.
 claim_job() {
 	umask 077
 	mkdir "$jobs" 2>/dev/null
 	find_job
 	! job_runs || return
 	claimed=$jobs/job.$((number + 1))
-	mkdir "$claimed" 2>/dev/null || return
-	printf '%s\n' "$1" >"$claimed/arguments"
-	date +%s >"$claimed/started"
-	echo $$ >"$claimed/pid"
+	make_job "$claimed" "$1" || return
 	# The number may have been one that is long over and cleared away.
 	find_job
 	if [ "$job" != "$claimed" ]; then
@@ -98,21 +120,19 @@ claim_job() {
 }
 
 # Starts the keeper of the claimed job. Nothing of the caller's is left in its hands that
-# could end it or that it could hold up: no terminal, no pipe, no folder.
+# could end it or that it could hold up: no signal, no terminal, no pipe, no folder.
 start_job() {
-	object_id >"$job/object"
-	trap '' HUP INT QUIT TERM
+	keep object "$(object_id)"
 	(cd / && keep_job) </dev/null >/dev/null 2>&1 3>&- 4>&- 5>&- 6>&- 7>&- 8>&- 9>&- &
-	echo $! >"$job/pid"
-	trap - HUP INT QUIT TERM
+	keep pid $!
 }
 
 # Makes the call and writes down what came of it.
 keep_job() {
 	ubus -S -t $longest_call call fwupdate update "$(stored arguments)" \
-		>"$job/answer.part" 2>"$job/error" &
+		1<>"$job/answer.part" 2<>"$job/error" &
 	caller=$!
-	echo $caller >"$job/call"
+	keep call $caller
 	watch_daemon $caller &
 	watcher=$!
 	wait $caller
@@ -120,25 +140,30 @@ keep_job() {
 	kill -KILL $watcher 2>/dev/null
 	end="refused $ubus_status"
 	case $ubus_status in
-	0) end="lost daemon"
-		[ ! -s "$job/answer.part" ] || keep_answer ;;
+	0) keep_answer ;;
 	10 | 255) end="lost bus" ;;
 	5 | 7) end="lost daemon" ;;
 	137) end="lost call"
-		[ ! -e "$job/gone" ] || end="lost daemon" ;;
+		[ -z "$(stored gone)" ] || end="lost daemon" ;;
 	esac
-	echo "$end $(date +%s)" >"$job/end.part" && mv "$job/end.part" "$job/end"
+	keep end.part "$end $(date +%s)" && mv "$job/end.part" "$job/end"
 }
 
 # An answer of 0 is also given when there was nothing to do; the image it left tells. One
-# of an earlier update is at least two seconds older than this one's start.
+# of an earlier update is at least two seconds older than this one's start. An answer of 1
+# names no reason; a daemon that logs has it in its state.
 keep_answer() {
-	case $(raw_field @.error_code "$(cat "$job/answer.part")") in
+	reply=$(stored answer.part)
+	case $(raw_field @.error_code) in
+	'') end="lost daemon"
+		return ;;
 	0) end="answered nothing"
 		# shellcheck disable=SC3013 # BusyBox has -ot
 		if [ -e /tmp/fwupdate.bin ] && ! [ /tmp/fwupdate.bin -ot "$job/started" ]; then
 			end="answered installing"
 		fi ;;
+	1) end="answered failed"
+		call state '{}' "$state_limit" && keep reason "$(field @.message)" ;;
 	6) end="answered busy" ;;
 	*) end="answered failed" ;;
 	esac
@@ -155,7 +180,7 @@ watch_daemon() {
 		[ "$now" != "$before" ] || continue
 		# Without a bus the call has ended, or will, by itself.
 		ubus list >/dev/null 2>&1 || continue
-		: >"$job/gone"
+		keep gone yes
 		kill -KILL "$1"
 		return
 	done

@@ -89,9 +89,13 @@ in_words() {
 	fi
 }
 
-# clock SECONDS: "1:05".
+# clock SECONDS: "1:05", "2 h 20 min".
 clock() {
-	printf '%d:%02d\n' $(($1 / 60)) $(($1 % 60))
+	if [ "$1" -ge 3600 ]; then
+		echo "$(($1 / 3600)) h $(($1 / 60 % 60)) min"
+	else
+		printf '%d:%02d\n' $(($1 / 60)) $(($1 % 60))
+	fi
 }
 
 # A line that stays, in place of one that is drawn again and again.
@@ -114,7 +118,7 @@ clear_line() {
 	drawn=
 }
 
-# draw_progress NOW TOTAL RATE: the bar gets what room the figures leave; on a narrow
+# draw_progress NOW TOTAL RATE: the bar gets what room the figures leave. On a narrow
 # terminal figures give way first, the last ones before the percentage.
 draw_progress() {
 	find_width
@@ -127,7 +131,9 @@ draw_progress() {
 	[ "$percent" -le 100 ] || percent=100
 	tail=$(printf '%3d %%' "$percent")
 	amount=$(in_words "$1")
-	amount="  ${amount% *} of $(in_words "$2")"
+	whole=$(in_words "$2")
+	[ "${amount##* }" != "${whole##* }" ] || amount=${amount% *}
+	amount="  $amount of $whole"
 	[ $((width - ${#tail} - ${#amount})) -lt 16 ] || tail=$tail$amount
 	if [ "$3" -gt 0 ]; then
 		speed="  $(in_words "$3")/s  $(clock $((($2 - $1) / $3))) left"

@@ -135,3 +135,25 @@ def test_the_next_update_replaces_the_answer(router):
     assert second["arguments"]["force"] == "1"
     assert second["started"] >= first["ended"]
     assert router.run("ls /tmp/fwupdate-cli").output == "job.2\n"
+
+
+def fill_tmp(router):
+    router.run("dd if=/dev/zero of=/tmp/filler bs=4096 2>/dev/null")
+
+
+def test_an_answer_is_kept_although_tmp_is_full(router):
+    router.run("fwupdate-cli update --detach --yes --attempts 1")
+    downloading(router)
+    fill_tmp(router)
+    router.run("fwupdate-cli watch")
+    job = result(router)
+    assert (job["job"], job["result"], job["answer"]["error_code"]) == ("answered", "failed", "2")
+
+
+def test_with_tmp_full_nothing_is_started_and_it_says_why(router):
+    fill_tmp(router)
+    refused = router.run("fwupdate-cli update --yes --detach")
+    assert refused.status == 1
+    assert "cannot be written" in refused.output and "Is /tmp full?" in refused.output
+    router.run("rm /tmp/filler")
+    assert router.run("fwupdate-cli update --yes").status == 0

@@ -20,6 +20,7 @@ INSTALLED = {
     "usr/share/fwupdate-cli/hints.sh": 0o644,
     "usr/share/fwupdate-cli/job.sh": 0o644,
     "usr/share/fwupdate-cli/screen.sh": 0o644,
+    "usr/share/fwupdate-cli/update.sh": 0o644,
     "usr/share/fwupdate-cli/watch.sh": 0o644,
     "usr/share/rpcd/acl.d/fwupdate.json": 0o644,
 }

@@ -27,7 +27,6 @@ BUILD = pathlib.Path(os.environ.get("FWUPDATE_BUILD", PROJECT / "build/release")
 WAIT = int(os.environ.get("FWUPDATE_TEST_WAIT_MS", "10000")) / 1000 * 3
 
 Agent.register("Program")
-Agent.register("end")
 
 
 @dataclasses.dataclass
@@ -94,7 +93,7 @@ class Router:
         self._process = subprocess.Popen(
             [PROJECT / "testbed/router", *self._options, "--bind", self.folder, "--",
              "/host/usr/bin/python3", "-B", PROJECT / "tests/support/router_agent.py", socket],
-            stdin=subprocess.DEVNULL)
+            stdin=subprocess.PIPE)
         self._agent = Agent(address=socket, authkey=b"router")
         wait_until(self._is_there, "the router did not start")
         return self
@@ -108,7 +107,7 @@ class Router:
         return True
 
     def __exit__(self, kind, *_):
-        self._agent.end()
+        self._process.stdin.close()
         status = self._process.wait(WAIT)
         self._home.cleanup()
         # testbed/router says what became of the daemon.

@@ -1,0 +1,134 @@
+# SPDX-License-Identifier: ISC
+# shellcheck shell=sh disable=SC2034,SC2154 # its variables are those of the whole command
+# Updating, and what came of it. Part of fwupdate-cli.
+
+# After a restart the daemon is back on the bus within seconds. Leaves its state in
+# `reply`; `result` does not wait.
+find_daemon() {
+	patience=$a_moment
+	until call state '{}' "$state_limit"; do
+		[ "$command" != result ] && [ "$patience" -gt 0 ] || return 1
+		patience=$((patience - 1))
+		sleep 1
+	done
+}
+
+# Says that the answer is lost, and what the daemon's state tells instead.
+tell_lost() {
+	case $1 in
+	bus) say "${bad}The bus was restarted during the update: the answer is lost.${normal}" ;;
+	daemon) say "${bad}The daemon ended or was restarted during the update: there is no answer.${normal}" ;;
+	*) say "${bad}The call to the daemon was ended during the update: the answer is lost.${normal}" ;;
+	esac
+	if find_daemon && [ "$(field @.state)" = FIRMWARE_CONNECT ] && [ "$command" != result ]; then
+		follow_other
+		find_daemon
+	fi
+	if [ -z "$reply" ]; then
+		say "The daemon is not on the bus. If that lasts: /etc/init.d/fwupdate restart"
+		return
+	fi
+	case $(field @.state) in
+	FIRMWARE_CONNECT) say "The daemon is still downloading: 'fwupdate-cli watch' follows it." ;;
+	WAIT_DELAY) say "The daemon says that the image is good: it is being installed, and the router restarts soon." ;;
+	*) say "The daemon says that it is doing nothing ($(field @.state)): start the update again." ;;
+	esac
+}
+
+tell_answer() {
+	case $1 in
+	nothing) say "The server has nothing newer for this router: nothing to do. 'update --force' installs it all the same." ;;
+	installing)
+		say "${good}Version $(field @.version) (build $(field @.buildtime)) was downloaded and is good.${normal}"
+		say "It is being installed; the router restarts in a moment and is away for some minutes."
+		say "Should it not restart within five minutes, 'sysupgrade -T /tmp/fwupdate.bin' says why." ;;
+	*) tell_error "$(field @.error_message)" "$(plain_line "$(stored reason)")" ;;
+	esac
+}
+
+# Shows the last job's outcome and ends with its status; `read_outcome` has been called.
+tell_outcome() {
+	[ "$outcome" != answered ] || reply=$answer
+	if [ -n "$json" ]; then
+		if [ "$command" = update ] && [ "$outcome" = answered ]; then
+			print_raw "$reply"
+		else
+			print_job
+		fi
+	else
+		case $outcome in
+		none) say "No update was started with fwupdate-cli since the router started." ;;
+		running) say "An update is running; 'fwupdate-cli watch' follows it." ;;
+		answered) tell_answer "$detail" ;;
+		refused) say "${bad}The bus refused the update (status $detail): $(plain_line "$(stored error)")${normal}" ;;
+		lost) tell_lost "$detail" ;;
+		esac
+	fi
+	case $outcome:$detail in
+	answered:installing | answered:nothing) exit 0 ;;
+	answered:busy | running:*) exit "$busy" ;;
+	refused:4) exit "$absent" ;;
+	*) exit "$failed" ;;
+	esac
+}
+
+run_watch() {
+	read_outcome
+	if [ "$outcome" = running ]; then
+		follow_job
+		read_outcome
+	elif [ -z "$json" ] && [ "$outcome" != lost ] && call state '{}' "$state_limit" &&
+		[ "$(field @.state)" = FIRMWARE_CONNECT ]; then
+		follow_other
+		exit 0
+	fi
+	tell_outcome
+}
+
+run_result() {
+	read_outcome
+	tell_outcome
+}
+
+ask_consent() {
+	[ -z "$yes" ] || return 0
+	printf 'Install it now? The router will restart. [y/N] '
+	read -r consent || consent=
+	case $consent in
+	[yY] | [yY][eE][sS]) ;;
+	*) say "Nothing was changed." && exit 0 ;;
+	esac
+}
+
+run_update() {
+	if [ -z "$yes" ] && { [ ! -t 0 ] || [ ! -t 1 ] || [ -n "$json" ]; }; then
+		misuse "without a terminal to ask you on, and with --json, 'update' takes --yes."
+	fi
+	[ "$attempts" != 1 ] || echo "With one attempt, a download that cannot even start blocks" \
+		"the daemon until it is restarted." >&2
+	refuse_while_busy
+	if [ -z "$json$detach" ] || [ -z "$yes" ]; then
+		ask_server
+		tell_offer
+		[ -n "$force" ] || [ "$(field @.need_update)" = 1 ] || exit 0
+		ask_consent
+	fi
+	# From the first mark of the job on nobody's signal leaves it half made; the keeper
+	# inherits that.
+	trap '' HUP INT QUIT TERM
+	claim_job "{${force:+\"force\":\"1\",}${partition:+\"partition\":\"$partition\",}\"timeout\":$timeout,\"attempts\":$attempts,\"delay\":$delay}" ||
+		fail "$busy" "an update is running already." "'fwupdate-cli watch' follows it."
+	start_job
+	if [ -n "$detach" ]; then
+		read_outcome
+		if [ -n "$json" ]; then
+			print_job
+		else
+			say "The update goes on by itself. 'fwupdate-cli watch' follows it, 'fwupdate-cli result' has its result."
+		fi
+		exit 0
+	fi
+	follow_job
+	read_outcome
+	tell_outcome
+}
