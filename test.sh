@@ -136,7 +136,7 @@ sources() {
 }
 
 scripts() {
-	files | xargs awk 'FNR == 1 && /^#!.*\/(env )?(ba)?sh/ { print FILENAME } { nextfile }'
+	files | xargs awk 'FNR == 1 && (/^#!.*\/(env )?(ba)?sh/ || FILENAME ~ /\.sh$/) { print FILENAME } { nextfile }'
 }
 
 check_format() {

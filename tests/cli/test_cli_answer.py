@@ -4,30 +4,10 @@ import signal
 
 import pytest
 
-from simulated_router import Router, make_server
+from kept_answer import await_download, kept
 
 GOOD = "Version 2.1.0 (build 174117600) was downloaded and is good."
 GOES_ON = "Stopped watching; the update goes on."
-
-
-@pytest.fixture(scope="module")
-def server(tmp_path_factory):
-    return make_server(tmp_path_factory.mktemp("server"), 2_500_000)
-
-
-@pytest.fixture
-def router(server):
-    """A download takes some seconds."""
-    with Router("--server-rate", "1000000", server_root=server) as router:
-        yield router
-
-
-def result(router):
-    return router.run("fwupdate-cli result --json").json()
-
-
-def downloading(router):
-    router.wait_for("fwupdate-cli status --json | grep -q progress")
 
 
 def test_ctrl_c_ends_the_watching_only(router):
@@ -47,7 +27,7 @@ def test_a_hang_up_ends_the_watching_only(router):
     terminal.expect(" % ")
     terminal.hang_up()
     assert terminal.wait() in (-signal.SIGHUP, 128 + signal.SIGHUP)
-    assert result(router)["job"] == "running"
+    assert kept(router)["job"] == "running"
     assert GOOD in router.run("fwupdate-cli watch").output
     assert GOOD in router.run("fwupdate-cli result", 80).output
 
@@ -81,16 +61,16 @@ def test_of_several_started_at_once_one_runs_and_the_others_are_told(router):
                                      "update --detach --yes"])
 def test_what_would_disturb_a_running_update_is_refused(router, command):
     router.run("fwupdate-cli update --detach --yes")
-    before = result(router)
+    before = kept(router)
     refused = router.run(f"fwupdate-cli {command}", 80)
     assert refused.status == 4
     assert "'fwupdate-cli watch' follows it" in refused.output
-    assert result(router) == before
+    assert kept(router) == before
 
 
 def test_an_update_of_somebody_else_is_met(router):
     router.open("ubus -t 60 call fwupdate update '{\"attempts\":2}'")
-    downloading(router)
+    await_download(router)
     refused = router.run("fwupdate-cli update --yes")
     assert refused.status == 4 and "for somebody else" in refused.output
     watched = router.run("fwupdate-cli watch", 80)
@@ -102,7 +82,7 @@ def test_an_update_of_somebody_else_that_cannot_be_seen_is_told(router):
     router.wait_for("fwupdate-cli status --json | grep -q WAIT_DELAY")
     refused = router.run("fwupdate-cli update --yes")
     assert refused.status == 4 and "Already updating" in refused.output
-    assert result(router)["result"] == "busy"
+    assert kept(router)["result"] == "busy"
     assert router.run("fwupdate-cli result").status == 4
 
 
@@ -129,9 +109,9 @@ def test_a_folder_of_somebody_else_is_not_used(router, trap):
 
 def test_the_next_update_replaces_the_answer(router):
     router.run("fwupdate-cli update --yes")
-    first = result(router)
+    first = kept(router)
     router.run("fwupdate-cli update --yes --force")
-    second = result(router)
+    second = kept(router)
     assert second["arguments"]["force"] == "1"
     assert second["started"] >= first["ended"]
     assert router.run("ls /tmp/fwupdate-cli").output == "job.2\n"
@@ -143,10 +123,10 @@ def fill_tmp(router):
 
 def test_an_answer_is_kept_although_tmp_is_full(router):
     router.run("fwupdate-cli update --detach --yes --attempts 1")
-    downloading(router)
+    await_download(router)
     fill_tmp(router)
     router.run("fwupdate-cli watch")
-    job = result(router)
+    job = kept(router)
     assert (job["job"], job["result"], job["answer"]["error_code"]) == ("answered", "failed", "2")
 
 

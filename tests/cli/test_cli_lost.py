@@ -1,24 +1,6 @@
 # SPDX-License-Identifier: ISC
 """fwupdate-cli says so when an answer is lost, and tells from the state what it can."""
-import pytest
-
-from simulated_router import Router, make_server
-
-
-@pytest.fixture(scope="module")
-def server(tmp_path_factory):
-    return make_server(tmp_path_factory.mktemp("server"), 2_500_000)
-
-
-@pytest.fixture
-def router(server):
-    """A download takes some seconds."""
-    with Router("--server-rate", "1000000", server_root=server) as router:
-        yield router
-
-
-def result(router):
-    return router.run("fwupdate-cli result --json").json()
+from kept_answer import await_download, kept
 
 
 def restart_bus(router):
@@ -39,10 +21,6 @@ def start_daemon(router):
     router.run("ubus -t 10 wait_for fwupdate")
 
 
-def downloading(router):
-    router.wait_for("fwupdate-cli status --json | grep -q progress")
-
-
 def test_a_restart_of_the_bus_loses_the_answer_and_it_says_so(router):
     terminal = router.open("fwupdate-cli update --yes", 80)
     terminal.expect(" % ")
@@ -52,13 +30,13 @@ def test_a_restart_of_the_bus_loses_the_answer_and_it_says_so(router):
     assert "The bus was restarted" in told
     # The daemon goes on, and its state tells how far it comes.
     assert "its answer does not come here" in told and "the image is good" in told
-    assert result(router)["lost"] == "bus"
+    assert kept(router)["lost"] == "bus"
     assert "sysupgrade" in router.wait_for("cat /var/log/sysupgrade")
 
 
 def test_after_a_restart_of_the_bus_the_next_update_is_answered(router):
     router.run("fwupdate-cli update --detach --yes")
-    downloading(router)
+    await_download(router)
     restart_bus(router)
     told = router.run("fwupdate-cli watch")
     assert told.status == 1 and "The bus was restarted" in told.output
@@ -67,7 +45,7 @@ def test_after_a_restart_of_the_bus_the_next_update_is_answered(router):
 
 def test_a_daemon_that_stays_away_is_told(router):
     router.run("fwupdate-cli update --detach --yes")
-    downloading(router)
+    await_download(router)
     kill_daemon(router)
     router.wait_for("fwupdate-cli result --json | grep -q lost")
     told = router.run("fwupdate-cli result")
@@ -82,23 +60,23 @@ def test_a_daemon_that_ends_during_an_update_is_noticed(router):
     start_daemon(router)
     assert terminal.wait() == 1
     assert "start the update again" in terminal.output()
-    assert result(router)["lost"] == "daemon"
+    assert kept(router)["lost"] == "daemon"
     assert router.run("fwupdate-cli update --yes").status == 0
 
 
 def test_a_killed_keeper_is_noticed(router):
     router.run("fwupdate-cli update --detach --yes")
-    downloading(router)
+    await_download(router)
     router.run("kill -KILL $(cat /tmp/fwupdate-cli/job.*/pid /tmp/fwupdate-cli/job.*/call)")
     told = router.run("fwupdate-cli watch")
     assert told.status == 1
     assert "does not come here" in told.output and "the answer is lost" in told.output
-    assert result(router)["lost"] == "call"
+    assert kept(router)["lost"] == "call"
 
 
 def test_a_stranger_with_the_keepers_number_is_not_taken_for_it(router):
     router.run("fwupdate-cli update --yes")
     router.run("cd /tmp/fwupdate-cli/job.* && rm end && pidof syslogd >pid && echo 99999 >call")
-    assert result(router) | {"started": 0} == {
+    assert kept(router) | {"started": 0} == {
         "job": "lost", "started": 0, "lost": "call",
         "arguments": {"timeout": 900, "attempts": 3, "delay": 0}}

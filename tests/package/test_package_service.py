@@ -148,12 +148,18 @@ def test_a_restart_in_a_download_comes_back(router):
     wait_until(lambda: is_back(router, before), "it did not come back")
 
 
-def test_while_the_worker_lives_new_daemons_end_with_0_and_are_started_again(router):
-    """Longer than the five tries that a service usually has."""
-    router.run(f"sed -i 's/^RESPAWN=.*/RESPAWN=\"3600 1 0\"/' {SCRIPT}")
+def orphan_that_stays(router, tries):
+    """Kills the daemon in a download and holds its worker; `tries` is respawn's third value."""
+    router.run(f"sed -i 's/^RESPAWN=.*/RESPAWN=\"3600 1 {tries}\"/' {SCRIPT}")
     before = start(router)
     orphan = worker(router)
     router.run(f"kill -STOP {orphan}; kill -KILL {before}")
+    return before, orphan
+
+
+def test_while_the_worker_lives_new_daemons_end_with_0_and_are_started_again(router):
+    """Longer than the five tries that a service usually has."""
+    before, orphan = orphan_that_stays(router, 0)
     router.wait_for("test $(grep -c 'ended with status 0' /var/log/procd) -ge 7")
     assert router.run("ubus call fwupdate state").status == 4
     router.run(f"kill -CONT {orphan}")
@@ -163,10 +169,7 @@ def test_while_the_worker_lives_new_daemons_end_with_0_and_are_started_again(rou
 
 def test_with_the_usual_limit_the_daemon_would_stay_away(router):
     """Why respawn has no limit here; also shows that the stand-in knows one."""
-    router.run(f"sed -i 's/^RESPAWN=.*/RESPAWN=\"3600 1 5\"/' {SCRIPT}")
-    before = start(router)
-    orphan = worker(router)
-    router.run(f"kill -STOP {orphan}; kill -KILL {before}")
+    _, orphan = orphan_that_stays(router, 5)
     router.wait_for("grep -q 'in a crash loop, given up' /var/log/procd")
     assert log(router).count("ended with status 0") == 5
     router.run(f"kill -CONT {orphan}")
