@@ -57,6 +57,22 @@ def test_of_several_started_at_once_one_runs_and_the_others_are_told(router):
     assert router.run("grep -c 'GET /firmware.bin' /var/log/nginx-access.log").output == "1\n"
 
 
+# All wait for the same moment; `won` has a line for each that took the job.
+RACE = """
+parts=/usr/share/fwupdate-cli; . $parts/job.sh; . $parts/bus.sh; failed=1
+for i in 1 2 3 4 5 6 7 8 9 10 11 12; do
+	( until [ -e /tmp/go ]; do :; done; ! claim_job '{}' || echo $i >>/tmp/won; sleep 3 ) &
+done
+sleep 1; touch /tmp/go; wait; wc -l </tmp/won; rm -rf /tmp/go /tmp/won
+"""
+
+
+def test_one_job_is_taken_by_one_only(router):
+    for _ in range(3):
+        assert router.run(RACE).output == "1\n"
+        router.run("echo 'answered nothing 0' | tee /tmp/fwupdate-cli/job.*/end")
+
+
 @pytest.mark.parametrize("command", ["check", "check --json", "test /bin/busybox", "update --yes",
                                      "update --detach --yes"])
 def test_what_would_disturb_a_running_update_is_refused(router, command):
@@ -122,12 +138,13 @@ def fill_tmp(router):
 
 
 def test_an_answer_is_kept_although_tmp_is_full(router):
-    router.run("fwupdate-cli update --detach --yes --attempts 1")
-    await_download(router)
+    """The image stays where it is, and nothing makes room for the answer."""
+    router.run("fwupdate-cli update --detach --yes --delay 5")
+    router.wait_for("fwupdate-cli status --json | grep -q WAIT_DELAY")
     fill_tmp(router)
     router.run("fwupdate-cli watch")
-    job = kept(router)
-    assert (job["job"], job["result"], job["answer"]["error_code"]) == ("answered", "failed", "2")
+    assert (kept(router)["job"], kept(router)["result"]) == ("answered", "installing")
+    assert kept(router)["answer"]["error_code"] == "0"
 
 
 def test_with_tmp_full_nothing_is_started_and_it_says_why(router):
