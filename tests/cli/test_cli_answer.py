@@ -73,6 +73,19 @@ def test_one_job_is_taken_by_one_only(router):
         router.run("echo 'answered nothing 0' | tee /tmp/fwupdate-cli/job.*/end")
 
 
+# While one looks at job 3, which is over, others take 4 and 5 and clear the old ones away.
+LATE = """
+parts=/usr/share/fwupdate-cli; . $parts/job.sh; . $parts/bus.sh; failed=1
+mkdir -p -m 700 $jobs/job.3
+job_runs() { mkdir $jobs/job.5; rm -r $jobs/job.3; return 1; }
+claim_job '{}' && echo won; ls $jobs
+"""
+
+
+def test_who_comes_late_does_not_take_a_number_that_is_free_again(router):
+    assert router.run(LATE).output == "job.5\n"
+
+
 @pytest.mark.parametrize("command", ["check", "check --json", "test /bin/busybox", "update --yes",
                                      "update --detach --yes"])
 def test_what_would_disturb_a_running_update_is_refused(router, command):
