@@ -2,14 +2,18 @@
 #include "firmware/worker.h"
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "core/base/bus.h"
+#include "core/base/guards.h"
 #include "core/base/log.h"
 
 namespace fwupdate
@@ -34,6 +38,8 @@ bool send_record(int descriptor, ProgressRecord record)
 void leave_daemon()
 {
 	uloop_done();
+	// Leaving the loop may take the disposition back that the daemon has given SIGPIPE.
+	std::signal(SIGPIPE, SIG_IGN);
 	if (bus_connection != nullptr) {
 		close(bus_connection->sock.fd);
 	}
@@ -48,12 +54,30 @@ bool reader_is_gone(int progress_pipe)
 	return poll(&end, 1, 0) > 0;
 }
 
+// A worker that was given up and its successor use the same path for a while. Each holds
+// this lock from its look at the path until it has changed what is there. The lock lies on
+// the folder itself and leaves no trace. Returns the descriptor whose end is the lock's end;
+// without one the worker goes on unlocked.
+int lock_folder()
+{
+	const int folder = open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+	flock(folder, LOCK_EX);
+	return folder;
+}
+
 // A predecessor that was given up may still be writing the older file: it keeps
-// that one, and this worker begins a file of its own.
-std::FILE *open_target(const char *target)
+// that one, and this worker begins a file of its own. Ends the process when this worker
+// has been given up itself: then the older file may be its successor's.
+std::FILE *open_target(const char *target, int progress_pipe)
 {
 	struct stat older;
-	if (lstat(target, &older) == 0 && S_ISREG(older.st_mode)) {
+	const bool replaceable = lstat(target, &older) != 0 || S_ISREG(older.st_mode);
+	// No lock for anything else: to open a named pipe may take for ever.
+	const DescriptorGuard lock(replaceable ? lock_folder() : -1);
+	if (reader_is_gone(progress_pipe)) {
+		std::exit(0);
+	}
+	if (replaceable) {
 		unlink(target);
 	}
 	return std::fopen(target, "wb");
@@ -99,14 +123,14 @@ bool path_is_own_file(const char *path, std::FILE *file)
 	return stat(path, &found) == 0 && found.st_dev == own.st_dev && found.st_ino == own.st_ino;
 }
 
-// Closes the file and, when the transfer failed, deletes it: while it is open no other
-// file can get its inode number.
-void close_target(std::FILE *file, const char *target, std::int32_t status)
+// Deletes the file, unless the path has become a successor's. The file is still open: until
+// it is closed no other file can get its inode number.
+void remove_own_file(std::FILE *file, const char *target)
 {
-	if (status != 0 && path_is_own_file(target, file)) {
+	const DescriptorGuard lock(lock_folder());
+	if (path_is_own_file(target, file)) {
 		std::remove(target);
 	}
-	std::fclose(file);
 }
 
 } // namespace
@@ -117,10 +141,7 @@ void run_worker(const char *url, const char *target, std::int32_t timeout, int p
 	tracker.descriptor = progress_pipe;
 	leave_daemon();
 
-	if (reader_is_gone(progress_pipe)) {
-		std::exit(0);
-	}
-	std::FILE *file = open_target(target);
+	std::FILE *file = open_target(target, progress_pipe);
 	if (file == nullptr) {
 		log_message("Error, couldn't open %s\n", target);
 		std::exit(SETUP_FAILED);
@@ -134,7 +155,10 @@ void run_worker(const char *url, const char *target, std::int32_t timeout, int p
 	const CURLcode code = curl_easy_perform(curl);
 	const std::int32_t status = transfer_status(code, std::ftell(file));
 	curl_easy_cleanup(curl);
-	close_target(file, target, status);
+	if (status != 0) {
+		remove_own_file(file, target);
+	}
+	std::fclose(file);
 
 	// In the last record both counts are equal, also when the transfer failed: then
 	// its status says so.

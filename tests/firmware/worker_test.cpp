@@ -3,6 +3,7 @@
 #include "worker_fixture.h"
 
 #include <cstdlib>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -239,6 +240,91 @@ TEST_F(WorkerTest, WorkerThatIsGivenUpBeforeItStartsTouchesNothing)
 	EXPECT_EQ(worker.end(), 0);
 	EXPECT_EQ(read_file(TARGET), "the successor's");
 	EXPECT_TRUE(server.requests().empty());
+}
+
+// The lock of the workers in this test's hands: a worker waits before it changes anything.
+class WorkerLock : public WorkerTest
+{
+protected:
+	void SetUp() override
+	{
+		WorkerTest::SetUp();
+		ASSERT_EQ(flock(folder_, LOCK_EX), 0);
+	}
+	void TearDown() override
+	{
+		close(folder_);
+		WorkerTest::TearDown();
+	}
+
+	// In the kernel's list a lock that is waited for is marked by an arrow.
+	static bool somebody_waits()
+	{
+		return read_file("/realproc/locks").find("-> FLOCK") != std::string::npos;
+	}
+	// A worker has a copy of the descriptor: closing it would not be enough.
+	void unlock() const
+	{
+		flock(folder_, LOCK_UN);
+	}
+
+private:
+	int folder_ = open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+};
+
+TEST_F(WorkerLock, SuccessorsFileIsNotReplacedByAWorkerThatWasGivenUp)
+{
+	Worker worker(server.url("/f"));
+	ASSERT_TRUE(eventually(somebody_waits));
+	EXPECT_FALSE(exists(TARGET));
+	files.write(TARGET, "the successor's");
+	worker.give_up();
+	unlock();
+	EXPECT_EQ(worker.end(), 0);
+	EXPECT_EQ(read_file(TARGET), "the successor's");
+	EXPECT_TRUE(server.requests().empty());
+}
+
+TEST_F(WorkerLock, SuccessorsFileIsNotDeletedBetweenLookAndDeed)
+{
+	unlock();
+	server.on("/f", answer("half").announce(8).hold());
+	Worker worker(server.url("/f"), 30);
+	ASSERT_TRUE(server.wait_for_requests(1));
+	ASSERT_TRUE(wait_until_exists(TARGET));
+	const int folder = open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+	ASSERT_EQ(flock(folder, LOCK_EX), 0);
+	server.release_all();
+	ASSERT_TRUE(eventually(somebody_waits));
+	unlink(TARGET);
+	files.write(TARGET, "the successor's");
+	close(folder);
+	EXPECT_EQ(worker.end(), 0);
+	EXPECT_EQ(read_file(TARGET), "the successor's");
+}
+
+// A link that leads nowhere and a pipe stay what they are, and nobody waits for the lock.
+TEST_F(WorkerLock, WhatIsNoFileIsNotReplaced)
+{
+	server.on("/f", answer("image"));
+	ASSERT_EQ(symlink("/tmp/elsewhere", TARGET), 0);
+	Worker worker(server.url("/f"));
+	EXPECT_EQ(worker.end(), 0);
+	EXPECT_EQ(read_file("/tmp/elsewhere"), "image");
+	EXPECT_EQ(unlink(TARGET), 0);
+	EXPECT_EQ(unlink("/tmp/elsewhere"), 0);
+}
+
+// The loop's end may give the signal its usual effect again.
+TEST_F(WorkerTest, ClosedPipeDoesNotKillItHoweverTheLoopLeavesTheSignal)
+{
+	server.on("/f", answer("image").in_pieces(2).hold());
+	Worker worker(server.url("/f"), 30, [] { std::signal(SIGPIPE, SIG_DFL); });
+	server.release();
+	ASSERT_TRUE(server.wait_for_pieces("/f", 1));
+	worker.give_up();
+	EXPECT_EQ(worker.end(), 0);
+	EXPECT_FALSE(exists(TARGET));
 }
 
 TEST_F(WorkerTest, BusAndLoopOfTheDaemonAreLeft)
