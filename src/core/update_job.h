@@ -4,18 +4,28 @@
 // the download worker's progress pipe carry the job through the event loop; its
 // fields are update_context.job, which nothing else writes.
 //
-//             update
-//   idle ----------------> downloading <--------------+
-//     ^                       |   |                   |
-//     |          whole file   |   | failure, time-out |
-//     |                       v   v                   |
-//     |                 verifying  attempts left? ----+--> retry wait (1 s)
-//     |                   |   ^       | no            ^         |
-//     |              good |   |bad    v               |         |
-//     |                   v   +--> finish_job         +---------+
-//     |                 delay         |
-//     |   on_install      |           |
-//     +-------------------+-----------+
+//   phase        event                                    next
+//   idle         update is due, the start succeeds        downloading
+//   idle         update is due, the start fails           retry wait, or stuck
+//   not idle     update                                   the same; refused
+//   downloading  record                                   downloading
+//   downloading  record of a failure                      again
+//   downloading  time-out                                 again
+//   downloading  end of pipe, file not whole              again
+//   downloading  end of pipe, image bad                   again
+//   downloading  end of pipe, image good, recorded        delay
+//   downloading  end of pipe, image good, not recorded    delay, or again
+//   retry wait   one second is over                       again
+//   delay        over                                     idle; answers, then installs
+//
+//   again        no attempt left                          idle; answers, deletes the image
+//   again        attempts left, the start succeeds        downloading
+//   again        attempts left, the start fails           retry wait, or idle
+//
+// What leads to "again" uses up an attempt, and so does each start that fails: with none
+// left it has the second outcome. "Recorded" means the boot partition. When it cannot be
+// recorded, the image is installed all the same, unless an earlier attempt of the job
+// failed.
 //
 // A start that fails with no attempt left answers at once and leaves the job
 // active: until the daemon restarts, every later update that is due is refused.
