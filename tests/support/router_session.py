@@ -16,9 +16,12 @@ LOOP = r"""while read -r line; do eval "$line" 2>&1; printf '\n\001%d\n' $?; don
 
 
 class RouterSession:
-    def __init__(self, folder, *options):
+    """Open it in a thread that lives as long as the router should: the sandbox ends with
+    the thread that started it."""
+
+    def __init__(self, folder, *options, shared=None):
         self.served = folder / "served"
-        self.shared = folder / "shared"
+        self.shared = shared or folder / "shared"
         self.served.mkdir(exist_ok=True)
         self.shared.mkdir(exist_ok=True)
         self.process = subprocess.Popen(
