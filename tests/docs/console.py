@@ -1,0 +1,178 @@
+# SPDX-License-Identifier: ISC
+"""The commands in the documents: found, run, and their output compared.
+
+A block that begins with ```console holds commands and what they printed:
+
+    $ COMMAND     on the workstation, in the folder that the document's head names
+    # COMMAND     on the simulated router; one router for the whole document
+    ...           a line of dots stands for any lines
+
+A command that ends in a backslash goes on in the next line. A comment in the document
+changes how its commands are run:
+
+    <!-- console: in=project -->    the workstation's commands run in the project's folder;
+                                    otherwise in an empty one, with the tools in PATH
+    <!-- console: serve=DIR -->     the router's update server serves DIR of that folder
+    <!-- console: router=OPTION --> one more option for testbed/router
+    <!-- console: not run: WHY -->  the next block is not run; test_documents.py lists these
+"""
+import dataclasses
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+import tempfile
+import time
+
+from router_session import RouterSession, build, wait_seconds
+
+project = pathlib.Path(__file__).resolve().parent.parent.parent
+
+READERS = ("cat", "grep", "tail")
+LOOK_AGAIN = 10  # seconds
+
+# What differs from run to run. Both sides are changed alike before they are compared.
+VARYING = [
+    (re.compile(r"\b[0-9a-f]{64}\b"), "CHECKSUM"),
+    (re.compile(r"@[0-9a-f]{8}\b"), "@ID"),
+    (re.compile(r"\b(fwupdate|ubusd|routerd)\[\d+\]"), r"\1[PID]"),
+    (re.compile(r"\b(Mon|Tue|Wed|Thu|Fri|Sat|Sun) (Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) +\d+ \d\d:\d\d:\d\d( [A-Z]+)? \d{4}"), "DATE"),
+    (re.compile(r"\b(Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) +\d+ \d\d:\d\d:\d\d"), "DATE"),
+    (re.compile(r"\d\d/[A-Z][a-z][a-z]/\d{4}:\d\d:\d\d:\d\d \+\d{4}"), "DATE"),
+    (re.compile(r"\d+(\.\d+)? ?(ms|s|sec|seconds)\b"), "TIME"),
+    (re.compile(r"/tmp/[a-z]+\.[A-Za-z0-9]{6}\b"), "/tmp/FOLDER"),
+]
+
+
+@dataclasses.dataclass
+class Command:
+    line: int  # in the document, from 1
+    router: bool
+    text: str
+    expected: list = dataclasses.field(default_factory=list)
+
+
+@dataclasses.dataclass
+class Document:
+    path: pathlib.Path
+    commands: list
+    not_run: list  # (first command, reason)
+    in_project: bool = False
+    serve: str = ""
+    options: list = dataclasses.field(default_factory=list)
+
+
+def read(path):
+    document = Document(path, [], [])
+    reason, inside = None, False
+    for number, line in enumerate(path.read_text().splitlines(), 1):
+        note = re.fullmatch(r"<!-- console: (.*) -->", line)
+        if note:
+            reason = apply_note(document, note.group(1)) or reason
+        elif line == "```console":
+            inside, skip, reason = True, reason, None
+            fresh = True
+        elif line == "```":
+            inside = False
+        elif inside:
+            fresh = read_line(document, number, line, skip, fresh)
+    return document
+
+
+def apply_note(document, note):
+    if note.startswith("not run: "):
+        return note[len("not run: "):]
+    key, _, value = note.partition("=")
+    if key == "in" and value == "project":
+        document.in_project = True
+    elif key == "serve":
+        document.serve = value
+    elif key == "router":
+        document.options.append(value)
+    else:
+        raise ValueError(f"{document.path}: unknown note '{note}'")
+    return None
+
+
+def read_line(document, number, line, skip, fresh):
+    """Adds one line of a block; returns whether the block still has no command."""
+    last = document.commands[-1] if document.commands and not fresh else None
+    if skip is not None:
+        if fresh:
+            document.not_run.append((line[2:], skip))
+        return False
+    if last is not None and last.text.endswith("\\"):
+        last.text = last.text[:-1] + line.removeprefix("> ").strip()
+    elif line[:2] in ("$ ", "# "):
+        document.commands.append(Command(number, line[0] == "#", line[2:]))
+    elif last is not None:
+        last.expected.append(line)
+    else:
+        raise ValueError(f"{document.path}:{number}: output without a command")
+    return False
+
+
+def masked(line):
+    for pattern, word in VARYING:
+        line = pattern.sub(word, line)
+    return line.rstrip()
+
+
+def matches(expected, actual):
+    """Whether the lines are the same but for what varies; "..." matches any lines."""
+    pattern = "".join("(?:.*\n)*?" if line.strip() == "..." else re.escape(masked(line)) + "\n" for line in expected)
+    return re.fullmatch(pattern, "".join(masked(line) + "\n" for line in actual)) is not None
+
+
+class Runner:
+    """Runs a document's commands in their order."""
+
+    def __init__(self, document):
+        self.document = document
+        self.folder = project / "build/docs" / document.path.stem
+        self.router = None
+        self.router_folder = None
+
+    def __enter__(self):
+        shutil.rmtree(self.folder, ignore_errors=True)
+        self.folder.mkdir(parents=True)
+        return self
+
+    def __exit__(self, *error):
+        if self.router:
+            self.router.__exit__(*error)
+            shutil.rmtree(self.router_folder)
+
+    def run(self, command):
+        """What the command printed, as lines. A log or a record may be written a moment
+        later: whoever reads one looks again until it is as expected, for a while."""
+        end = time.monotonic() + LOOK_AGAIN
+        output = self._run(command)
+        while (command.router and command.text.split()[0] in READERS and time.monotonic() < end
+               and not matches(command.expected, output)):
+            output = self._run(command)
+        return output
+
+    def _run(self, command):
+        text = self._on_router(command.text) if command.router else self._here(command.text)
+        return re.sub(r"\x1b\[[0-9;]*[A-Za-z]", "", text.replace("\r\n", "\n")).splitlines()
+
+    def _here(self, text):
+        environment = {**os.environ, "FWUPDATE_BUILD": build, "LC_ALL": "C.UTF-8",
+                       "PATH": f"{project}/publish:{project}/testbed:/usr/sbin:{os.environ['PATH']}"}
+        folder = project if self.document.in_project else self.folder
+        result = subprocess.run(["bash", "-c", text], cwd=folder, env=environment, stdin=subprocess.DEVNULL,
+                                stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=10 * wait_seconds)
+        return result.stdout.decode()
+
+    def _on_router(self, text):
+        if self.router is None:
+            self.router_folder = pathlib.Path(tempfile.mkdtemp(prefix="fwupdate-docs."))
+            if self.document.serve:
+                (self.router_folder / "served").symlink_to(self.folder / self.document.serve)
+            else:
+                shutil.copytree(project / "testbed/server", self.router_folder / "served")
+            self.router = RouterSession(self.router_folder, *self.document.options).__enter__()
+        _, output = self.router.run(text)
+        return output.rstrip("\n")

@@ -1,0 +1,64 @@
+# SPDX-License-Identifier: ISC
+"""The checker of the documents itself: a document that is wrong must not pass."""
+import console
+import pytest
+
+
+def document(tmp_path, text):
+    path = tmp_path / "page.md"
+    path.write_text(text)
+    return console.read(path)
+
+
+@pytest.mark.parametrize("expected, actual, same", [
+    (["a"], ["a"], True),
+    (["a"], ["b"], False),
+    (["a"], [], False),
+    ([], ["a"], False),
+    (["a.c"], ["abc"], False),
+    (["a", "..."], ["a"], True),
+    (["a", "...", "d"], ["a", "b", "c", "d"], True),
+    (["a", "...", "d"], ["a", "b", "c"], False),
+    (["fwupdate[12]: x"], ["fwupdate[345]: x"], True),
+    (["took 1.5 s"], ["took 23 s"], True),
+    (["took 1.5 m"], ["took 23 m"], False),
+    (["Nov 21 18:00:00 router x"], ["Dec  1 01:02:03 router x"], True),
+    (["'o' @0123abcd"], ["'o' @89abcdef"], True),
+    (["a "], ["a"], True),
+])
+def test_output_is_compared_but_for_what_varies(expected, actual, same):
+    assert console.matches(expected, actual) is same
+
+
+def test_commands_and_outputs_are_read(tmp_path):
+    page = document(tmp_path, "x\n```console\n$ echo a \\\n    b\na b\n# id\nroot\n```\n```\n$ not\n```\n")
+    assert [(c.line, c.router, c.text, c.expected) for c in page.commands] == [
+        (3, False, "echo a b", ["a b"]), (6, True, "id", ["root"])]
+
+
+def test_notes_are_read(tmp_path):
+    page = document(tmp_path, "<!-- console: in=project -->\n<!-- console: serve=s -->\n<!-- console: router=--quiet -->\n"
+                              "<!-- console: not run: because -->\n```console\n$ ./x\nout\n```\n```console\n$ y\n```\n")
+    assert (page.in_project, page.serve, page.options) == (True, "s", ["--quiet"])
+    assert page.not_run == [("./x", "because")]
+    assert [c.text for c in page.commands] == ["y"]
+
+
+@pytest.mark.parametrize("text", ["```console\noutput first\n```\n", "<!-- console: what=ever -->\n"])
+def test_document_that_makes_no_sense_is_refused(tmp_path, text):
+    with pytest.raises(ValueError):
+        document(tmp_path, text)
+
+
+def test_commands_run_where_they_belong(tmp_path):
+    page = document(tmp_path, "```console\n$ echo $((6 * 7)) >file; cat file\n42\n# hostname\nrouter\n```\n")
+    with console.Runner(page) as runner:
+        outputs = [runner.run(command) for command in page.commands]
+        assert (runner.folder / "file").read_text() == "42\n"
+    assert outputs == [["42"], ["router"]]
+
+
+def test_colours_are_taken_out(tmp_path):
+    page = document(tmp_path, "```console\n$ printf '\\033[31mred\\033[0m\\r\\n'\nred\n```\n")
+    with console.Runner(page) as runner:
+        assert runner.run(page.commands[0]) == ["red"]
