@@ -6,12 +6,13 @@ set -u
 
 usage() {
 	cat <<'TEXT'
-Usage: ./demo.sh [--shell | --fail]
+Usage: ./demo.sh [--shell | --fail | --web]
        ./demo.sh --vm [--fail]
 
 Without an option: checks for firmware, downloads it, verifies it and installs it.
   --shell   leave me on that router, with a shell
   --fail    a damaged firmware: tried twice, refused, nothing installed
+  --web     the update page of that router, on a loopback port for your browser
   --vm      on the virtual router instead, a 32-bit ARM machine with real flash, which
             restarts into the new firmware; with --fail it keeps the old one
   --help    show this
@@ -35,6 +36,7 @@ case $#:${1-} in
 0:) ;;
 1:--shell) mode=shell ;;
 1:--fail) mode=fail ;;
+1:--web) mode=web ;;
 1:--vm) mode=vm ;;
 2:--vm) [ "$2" = --fail ] || misuse "unknown argument '$2'." && mode=vm-fail ;;
 1:--help) usage && exit 0 ;;
@@ -112,6 +114,7 @@ fi
 
 # A rate at which there is something to see; the damaged one is loaded twice.
 case $mode in
+web) exec testbed/web/demo "$build" "$server" ;;
 shell) set -- --server-rate 3670016 ;;
 update) set -- --server-rate 3670016 -- sh "$PWD/testbed/demo-steps.sh" update ;;
 fail) set -- --server-rate 8388608 -- sh "$PWD/testbed/demo-steps.sh" refusal ;;

@@ -88,6 +88,20 @@ def call(name, method, args, limit):
     return status, answer
 
 
+TYPES = {"String": "string", "Integer": "number", "Boolean": "boolean", "Table": "object", "Array": "array"}
+
+
+def signature(name):
+    """Of an object on the bus: method -> argument -> type, as the gateway's `list` says it."""
+    printed = subprocess.run(["ubus", "-v", "list", name], stdout=subprocess.PIPE, check=False).stdout
+    methods = {}
+    for line in to_text(printed).splitlines():
+        if line.startswith("\t"):
+            (method, args), = json.loads("{" + line.strip() + "}").items()
+            methods[method] = {arg: TYPES.get(kind, "unknown") for arg, kind in args.items()}
+    return methods
+
+
 def listed():
     names = subprocess.run(["ubus", "list"], stdout=subprocess.PIPE, check=False).stdout
     return to_text(names).split()

@@ -20,6 +20,7 @@ class Relay(http.server.ThreadingHTTPServer):
         super().__init__(("127.0.0.1", port), Handler)
         self.path = f"{folder}/http"
         self.fault = lambda name, method, browser: False
+        self.missed = 0  # requests that found no router
 
     @property
     def address(self):
@@ -43,6 +44,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
             try:
                 router.connect(self.server.path)
             except OSError:
+                self.server.missed += 1
                 return  # nobody is there; the browser sees a closed connection
             del self.headers["Connection"]
             head = f"{self.command} {self.path} HTTP/1.1\r\nConnection: close\r\n{self.headers}"
