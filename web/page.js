@@ -1,12 +1,9 @@
 // SPDX-License-Identifier: ISC
-// The update page. It only watches: the update belongs to the daemon, and its answer is kept on the
-// router by fwupdate-job, so that a reload, a second tab or a lost session loses nothing.
-//
-// Nothing that comes from the router is trusted to have a shape, and all of it is shown as text.
-// "Done" is never guessed: it takes a boot other than the one before, and the version that runs.
+// The update page. It only watches: the update is the daemon's, and fwupdate-job keeps its answer.
+// Nothing from the router is trusted to have a shape, and all of it is shown as text. "Done" is
+// never guessed: it takes another boot than before, and the version that runs then.
 
-// Every text, in the order of LANGUAGES; one that is the same in all of them stands once. {name} is
-// filled in.
+// Every text, in the order of LANGUAGES; once if it is the same in all. {name} is filled in.
 const LANGUAGES = ["en", "de"];
 const TEXTS = {
 	title: ["Firmware update", "Firmware-Aktualisierung"],
@@ -14,11 +11,9 @@ const TEXTS = {
 	signOut: ["Sign out", "Abmelden"],
 	user: ["User", "Benutzer"],
 	password: ["Password", "Passwort"],
-	whyFirst: ["Use an account of this router.", "Mit einem Konto dieses Routers."],
-	whyEnded: ["Your session has ended.", "Ihre Sitzung ist abgelaufen."],
-	whyEndedJob: ["Your session has ended. The update does not need it; sign in to see how far it is.", "Ihre Sitzung ist abgelaufen. Die Aktualisierung braucht sie nicht; melden Sie sich an, um zu sehen, wie weit sie ist."],
+	whyEnded: ["Your session has ended. An update goes on without it.", "Ihre Sitzung ist abgelaufen. Eine Aktualisierung läuft ohne sie weiter."],
 	wrongPassword: ["User and password do not fit.", "Benutzer und Passwort passen nicht zusammen."],
-	inFrame: ["This page works only by itself, not inside another page.", "Diese Seite arbeitet nur für sich, nicht innerhalb einer anderen."],
+	inFrame: ["This page does not work inside another one.", "Diese Seite arbeitet nicht innerhalb einer anderen."],
 
 	versions: ["Versions", "Versionen"],
 	runsHere: ["Runs here", "Läuft hier"],
@@ -32,33 +27,31 @@ const TEXTS = {
 	update: ["Update …", "Aktualisieren …"],
 	checkAgain: ["Check again", "Erneut prüfen"],
 	readOnly: ["This account may look, but not update.", "Dieses Konto darf ansehen, aber nicht aktualisieren."],
-	noPlugin: ["fwupdate-job does not answer on this router: updates cannot be started or followed from here.", "fwupdate-job antwortet auf diesem Router nicht: Von hier aus lassen sich Aktualisierungen weder starten noch verfolgen."],
+	noPlugin: ["fwupdate-job does not answer: no update can be started or followed here.", "fwupdate-job antwortet nicht: Hier lässt sich keine Aktualisierung starten oder verfolgen."],
 	checking: ["Asking the update server …", "Der Update-Server wird gefragt …"],
 	newer: ["A newer version is available.", "Eine neuere Version ist verfügbar."],
-	demanded: ["The update server asks for this version, although it is not newer.", "Der Update-Server verlangt diese Version, obwohl sie nicht neuer ist."],
+	demanded: ["The update server demands this version, newer or not.", "Der Update-Server verlangt diese Version, neuer oder nicht."],
 	upToDate: ["This router is up to date.", "Dieser Router ist auf dem neuesten Stand."],
-	noServer: ["The update server could not be asked, or its answer was of no use. Is the router online?", "Der Update-Server war nicht erreichbar oder seine Antwort unbrauchbar. Ist der Router online?"],
-	noDaemon: ["The update service does not run on this router. A restart of the router brings it back.", "Der Update-Dienst läuft auf diesem Router nicht. Ein Neustart des Routers bringt ihn zurück."],
+	noServer: ["The update server could not be asked, or its answer was of no use. Is the router online?", "Der Update-Server war nicht erreichbar oder antwortete unbrauchbar. Ist der Router online?"],
+	noDaemon: ["The update service does not run. Restarting the router brings it back.", "Der Update-Dienst läuft nicht. Ein Neustart des Routers bringt ihn zurück."],
 	elsewhere: ["Not now: an update is running.", "Nicht jetzt: Eine Aktualisierung läuft."],
 
 	anywayTitle: ["Install the same or an older build", "Denselben oder einen älteren Build installieren"],
-	anywayText: ["What is on offer is not newer than what runs. The same build again can repair a damaged system. An older one may not understand the settings.", "Das Angebot ist nicht neuer als das, was läuft. Derselbe Build kann ein beschädigtes System heilen. Ein älterer versteht vielleicht die Einstellungen nicht."],
+	anywayText: ["The same build can repair a damaged system. An older one may not understand the settings.", "Derselbe Build kann ein System heilen. Ein älterer versteht vielleicht die Einstellungen nicht."],
 	anyway: ["Install anyway …", "Trotzdem installieren …"],
 	fileTitle: ["Check a file that is on the router", "Eine Datei auf dem Router prüfen"],
 	fileLabel: ["Path of the file", "Pfad der Datei"],
 	fileButton: ["Check file", "Datei prüfen"],
-	fileBad: ["“{path}” cannot be checked: a path starts with “/”, has at most 112 characters, and only letters, digits and . _ / -", "„{path}“ ist nicht prüfbar: Ein Pfad beginnt mit „/“, hat höchstens 112 Zeichen und nur Buchstaben, Ziffern und . _ / -"],
+	fileBad: ["“{path}” is refused: a path begins with “/” and has at most 112 letters, digits and . _ / -", "„{path}“ wird abgelehnt: Ein Pfad beginnt mit „/“ und hat höchstens 112 Buchstaben, Ziffern und . _ / -"],
 	fileChecking: ["Checking the file …", "Die Datei wird geprüft …"],
 	"file0": ["firmware for this router, and undamaged.", "Firmware für diesen Router, unbeschädigt."],
 	"file-2": ["the file cannot be opened.", "Die Datei lässt sich nicht öffnen."],
-	"file-3": ["there is no such file, or it cannot be examined.", "Die Datei gibt es nicht oder sie lässt sich nicht untersuchen."],
+	"file-3": ["no such file, or it cannot be examined.", "Die Datei gibt es nicht oder sie ist nicht zu untersuchen."],
 	"file-4": ["the file is empty, or cannot be read.", "Die Datei ist leer oder nicht lesbar."],
-	"file-5": ["no firmware: neither a U-Boot image nor a file with firmware metadata.", "Keine Firmware: weder ein U-Boot-Image noch eine Datei mit Firmware-Metadaten."],
-	"file-6": ["damaged firmware: the checksum of its header is wrong.", "Beschädigte Firmware: Die Prüfsumme ihres Kopfes ist falsch."],
-	"file-7": ["damaged firmware: the checksum of its data is wrong.", "Beschädigte Firmware: Die Prüfsumme ihrer Daten ist falsch."],
-	"file-8": ["this firmware is too large.", "Diese Firmware ist zu groß."],
+	"file-5": ["no firmware: neither a U-Boot image nor firmware metadata.", "Keine Firmware: weder U-Boot-Image noch Firmware-Metadaten."],
+	"file-6": ["damaged firmware: the checksum of its header is wrong.", "Beschädigte Firmware: Prüfsumme des Kopfes falsch."],
+	"file-7": ["damaged firmware: the checksum of its data is wrong.", "Beschädigte Firmware: Prüfsumme der Daten falsch."],
 	"file-9": ["firmware for another model.", "Firmware für ein anderes Modell."],
-	"file-10": ["the flash partition is not known.", "Die Flash-Partition ist nicht bekannt."],
 	fileUnset: ["the router was given no file.", "Dem Router wurde keine Datei genannt."],
 	fileOther: ["unknown result {code}.", "Unbekanntes Ergebnis {code}."],
 
@@ -66,8 +59,7 @@ const TEXTS = {
 	questionText: ["Version {version} (build {build}) replaces version {old} (build {oldBuild}).", "Version {version} (Build {build}) ersetzt Version {old} (Build {oldBuild})."],
 	settingsKept: ["The settings are kept.", "Die Einstellungen bleiben erhalten."],
 	backup: ["Make a backup first", "Vorher eine Sicherung anlegen"],
-	takesMinutes: ["It takes some minutes, and the router restarts. Do not switch it off.", "Es dauert einige Minuten, und der Router startet neu. Schalten Sie ihn nicht aus."],
-	noCancel: ["It cannot be cancelled.", "Es lässt sich nicht abbrechen."],
+	takesMinutes: ["It takes some minutes and cannot be cancelled. Then the router restarts. Do not switch it off.", "Es dauert einige Minuten und lässt sich nicht abbrechen. Dann startet der Router neu. Schalten Sie ihn nicht aus."],
 	installNow: ["Install now", "Jetzt installieren"],
 	cancel: ["Cancel", "Abbrechen"],
 	close: ["Close", "Schließen"],
@@ -79,58 +71,54 @@ const TEXTS = {
 	stepBack: ["Back", "Zurück"],
 
 	asking: ["Starting the update", "Die Aktualisierung beginnt"],
-	askingText: ["The router asks the update server.", "Der Router fragt den Update-Server."],
 	loading: ["Downloading", "Die Firmware wird geladen"],
-	loadingText: ["The router downloads the firmware into its memory.", "Der Router lädt die Firmware in seinen Speicher."],
 	sizeUnknown: ["The server has not said how large the firmware is.", "Der Server hat nicht gesagt, wie groß die Firmware ist."],
 	figures: ["{percent} % · {now} of {total} MiB", "{percent} % · {now} von {total} MiB"],
 	rate: [" · {rate} MiB/s"],
 	verifying: ["Verifying", "Die Firmware wird geprüft"],
-	verifyingText: ["The download is complete. Checksums and model are compared.", "Die Firmware ist geladen. Prüfsummen und Modell werden verglichen."],
+	verifyingText: ["Checksums and model are compared.", "Prüfsummen und Modell werden verglichen."],
 	installing: ["Installing", "Die Firmware wird installiert"],
-	installingText: ["The firmware is good; the installer has it. The old system still answers until the router restarts. Do not switch it off.", "Die Firmware ist gut; das Installationsprogramm hat sie. Noch antwortet das alte System, bis der Router neu startet. Schalten Sie ihn nicht aus."],
+	installingText: ["The firmware is good. The old system answers until the router restarts. Do not switch it off.", "Die Firmware ist gut. Das alte System antwortet, bis der Router neu startet. Schalten Sie ihn nicht aus."],
 	restarting: ["Restarting", "Der Router startet neu"],
-	restartingText: ["The router does not answer: it installs and starts again. This page looks for it every two seconds.", "Der Router antwortet nicht: Er installiert und startet neu. Diese Seite sucht ihn alle zwei Sekunden."],
-	starting: ["Restarting", "Der Router startet neu"],
+	restartingText: ["The router does not answer: it installs and starts again. This page keeps looking.", "Der Router antwortet nicht: Er installiert und startet neu. Diese Seite sucht weiter."],
 	startingText: ["The router answers, but not all of its services do yet.", "Der Router antwortet, aber noch nicht alle seine Dienste."],
-	longAway: ["It has been away for {minutes} minutes. Perhaps it is back under another address, or with a certificate that this browser does not know: open the page anew, or look for the router's address.", "Er ist seit {minutes} Minuten weg. Vielleicht ist er unter einer anderen Adresse zurück oder mit einem Zertifikat, das dieser Browser nicht kennt: Öffnen Sie die Seite neu oder suchen Sie die Adresse des Routers."],
+	longAway: ["It has been away for {minutes} minutes. Perhaps it has another address now, or a certificate that this browser does not know: open the page anew.", "Er ist seit {minutes} Minuten weg. Vielleicht hat er jetzt eine andere Adresse oder ein Zertifikat, das dieser Browser nicht kennt: Öffnen Sie die Seite neu."],
 	returned: ["The router answers again", "Der Router antwortet wieder"],
 	returnedText: ["Sign in, and this page shows whether the new version runs.", "Melden Sie sich an; dann zeigt diese Seite, ob die neue Version läuft."],
 	notRestarted: ["The router did not restart", "Der Router hat nicht neu gestartet"],
-	notRestartedText: ["The installer got the firmware {minutes} minutes ago, and the old system is still there. Probably the installer refused it, and nothing was changed; the system log may say why. The file still takes up memory: restart the router before you try again.", "Das Installationsprogramm bekam die Firmware vor {minutes} Minuten, und das alte System ist noch da. Wahrscheinlich wurde sie abgelehnt und nichts verändert; das Systemprotokoll sagt vielleicht, warum. Die Datei belegt noch Speicher: Starten Sie den Router neu, bevor Sie es noch einmal versuchen."],
+	notRestartedText: ["The installer got the firmware {minutes} minutes ago, and the old system is still there. Probably it refused the firmware; the system log may say why. Restart the router before you try again: the file takes up memory.", "Das Installationsprogramm bekam die Firmware vor {minutes} Minuten, und das alte System ist noch da. Wahrscheinlich wurde sie abgelehnt; das Systemprotokoll sagt vielleicht, warum. Vor einem neuen Versuch starten Sie den Router neu: Die Datei belegt Speicher."],
 	backNew: ["Done: the offered version runs", "Fertig: Die angebotene Version läuft"],
 	backNewText: ["The router has restarted. It runs version {version} (build {build}).", "Der Router hat neu gestartet. Auf ihm läuft Version {version} (Build {build})."],
 	backOld: ["The router still runs the old version", "Auf dem Router läuft noch die alte Version"],
-	backOldText: ["It has restarted and runs version {version} (build {build}), as before. Build {offered} was not installed, or did not start.", "Er hat neu gestartet und führt Version {version} (Build {build}) aus wie zuvor. Build {offered} wurde nicht installiert oder startete nicht."],
+	backOldText: ["It has restarted and runs version {version} (build {build}) as before. Build {offered} was not installed, or did not start.", "Nach dem Neustart läuft Version {version} (Build {build}) wie zuvor. Build {offered} wurde nicht installiert oder startete nicht."],
 	backOther: ["The router runs another version", "Auf dem Router läuft eine andere Version"],
-	backOtherText: ["It has restarted and runs version {version} (build {build}). Build {offered} was on offer.", "Er hat neu gestartet und führt Version {version} (Build {build}) aus. Angeboten war Build {offered}."],
+	backOtherText: ["It has restarted and runs version {version} (build {build}). Build {offered} was on offer.", "Auf ihm läuft nach dem Neustart Version {version} (Build {build}). Angeboten war Build {offered}."],
 
 	nothing: ["There was nothing to install", "Es gab nichts zu installieren"],
-	nothingText: ["The update server has nothing newer for this router.", "Der Update-Server hat nichts Neueres für diesen Router."],
 	lost: ["The answer of the update was lost", "Die Antwort der Aktualisierung ging verloren"],
-	lostText: ["The update service or the bus was restarted meanwhile. Whether the firmware was installed, nobody can say. See which version runs here, then try again.", "Inzwischen wurde der Update-Dienst oder der Bus neu gestartet. Ob die Firmware installiert wurde, kann niemand sagen. Sehen Sie nach, welche Version hier läuft, und versuchen Sie es erneut."],
+	lostText: ["The update service or the bus was restarted. Nobody can say what became of the update: see which version runs here, then try again.", "Der Update-Dienst oder der Bus wurde neu gestartet. Was aus der Aktualisierung wurde, ist unbekannt: Sehen Sie nach, welche Version läuft, und versuchen Sie es erneut."],
 	failed: ["The update failed", "Die Aktualisierung ist fehlgeschlagen"],
-	failed2: ["The firmware could not be downloaded. Nothing was changed. Is the router online, and is enough memory free?", "Die Firmware ließ sich nicht laden. Nichts wurde verändert. Ist der Router online und genug Speicher frei?"],
-	failed3: ["The firmware did not pass its check: it is damaged, or for another model. Nothing was changed.", "Die Firmware hat die Prüfung nicht bestanden: Sie ist beschädigt oder für ein anderes Modell. Nichts wurde verändert."],
-	failed5: ["The firmware could not be written.", "Die Firmware ließ sich nicht schreiben."],
+	failed2: ["The firmware could not be downloaded. Nothing was changed. Is the router online, with enough free memory?", "Die Firmware ließ sich nicht laden. Nichts wurde verändert. Ist der Router online, mit genug freiem Speicher?"],
+	failed3: ["The firmware is damaged, or made for another model. Nothing was changed.", "Die Firmware ist beschädigt oder für ein anderes Modell. Nichts wurde verändert."],
 	failed6: ["Another update is running. If none is to be seen, restart the router.", "Eine andere Aktualisierung läuft. Ist keine zu sehen, starten Sie den Router neu."],
 	failedOther: ["It ended with the unknown code {code}.", "Sie endete mit dem unbekannten Code {code}."],
 	daemonSays: ["The router says: {message}", "Der Router sagt: {message}"],
 	notStarted: ["Not started. {why}", "Nicht gestartet. {why}"],
 	foreign: ["Somebody else started this update.", "Diese Aktualisierung hat jemand anders gestartet."],
-	pageOnlyWatches: ["This page only watches: closing it does not stop the update.", "Diese Seite sieht nur zu: Sie zu schließen hält die Aktualisierung nicht an."],
+	pageOnlyWatches: ["This page only watches. Closing it stops nothing.", "Diese Seite sieht nur zu. Sie zu schließen hält nichts an."],
 
 	away: ["The router does not answer. This page keeps trying.", "Der Router antwortet nicht. Diese Seite versucht es weiter."],
-	late: ["The router did not answer in time. Perhaps it is busy.", "Der Router hat nicht rechtzeitig geantwortet. Vielleicht ist er beschäftigt."],
-	garbled: ["The router gave an answer that this page does not understand.", "Der Router gab eine Antwort, die diese Seite nicht versteht."],
-	denied: ["This account may not do that, or the session has ended.", "Dieses Konto darf das nicht, oder die Sitzung ist abgelaufen."],
-	missing: ["A service that this page needs does not run on the router.", "Ein Dienst, den diese Seite braucht, läuft auf dem Router nicht."],
+	late: ["The router did not answer in time. It may be busy.", "Der Router hat nicht rechtzeitig geantwortet. Vielleicht ist er beschäftigt."],
+	garbled: ["This page does not understand the router's answer.", "Diese Seite versteht die Antwort des Routers nicht."],
+	denied: ["This account may not do that.", "Dieses Konto darf das nicht."],
+	missing: ["A service does not run on the router.", "Ein Dienst läuft auf dem Router nicht."],
 	bus: ["The router refused the call (status {status}).", "Der Router hat den Aufruf abgelehnt (Status {status})."],
 };
 
 const NO_SESSION = "0".repeat(32);
 const POLL_LIMIT = 15; // seconds; the daemon is silent for ten at a time
 const LONG_LIMIT = 75; // for what the gateway itself gives up after 60
+const SILENCE = 2000; // milliseconds
 const PERIOD = { job: 1000, restart: 2000, idle: 10000 }; // milliseconds between two looks
 const RESTART_LIMIT = 3; // minutes that an installer may take before the router goes away
 const AWAY_LIMIT = 10; // minutes
@@ -138,13 +126,13 @@ const PATH = /^\/[A-Za-z0-9._/-]{1,111}$/;
 const MIB = 1024 * 1024;
 
 // The daemon's stages of a job; all others are of a query.
-const JOB_STATES = ["FIRMWARE_CONNECT", "FIRMWARE_GET", "FIRMWARE_CHECK", "FIRMWARE_UPDATE"];
+const JOB_STATES = ["FIRMWARE_CONNECT", "FIRMWARE_CHECK", "FIRMWARE_UPDATE"];
 const STEPS = ["stepLoad", "stepVerify", "stepInstall", "stepRestart", "stepBack"];
 const STEP_OF = { asking: 0, loading: 0, verifying: 1, installing: 2, notRestarted: 2, restarting: 3, starting: 3, returned: 4 };
 const OPEN_STAGES = ["idle", "failed", "nothing", "lost", "notRestarted", "back"]; // nothing is under way
 
 const byId = (id) => document.getElementById(id);
-const language = (navigator.languages ?? []).map((name) => name.slice(0, 2).toLowerCase()).find((name) => LANGUAGES.includes(name)) ?? LANGUAGES[0];
+const language = navigator.languages.map((name) => name.slice(0, 2)).find((name) => LANGUAGES.includes(name)) ?? "en";
 
 // --- Texts
 
@@ -166,6 +154,8 @@ function shown(value) {
 }
 
 const oneLine = (value) => shown(value).replace(/\s+/g, " ").trim();
+
+const known = (value) => value || text("unknown");
 
 // Rewrites only what changed: screen readers speak every change.
 function setText(id, value) {
@@ -204,23 +194,24 @@ function save(name, value) {
 
 const page = {
 	session: load("session"), // {sid, user}
-	watch: load("watch"), // the update followed: {job, boot, installing, before, offer}
-	closed: load("closed"), // the job whose outcome was read and closed
-	why: "whyFirst", // what the sign-in form says
-	fault: "", // of the last look at the router
-	awaySince: null, // performance.now(), while the router does not answer
+	watch: load("watch"), // the update followed, see follow
+	closed: load("closed"), // the job whose outcome was read
+	why: "", // above the sign-in form
+	fault: "", // of the last look
+	awaySince: null, // by performance.now(), while nothing answers
 	wasAway: false, // since the installation began
 	fresh: false, // signed in after that
-	seenSince: 0, // performance.now() when this page first saw the installation
+	seenSince: 0, // when this page first saw the installation
 	mayUpdate: false,
 	plugin: true,
 	daemon: true,
 	job: null, // see readJob
-	state: null, // the daemon's state
+	state: null, // the daemon's
+	silent: false, // it does not say
 	board: null, // what runs here: {model, version, build}
-	check: null, // the answer of the last check: {data} or {fault}
-	busy: "", // what a button has started: check, file, start
-	verdict: null, // what came of the restart: {key, good, offered}
+	check: null, // the last one: {data} or {fault}
+	busy: "", // the button that is at work: check, file, start
+	verdict: null, // on the restart: {key, good, offered}
 	rate: null, // {now, time, perSecond}
 	startFault: "",
 };
@@ -239,7 +230,7 @@ async function call(object, method, args = {}, limit = POLL_LIMIT, sid = page.se
 	try {
 		const response = await fetch("/ubus", {
 			method: "POST", body: JSON.stringify(request), signal: stop.signal,
-			cache: "no-store", credentials: "omit", redirect: "error",
+			credentials: "omit", redirect: "error",
 		});
 		fault = "garbled"; // something is there
 		return understood(response.ok && JSON.parse(await response.text()));
@@ -270,7 +261,7 @@ async function signIn(event) {
 	const reply = await call("session", "login", { username: user, password: byId("password").value }, POLL_LIMIT, NO_SESSION);
 	const sid = field(reply.data, "ubus_rpc_session");
 	if (!/^[0-9a-f]{32}$/.test(sid)) {
-		setNote("sign-in-fault", reply.status === 6 ? text("wrongPassword") : text(reply.fault ?? "garbled", reply));
+		setNote("sign-in-fault", text(reply.status === 6 ? "wrongPassword" : reply.fault ?? "garbled", reply));
 		return;
 	}
 	byId("password").value = "";
@@ -278,20 +269,19 @@ async function signIn(event) {
 	save("session", { sid, user });
 	await looking; // one that began without this session says nothing
 	await look();
+	focusTitle();
+}
+
+function focusTitle() {
 	byId(byId("job").hidden ? "versions-title" : "job-title").focus();
 }
 
 function endSession(why) {
 	page.why = why;
-	byId("user").value = page.session.user;
+	byId("user").value = page.session?.user ?? "";
 	save("session", null);
 	render();
 	byId("password").focus();
-}
-
-async function signOut() {
-	await call("session", "destroy");
-	endSession("whyFirst");
 }
 
 // --- Looking at the router
@@ -320,7 +310,7 @@ async function pollSignedIn() {
 		return; // signed out meanwhile
 	noteAnswer(reply);
 	if (reply.fault === "denied") {
-		endSession(page.watch ? "whyEndedJob" : "whyEnded");
+		endSession("whyEnded");
 		return;
 	}
 	// The plugin comes and goes with the session service: without it, an old session waits.
@@ -372,9 +362,15 @@ async function readBoard() {
 }
 
 async function readState() {
+	const timer = setTimeout(() => {
+		page.silent = true;
+		render();
+	}, SILENCE);
 	const reply = await call("fwupdate", "state");
+	clearTimeout(timer);
 	if (reply.fault === "late")
 		return; // busy with a query or a check: what was seen before still holds
+	page.silent = false;
 	page.daemon = reply.fault !== "missing";
 	page.state = reply.data ?? null;
 }
@@ -413,7 +409,7 @@ function judgeRestart() {
 	}
 	const offer = watch.offer ?? { version: "", build: "" };
 	const good = board.build ? Number(board.build) === Number(offer.build) : changed && board.version === offer.version;
-	page.verdict = { key: good ? "backNew" : changed ? "backOther" : "backOld", good, offered: offer.build || text("unknown") };
+	page.verdict = { key: good ? "backNew" : changed ? "backOther" : "backOld", good, offered: known(offer.build) };
 	save("watch", null);
 }
 
@@ -443,12 +439,9 @@ function stage() {
 }
 
 function jobStage() {
-	const progress = page.state?.progress;
-	if (["FIRMWARE_CHECK", "FIRMWARE_UPDATE", "WAIT_DELAY"].includes(stateName()))
-		return "verifying";
-	if (!JOB_STATES.includes(stateName()))
-		return "asking";
-	return progress?.total > 0 && progress.now >= progress.total ? "verifying" : "loading";
+	if (stateName() === "FIRMWARE_CONNECT")
+		return page.silent ? "verifying" : "loading"; // the daemon answers nobody while it verifies
+	return ["FIRMWARE_CHECK", "FIRMWARE_UPDATE", "WAIT_DELAY"].includes(stateName()) ? "verifying" : "asking";
 }
 
 // --- What the buttons do
@@ -462,7 +455,7 @@ async function act(name, action) {
 	render();
 	await action();
 	page.busy = "";
-	render();
+	await look();
 }
 
 // A check or a test during a job would overwrite what the job shows: ask first.
@@ -487,7 +480,7 @@ function fileSentence(reply) {
 	const code = field(reply, "check_code");
 	if (field(reply, "error_code") === "4")
 		return text("fileUnset");
-	return /^(0|-[2-9]|-10)$/.test(code) ? text(`file${code}`) : text("fileOther", { code: oneLine(code) });
+	return /^(0|-[2-79])$/.test(code) ? text(`file${code}`) : text("fileOther", { code: oneLine(code) });
 }
 
 function submitFile(event) {
@@ -502,8 +495,8 @@ function submitFile(event) {
 function ask(force) {
 	const { board, check } = page;
 	setText("question-text", text("questionText", {
-		version: oneLine(check.data.version) || text("unknown"), build: oneLine(check.data.buildtime),
-		old: board.version || text("unknown"), oldBuild: board.build || text("unknown"),
+		version: known(oneLine(check.data.version)), build: oneLine(check.data.buildtime),
+		old: known(board.version), oldBuild: known(board.build),
 	}));
 	byId("yes").onclick = () => {
 		byId("question").close();
@@ -516,21 +509,18 @@ function ask(force) {
 async function start(force) {
 	page.verdict = null;
 	const reply = await call("fwupdate-job", "start", { force });
-	// A late answer says nothing; the next look finds the job if there is one.
-	if (reply.fault)
-		page.startFault = text("notStarted", { why: text(reply.fault, reply) });
-	else if (reply.data.status !== 0)
-		page.startFault = text("notStarted", { why: startRefusal(reply.data) });
+	page.startFault = startRefusal(reply);
 	page.busy = "";
 	await look();
-	byId(byId("job").hidden ? "versions-title" : "job-title").focus();
+	focusTitle();
 }
 
-// fwupdate-cli's exit statuses
-function startRefusal({ status, message }) {
-	if (status === 4)
-		return text("elsewhere");
-	return status === 3 ? text("noDaemon") : oneLine(message) || text("garbled");
+// By fwupdate-cli's exit status. A late answer says nothing: the next look finds the job.
+function startRefusal({ fault, status, data }) {
+	if (data?.status === 0 || fault === "late")
+		return "";
+	const why = { 3: text("noDaemon"), 4: text("elsewhere") }[data?.status] ?? oneLine(data?.message);
+	return text("notStarted", { why: why || text(fault ?? "garbled", { status }) });
 }
 
 function closeJob() {
@@ -551,7 +541,7 @@ function render() {
 	show("who", page.session);
 	show("versions", page.session && page.board);
 	setText("account", shown(page.session?.user));
-	setText("sign-in-why", now === "returned" ? text("returnedText") : text(page.why));
+	setNote("sign-in-why", page.why && now !== "returned" ? text(page.why) : "");
 	setNote("connection", page.session && page.fault && !waiting ? text(page.fault, { status: "?" }) : page.startFault);
 	renderJob(now);
 	if (page.session && page.board)
@@ -560,9 +550,8 @@ function render() {
 
 function renderJob(now) {
 	show("job", now !== "idle");
-	const title = now === "idle" ? "" : text(now === "back" ? page.verdict.key : now);
+	const title = now === "idle" ? "" : text({ back: page.verdict?.key, starting: "restarting" }[now] ?? now);
 	setText("job-title", title);
-	setText("spoken", title);
 	if (now === "idle")
 		return;
 	const good = now === "back" && page.verdict.good;
@@ -607,19 +596,19 @@ function renderBar(now) {
 // The counter moves about once a second: the rate is taken between two moves.
 function measureRate(got) {
 	const time = performance.now();
-	const last = page.rate;
-	if (!last || got < last.now)
-		page.rate = { now: got, time, perSecond: 0 };
-	else if (got > last.now)
-		page.rate = { now: got, time, perSecond: (got - last.now) / (time - last.time) * 1000 };
+	const { now, time: then } = page.rate ?? {};
+	if (got !== now)
+		page.rate = { now: got, time, perSecond: got > now ? (got - now) / (time - then) * 1000 : 0 };
 }
 
 function jobText(now) {
 	const { job, board } = page;
 	if (now === "back")
-		return text(`${page.verdict.key}Text`, { version: board.version || text("unknown"), build: board.build || text("unknown"), offered: page.verdict.offered });
-	if (now === "loading" && !isTable(page.state.progress))
-		return text("sizeUnknown");
+		return text(`${page.verdict.key}Text`, { version: known(board.version), build: known(board.build), offered: page.verdict.offered });
+	if (now === "loading")
+		return isTable(page.state.progress) ? "" : text("sizeUnknown");
+	if (now === "asking" || now === "nothing")
+		return text(now === "asking" ? "checking" : "upToDate");
 	if (now !== "failed")
 		return text(`${now}Text`, { minutes: minutesInstalling() });
 	const code = field(job.answer, "error_code");
@@ -627,7 +616,7 @@ function jobText(now) {
 		return text("bus", { status: oneLine(String(job.status)) });
 	if (code === "1")
 		return text("noServer");
-	return ["2", "3", "5", "6"].includes(code) ? text(`failed${code}`) : text("failedOther", { code: oneLine(code) });
+	return ["2", "3", "6"].includes(code) ? text(`failed${code}`) : text("failedOther", { code: oneLine(code) });
 }
 
 // The daemon's own words, when it has more to say than the code.
@@ -647,8 +636,10 @@ function renderVersions() {
 	const { board, check, mayUpdate, plugin } = page;
 	const reply = field(check?.data, "error_code") === "0" ? check.data : null;
 	const due = field(reply, "need_update") === "1";
-	setList("here", [["version", board.version], ["build", board.build], ["model", board.model]]);
-	setList("offer", [["version", reply ? oneLine(reply.version) : "–"], ["build", reply ? oneLine(reply.buildtime) : "–"]]);
+	for (const name of ["version", "build", "model"])
+		setText(`here-${name}`, known(board[name]));
+	setText("offer-version", reply ? known(oneLine(reply.version)) : "–");
+	setText("offer-build", reply ? oneLine(reply.buildtime) : "–");
 	setText("verdict", verdictText(reply, due));
 	renderNotes(reply);
 	show("version-buttons", mayUpdate);
@@ -673,16 +664,6 @@ function verdictText(reply, due) {
 	if (!due)
 		return text("upToDate");
 	return text(Number(field(reply, "buildtime")) > Number(board.build) ? "newer" : "demanded");
-}
-
-function setList(id, entries) {
-	const list = byId(id);
-	if (!list.children.length)
-		list.append(...entries.flatMap(() => [document.createElement("dt"), document.createElement("dd")]));
-	entries.forEach(([key, value], index) => {
-		list.children[index * 2].textContent = text(key);
-		list.children[index * 2 + 1].textContent = value || text("unknown");
-	});
 }
 
 function renderNotes(reply) {
@@ -734,7 +715,7 @@ function begin() {
 		title.tabIndex = -1;
 	byId("sign-in-form").onsubmit = signIn;
 	byId("file-form").onsubmit = submitFile;
-	byId("sign-out").onclick = signOut;
+	byId("sign-out").onclick = () => call("session", "destroy").then(() => endSession(""));
 	byId("check").onclick = () => act("check", checkServer);
 	byId("update").onclick = () => ask(false);
 	byId("anyway").onclick = () => ask(true);
