@@ -144,7 +144,11 @@ class Page:
             PICTURES.mkdir(exist_ok=True)
             (PICTURES / f"web-{name}.png").write_bytes(png)
 
+    def everything(self):
+        return self.script("return location.href + '\\n' + document.body.innerText")
+
     def complaints(self):
-        """What the browser logged as an error, but for requests that found no router."""
+        """What the browser logged as an error, but for requests that found no router or a broken one."""
         return [entry["message"] for entry in self.driver.get_log("browser")
-                if entry["level"] == "SEVERE" and "net::ERR_" not in entry["message"]]
+                if entry["level"] == "SEVERE" and "net::ERR_" not in entry["message"]
+                and "Failed to load resource" not in entry["message"]]

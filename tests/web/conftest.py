@@ -70,3 +70,12 @@ def make_page(driver):
 @pytest.fixture
 def page(router, make_page):
     return make_page(router)
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item, call):
+    """A failed test says what the page showed."""
+    report = (yield).get_result()
+    page = item.funcargs.get("page")
+    if report.when == "call" and report.failed and page:
+        report.sections.append(("the page", page.everything()))

@@ -1,8 +1,11 @@
 # SPDX-License-Identifier: ISC
 """The simulated router with its web gateway, for the browser tests: switched on and off, and a
 shell on it meanwhile."""
+import http.client
+import json
 import os
 import pathlib
+import socket
 import subprocess
 import sys
 import threading
@@ -17,6 +20,19 @@ from relay import Relay  # noqa: E402
 OLD = {"revision": "r1234", "build": "171000000"}  # what testbed/rootfs says
 NEW = {"revision": "r1300", "build": "174200000"}
 NOTES = "Faster start, fewer surprises."
+
+
+class Connection(http.client.HTTPConnection):
+    """To the gateway's own socket, without a relay."""
+
+    def __init__(self, path):
+        super().__init__("router", timeout=WAIT)
+        self.path = str(path)
+
+    def connect(self):
+        self.sock = socket.socket(socket.AF_UNIX)
+        self.sock.settimeout(self.timeout)
+        self.sock.connect(self.path)
 
 
 class Router:
@@ -64,18 +80,38 @@ class Router:
         self.process.stdin.write(f"{{ {command}\n}} </dev/null 2>&1; printf '\\n\\001%d\\n' $?\n")
         self.process.stdin.flush()
         lines = []
+        bound = threading.Timer(3 * WAIT, self.process.kill)
+        bound.start()
         for line in self.process.stdout:
             if line.startswith("\x01"):
+                bound.cancel()
                 output = "".join(lines)[:-1]
                 assert line == "\x010\n", f"{command}: status {line[1:].strip()}: {output}"
                 return output
             lines.append(line)
-        raise AssertionError(f"{command}: the router ended")
+        bound.cancel()
+        raise AssertionError(f"{command}: the router ended, or this took more than {3 * WAIT:g} s")
 
     def wait_for(self, condition):
         """Waits until the shell's condition holds on the router."""
-        self.run(f"n=0; until {condition}; do n=$((n + 1)); [ $n -lt {int(WAIT * 20)} ] || "
-                 "{ echo never; false; break; }; sleep 0.05; done")
+        tries = int(WAIT * 20)
+        self.run(f"n=0; until {condition}; do n=$((n + 1)); [ $n -lt {tries} ] || break; sleep 0.05; done; [ $n -lt {tries} ]")
+
+    def call(self, sid, name, method, args, path=None):
+        """A call through the gateway; returns its answer."""
+        request = {"jsonrpc": "2.0", "id": 1, "method": "call", "params": [sid, name, method, args]}
+        return json.loads(self.post(json.dumps(request).encode(), path).read())
+
+    def post(self, body, path=None):
+        return self.request("POST", "/ubus", body, gateway=path)
+
+    def request(self, verb, path, body=None, headers=None, gateway=None):
+        connection = Connection(gateway or self.shared / "http")
+        connection.request(verb, path, body, headers or {})
+        return connection.getresponse()
+
+    def end_session(self, sid, path=None):
+        assert self.call(sid, "session", "destroy", {}, path)["result"] == [0]
 
     # --- The update server
 
@@ -103,7 +139,14 @@ class Router:
     def release(self):
         (self.shared / "released").touch()
 
-    def make_image(self, model="MODEL-X", size=512 * 1024):
+    def lose_the_daemon(self):
+        self.run('p=$(pidof fwupdate) && [ "$p" ] && kill -9 $p')
+        self.wait_for("! ubus list fwupdate >/dev/null 2>&1")
+
+    def bring_the_daemon_back(self):
+        self.run("setsid /usr/sbin/fwupdate >/dev/null 2>&1 & ubus -t 10 wait_for fwupdate")
+
+    def make_image(self, model="MODEL-X", size=2048 * 1024):
         payload = self.shared / "payload"
         payload.write_bytes(os.urandom(size))
         subprocess.run(["mkimage", "-A", "arm", "-O", "linux", "-T", "kernel", "-C", "none", "-a", "0x80008000",

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: ISC
 """Runs on the simulated router, as the far end of its cable. Sends half of a file, and the rest when
-FOLDER/released is there. Usage: slow_server.py FILE FOLDER known|unknown (the size); writes FOLDER/port."""
+FOLDER/released is there, so that a test can look at a download for as long as it wants. Usage: slow_server.py FILE FOLDER known|unknown (the size); writes FOLDER/port."""
 import http.server
 import os
 import sys
@@ -18,13 +18,12 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.send_header("Content-Length", str(len(content)))
         self.end_headers()
         half = len(content) // 2
-        self.wfile.write(content[:half])
+        # In pieces over two seconds: the daemon counts once a second.
+        for start in range(0, half, half // 20):
+            self.wfile.write(content[start:min(start + half // 20, half)])
+            time.sleep(0.1)
         while not os.path.exists(f"{folder}/released"):
             time.sleep(0.05)
-            # A byte now and then: the daemon reports progress only when something comes.
-            if half < len(content) - 1000:
-                self.wfile.write(content[half:half + 1])
-                half += 1
         self.wfile.write(content[half:])
 
 

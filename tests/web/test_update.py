@@ -1,13 +1,23 @@
 # SPDX-License-Identifier: ISC
 """The way of an update through the page, from signing in to "back", and its other ends."""
+from browser import wait_until
 from router import NEW, OLD
 
 
-def install(router, page):
+def install(router, page, button="update"):
     """As far as the installer's start; the router still runs."""
-    page.start_update()
+    page.start_update(button)
     page.await_stage("Installing")
     router.await_installer()
+
+
+def restart(router, page, runs):
+    """Signed in again on what the router runs after its restart."""
+    router.power_off()
+    page.await_stage("Restarting")
+    router.power_on(runs)
+    page.await_stage("The router answers again")
+    page.sign_in()
 
 
 def test_whole_way_from_signing_in_to_back(router, page):
@@ -15,8 +25,8 @@ def test_whole_way_from_signing_in_to_back(router, page):
     page.open()
     page.picture("sign-in")
     page.open_and_sign_in()
-    assert "r1234" in page.text("here") and "171000000" in page.text("here")
-    assert "r1300" in page.text("offer") and "174200000" in page.text("offer")
+    assert [page.text(name) for name in ("here-version", "here-build", "here-model")] == ["r1234", "171000000", "Model-X"]
+    assert [page.text(name) for name in ("offer-version", "offer-build")] == ["r1300", "174200000"]
     assert page.text("notes") == "Faster start, fewer surprises."
     assert page.text("verdict") == "A newer version is available."
     page.picture("available")
@@ -29,9 +39,11 @@ def test_whole_way_from_signing_in_to_back(router, page):
     page.picture("question")
     page.click("yes")
     page.await_stage("Downloading")
-    page.await_text("figures", "of 0.5 MiB")
+    page.await_text("figures", "of 2.0 MiB")
     page.await_text("figures", "MiB/s")
+    assert "%" in page.text("figures")
     assert not page.find("check").is_enabled()
+    page.await_text("figures", "50 %")
     page.picture("downloading")
     router.release()
 
@@ -40,6 +52,7 @@ def test_whole_way_from_signing_in_to_back(router, page):
     router.await_installer()
     router.power_off()
     page.await_stage("Restarting")
+    assert not page.visible("sign-in")
     page.picture("restarting")
     router.power_on(NEW)
     page.await_stage("The router answers again")
@@ -49,3 +62,166 @@ def test_whole_way_from_signing_in_to_back(router, page):
     assert page.text("job-text") == "The router has restarted. It runs version r1300 (build 174200000)."
     page.await_text("verdict", "This router is up to date.")
     page.picture("done")
+    page.click("close-job")
+    page.await_hidden("job")
+
+
+def test_verifying_is_shown(router, page):
+    """The daemon answers nobody while it verifies. What is no U-Boot image is left to fwtool: it takes its time."""
+    (router.served / "firmware.bin").write_bytes(b"no U-Boot image" * 100)
+    router.run("printf '#!/bin/sh\\nuntil [ -e %s/checked ]; do sleep 0.05; done; exit 1' "
+               f"{router.shared} >/usr/bin/fwtool; chmod 755 /usr/bin/fwtool")
+    router.offer_slowly()
+    page.open_and_sign_in()
+    page.start_update()
+    page.await_text("figures", "50 %")
+    router.release()
+    page.await_stage("Verifying")
+    page.picture("verifying")
+    (router.shared / "checked").touch()
+    page.await_stage("The update failed")
+
+
+def test_failed_check_says_why(router, page):
+    router.make_image(model="MODEL-Y")
+    router.offer()
+    page.open_and_sign_in()
+    page.start_update()
+    page.await_stage("The update failed")
+    assert page.text("job-text") == "The firmware is damaged, or made for another model. Nothing was changed."
+    assert page.text("job-detail") == "The router says: Error on checking firmware"
+    page.picture("failed")
+    assert page.find("update").is_enabled()
+    page.click("close-job")
+    page.await_hidden("job")
+    page.open()
+    page.await_text("verdict", "A newer version")
+    assert not page.visible("job"), "an outcome that was closed stays closed"
+
+
+def test_failed_download_says_why(router, page):
+    (router.served / "firmware.bin").unlink()
+    router.offer(url="http://192.0.2.1:9/firmware.bin")
+    page.open_and_sign_in()
+    page.start_update()
+    page.await_stage("The update failed")
+    assert page.text("job-text").startswith("The firmware could not be downloaded. Nothing was changed.")
+
+
+def test_unknown_size_is_said(router, page):
+    router.offer_slowly(size_known=False)
+    page.open_and_sign_in()
+    page.start_update()
+    page.await_stage("Downloading")
+    page.await_text("job-text", "The server has not said how large the firmware is.")
+    assert page.text("figures") == ""
+    assert not page.script("return document.getElementById('progress').hasAttribute('value')")
+    page.picture("size-unknown")
+
+
+def test_same_build_can_be_installed_anyway(router, page):
+    page.open_and_sign_in()
+    assert page.text("verdict") == "This router is up to date."
+    page.picture("up-to-date")
+    assert not page.visible("update")
+    assert not page.visible("anyway"), "it is tucked away"
+    page.find("anyway-part").click()
+    page.picture("anyway")
+    install(router, page, "anyway")
+    assert '"force_update":"1"' in router.run("fwupdate-cli result --json")
+    restart(router, page, OLD)
+    page.await_stage("Done: the offered version runs")
+
+
+def test_older_build_is_no_update(router, page):
+    router.offer(build="170000000", version="r1100")
+    page.open_and_sign_in()
+    assert page.text("verdict") == "This router is up to date."
+    assert page.text("offer-version") == "r1100"
+
+
+def test_demanded_older_build_is_an_update(router, page):
+    router.offer(build="170000000", version="r1100", more="<force_update>1</force_update>")
+    page.open_and_sign_in()
+    assert page.text("verdict") == "The update server demands this version, newer or not."
+    assert page.visible("update")
+
+
+def test_old_version_after_the_restart_is_no_success(router, page):
+    router.offer()
+    page.open_and_sign_in()
+    install(router, page)
+    restart(router, page, OLD)
+    page.await_stage("The router still runs the old version")
+    assert "version r1234 (build 171000000) as before. Build 174200000 was not installed" in page.text("job-text")
+    page.picture("still-old")
+
+
+def test_other_version_after_the_restart_is_said(router, page):
+    router.offer()
+    page.open_and_sign_in()
+    install(router, page)
+    restart(router, page, {"revision": "r1299", "build": "174100000"})
+    page.await_stage("The router runs another version")
+    assert "runs version r1299 (build 174100000). Build 174200000 was on offer." in page.text("job-text")
+    page.picture("other-version")
+
+
+def test_router_that_does_not_restart_is_no_success(router, page):
+    """The installer refused: the old system is still there minutes later."""
+    router.offer()
+    page.open_and_sign_in()
+    install(router, page)
+    page.put_clock_forward(2)
+    page.await_stage("Installing")
+    page.put_clock_forward(1.1)
+    page.await_stage("The router did not restart")
+    assert "3 minutes ago" in page.text("job-text")
+    page.picture("did-not-restart")
+    page.click("close-job")
+    page.await_hidden("job")
+    page.click("check")
+    page.await_text("verdict", "A newer version")
+
+
+def test_page_opened_after_the_installer_refused_knows_it(router, page):
+    """The router's own clock says how long ago: no page was open meanwhile."""
+    router.offer()
+    router.run("fwupdate-cli update --yes")
+    router.await_installer()
+    router.run("""printf '#!/bin/sh\\necho $(($(busybox date +%%s) + 200))\\n' >/bin/later
+        chmod 755 /bin/later; mv -f /bin/later /bin/date""")
+    page.open()
+    page.sign_in()
+    page.await_stage("The router did not restart")
+
+
+def test_router_that_stays_away_gets_a_hint(router, page):
+    router.offer()
+    page.open_and_sign_in()
+    install(router, page)
+    router.power_off()
+    page.await_stage("Restarting")
+    page.put_clock_forward(9)
+    missed = router.relay.missed
+    wait_until(lambda: router.relay.missed > missed + 1, "the page looks again")
+    assert not page.visible("job-hint")
+    page.put_clock_forward(1.1)
+    page.await_visible("job-hint")
+    assert "It has been away for 10 minutes. Perhaps it has another address now, or a certificate" in page.text("job-hint")
+    page.picture("long-away")
+
+
+def test_lost_connection_is_no_restart(router, page):
+    """The cable was out, longer than a session lasts; the same system comes back."""
+    router.offer()
+    page.open_and_sign_in()
+    install(router, page)
+    socket, hidden = router.shared / "http", router.shared / "hidden"
+    socket.rename(hidden)
+    page.await_stage("Restarting")
+    router.end_session(page.session()["sid"], hidden)
+    hidden.rename(socket)
+    page.await_stage("The router answers again")
+    page.sign_in()
+    page.await_stage("Installing")

@@ -1,0 +1,87 @@
+# SPDX-License-Identifier: ISC
+"""What package/fwupdate-web says and installs, by its own Makefile."""
+import json
+import re
+
+import jsonschema
+import pytest
+
+from simulated_router import PROJECT
+from test_fwupdate import BUS_SCHEMA, SESSION_SCHEMA, install_package
+
+SOURCES = {
+    "usr/libexec/rpcd/fwupdate-job": ("fwupdate-job", 0o755),
+    "usr/share/acl.d/fwupdate-web.json": ("bus-acl.json", 0o644),
+    "usr/share/rpcd/acl.d/fwupdate-web.json": ("session-acl.json", 0o644),
+    "www/fwupdate/index.html": ("index.html", 0o644),
+    "www/fwupdate/page.css": ("page.css", 0o644),
+    "www/fwupdate/page.js": ("page.js", 0o644),
+}
+
+
+@pytest.fixture(scope="module")
+def root(tmp_path_factory):
+    folder = tmp_path_factory.mktemp("root")
+    install_package("fwupdate-web", folder)
+    return folder
+
+
+@pytest.fixture(scope="module")
+def fields():
+    return dict(line.split("=", 1) for line in install_package("--fields", "fwupdate-web").splitlines())
+
+
+def test_installs_the_page_and_no_other_file(root):
+    files = [path for path in root.rglob("*") if path.is_file()]
+    assert {str(path.relative_to(root)) for path in files} == set(SOURCES)
+    for path in files:
+        source, mode = SOURCES[str(path.relative_to(root))]
+        assert path.read_bytes() == (PROJECT / "web" / source).read_bytes()
+        assert path.stat().st_mode & 0o777 == mode
+
+
+def test_simulated_router_has_the_same_files_at_the_same_places():
+    init = (PROJECT / "testbed/rootfs/sbin/init").read_text()
+    for name, (source, _) in SOURCES.items():
+        folder = name.rsplit("/", 1)[0]
+        assert f"$source/{source}" in init and folder in init, name
+
+
+def test_fields_follow_the_feeds_conventions(fields):
+    assert fields["PKG_LICENSE"] == "ISC" and fields["PKG_RELEASE"].isdigit()
+    assert fields["fwupdate-web.PKGARCH"] == "all", "there is nothing to compile in it"
+    assert fields["fwupdate-web.DEPENDS"].split() == ["+fwupdate", "+rpcd", "+uhttpd", "+uhttpd-mod-ubus"]
+    assert len(fields["fwupdate-web.TITLE"]) <= 60
+
+
+def test_version_is_the_daemons(fields):
+    cmake = (PROJECT / "CMakeLists.txt").read_text()
+    assert f"project(fwupdate VERSION {fields['PKG_VERSION']} " in cmake
+
+
+def test_daemons_package_comes_without_the_page(tmp_path):
+    """A router without a web server does not get it."""
+    install_package("fwupdate", tmp_path)
+    assert not (tmp_path / "www").exists() and not (tmp_path / "usr/libexec").exists()
+
+
+def test_access_lists_are_well_formed(root):
+    jsonschema.validate(json.loads((root / "usr/share/acl.d/fwupdate-web.json").read_text()), BUS_SCHEMA)
+    jsonschema.validate(json.loads((root / "usr/share/rpcd/acl.d/fwupdate-web.json").read_text()), SESSION_SCHEMA)
+
+
+def test_access_lists_name_each_call_of_the_page_and_no_other(root):
+    script = (root / "www/fwupdate/page.js").read_text()
+    called = set(re.findall(r'call\("([\w-]+)", "(\w+)"', script))
+    called |= {("fwupdate", method) for method in re.findall(r'callWhenIdle\("(\w+)"', script)}
+    rights = json.loads((root / "usr/share/rpcd/acl.d/fwupdate-web.json").read_text())["fwupdate-web"]
+    granted = {(name, method) for kind in ("read", "write")
+               for name, methods in rights[kind]["ubus"].items() for method in methods}
+    assert granted == called - {("session", "login")}  # which everybody may call
+    bus = json.loads((root / "usr/share/acl.d/fwupdate-web.json").read_text())["access"]
+    assert {(name, method) for name, entry in bus.items() for method in entry["methods"]} == called
+
+
+def test_only_looking_is_reading(root):
+    rights = json.loads((root / "usr/share/rpcd/acl.d/fwupdate-web.json").read_text())["fwupdate-web"]
+    assert rights["write"]["ubus"] == {"fwupdate": ["test"], "fwupdate-job": ["start"]}

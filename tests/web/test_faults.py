@@ -1,0 +1,168 @@
+# SPDX-License-Identifier: ISC
+"""Services that are not there, and answers that are no answers."""
+import pytest
+
+import answers
+from browser import wait_until
+
+
+def test_no_daemon(router, page):
+    router.lose_the_daemon()
+    page.open()
+    page.sign_in()
+    page.await_text("verdict", "The update service does not run. Restarting the router brings it back.")
+    assert page.text("here-version") == "r1234"
+    page.picture("no-daemon")
+    router.bring_the_daemon_back()
+    router.offer()
+    page.click("check")
+    page.await_text("verdict", "A newer version")
+
+
+def test_daemon_that_ended_starts_no_update(router, page):
+    router.offer()
+    page.open_and_sign_in()
+    router.lose_the_daemon()
+    page.start_update()
+    page.await_text("connection", "Not started. The update service does not run.")
+
+
+def test_update_server_that_is_down(router, page):
+    router.run("kill $(cat /var/run/nginx.pid)")
+    page.open()
+    page.sign_in()
+    page.await_text("verdict", "The update server could not be asked, or its answer was of no use. Is the router online?")
+    assert not page.visible("update") and not page.visible("anyway-part")
+    page.picture("server-down")
+
+
+def test_gateway_that_is_down(router, page):
+    """The router went away for another reason than an update."""
+    page.open_and_sign_in()
+    page.script("document.dispatchEvent(new Event('visibilitychange'))")
+    router.power_off()
+    page.script("document.dispatchEvent(new Event('visibilitychange'))")
+    page.await_text("connection", "The router does not answer. This page keeps trying.")
+    page.picture("no-answer")
+    router.power_on()
+    page.await_visible("sign-in")
+
+
+def test_signing_in_while_the_router_is_away(router, page):
+    page.open()
+    router.power_off()
+    page.sign_in()
+    page.await_text("sign-in-fault", "The router does not answer.")
+
+
+def test_no_plugin(router, page):
+    """As on a router that has the page, but not what stands behind it."""
+    missing = answers.instead_of("status", answers.error(-32000))
+    router.relay.fault = missing
+    router.offer()
+    page.open_and_sign_in()
+    assert page.text("verdict") == "A newer version is available."
+    assert page.text("read-only").startswith("fwupdate-job does not answer")
+    assert not page.visible("update")
+    page.picture("no-plugin")
+
+
+def test_check_that_takes_longer_than_the_gateway_waits(make_router, make_page):
+    router = make_router("--web-limit", "1")
+    page = make_page(router)
+    page.open_and_sign_in()
+    router.run("p=$(pidof fwupdate) && kill -STOP $p")
+    page.click("check")
+    page.await_text("verdict", "The router did not answer in time. It may be busy.")
+    router.run("kill -CONT $(pidof fwupdate)")
+
+
+BROKEN = {
+    "nothing": b"",
+    "no HTTP": b"\x00\xff garbage\r\n\r\n",
+    "no JSON": answers.http(b"<html>Bad Gateway</html>"),
+    "cut": answers.http(b'{"jsonrpc":"2.0","id":1,"resu', announced=500),
+    "empty": answers.http(b""),
+    "an array": answers.http(b"[]"),
+    "null": answers.http(b"null"),
+    "no result": answers.http(b'{"jsonrpc":"2.0","id":1}'),
+    "a text for a result": answers.http(b'{"result":"0"}'),
+    "a text for a status": answers.http(b'{"result":["0",{}]}'),
+    "an unknown error": answers.error(-1),
+    "an error without a code": answers.http(b'{"error":{}}'),
+    "a list for the data": answers.result(b"[1]"),
+    "no fields": answers.result(b"{}"),
+    "null for the data": answers.result(b"null"),
+    "fields of the wrong type": answers.result(
+        b'{"version":{"a":1},"buildtime":[],"releasenotes":7,"need_update":true,"error_code":0,'
+        b'"update":"x","boot":5,"now":"y","state":[],"progress":3,"release":9,"access":"yes","model":{}}'),
+    "an HTTP error": b"HTTP/1.1 502 Bad Gateway\r\nContent-Length: 2\r\n\r\n{}",
+    "a redirection": b"HTTP/1.1 302 Found\r\nLocation: http://127.0.0.1:9/\r\nContent-Length: 0\r\n\r\n",
+    "a bus status": answers.http(b'{"jsonrpc":"2.0","id":1,"result":[9]}'),
+}
+
+
+
+
+def test_check_whose_answer_is_none(router, page):
+    router.offer()
+    page.open_and_sign_in()
+    for what, raw in BROKEN.items():
+        router.relay.fault = answers.instead_of("check", raw)
+        page.click("check")
+        wait_until(lambda: page.find("check").is_enabled(), f"{what}: the check has ended")
+        assert page.text("verdict") and "newer" not in page.text("verdict"), what
+        assert not page.visible("update"), what
+    page.picture("not-understood")
+    router.relay.fault = lambda *_: False
+    page.click("check")
+    page.await_text("verdict", "A newer version is available.")
+
+
+def test_start_whose_answer_is_none(router, page):
+    """Nothing has started: the router never saw the call."""
+    router.offer()
+    page.open_and_sign_in()
+    for what, raw in BROKEN.items():
+        router.relay.fault = answers.instead_of("start", raw)
+        page.start_update()
+        wait_until(lambda: page.text("connection").startswith("Not started. "), f"{what} is said")
+        wait_until(lambda: page.find("update").is_enabled(), f"{what}: it can be tried again")
+    router.relay.fault = lambda *_: False
+    page.start_update()
+    page.await_stage("Installing")
+
+
+@pytest.mark.parametrize("method", ["status", "state", "board", "access"])
+def test_look_whose_answer_is_none(router, page, method):
+    """The page says so or shows what it can, and goes on as soon as answers are answers again."""
+    router.offer()
+    page.open_and_sign_in()
+    for what in ("nothing", "no JSON", "cut", "an array", "no fields", "fields of the wrong type", "a bus status"):
+        router.relay.fault = answers.instead_of(method, BROKEN[what])
+        page.open()
+        wait_until(lambda: page.visible("connection") or page.text("verdict"), f"{what} is dealt with")
+        assert not page.visible("job"), what
+    router.relay.fault = lambda *_: False
+    page.open()
+    page.await_text("verdict", "A newer version is available.")
+
+
+def test_late_answer_keeps_one_look_at_a_time(router, page):
+    """No second request goes out while one is under way."""
+    page.open_and_sign_in()
+    held = answers.Held("status")
+    asked = []
+
+    def fault(name, method, browser):
+        asked.append(method)
+        return held(name, method, browser)
+
+    router.relay.fault = fault
+    page.script("document.dispatchEvent(new Event('visibilitychange'))")
+    assert held.came.wait(20)
+    page.script("document.dispatchEvent(new Event('visibilitychange'))")
+    page.script("document.dispatchEvent(new Event('visibilitychange'))")
+    assert asked == ["status"]
+    held.release()
+    wait_until(lambda: "state" in asked, "the look goes on")

@@ -1,0 +1,83 @@
+# SPDX-License-Identifier: ISC
+"""Checking a file that is on the router."""
+import pytest
+
+import answers
+from browser import wait_until
+
+
+@pytest.fixture
+def ready(router, page):
+    page.open_and_sign_in()
+    page.find("file-part").click()
+    return page
+
+
+def check(page, path):
+    page.type("file", path)
+    page.click("file-button")
+
+
+def put_image(router, path, change=""):
+    router.run(f"cp /srv/update/firmware.bin {path}; {change or 'true'}")
+
+
+def flip(path, offset):
+    return f"printf x | dd of={path} bs=1 seek={offset} conv=notrunc 2>/dev/null"
+
+
+def test_good_file(router, ready):
+    put_image(router, "/tmp/good.bin")
+    check(ready, "/tmp/good.bin")
+    ready.await_text("file-result", "/tmp/good.bin: firmware for this router, and undamaged.")
+    ready.picture("file-good")
+
+
+def test_each_code_has_its_sentence(router, ready):
+    put_image(router, "/tmp/header.bin", flip("/tmp/header.bin", 40))
+    put_image(router, "/tmp/data.bin", flip("/tmp/data.bin", 9000))
+    router.make_image(model="MODEL-Y", size=4096)
+    put_image(router, "/tmp/other.bin")
+    router.run(": >/tmp/empty.bin; echo text >/tmp/text.bin")
+    for path, sentence in {
+            "/tmp/nothing.bin": "/tmp/nothing.bin: the file cannot be opened.",
+            "/tmp/empty.bin": "/tmp/empty.bin: the file is empty, or cannot be read.",
+            "/tmp/text.bin": "/tmp/text.bin: no firmware: neither a U-Boot image nor firmware metadata.",
+            "/tmp/header.bin": "/tmp/header.bin: damaged firmware: the checksum of its header is wrong.",
+            "/tmp/data.bin": "/tmp/data.bin: damaged firmware: the checksum of its data is wrong.",
+            "/tmp/other.bin": "/tmp/other.bin: firmware for another model."}.items():
+        check(ready, path)
+        ready.await_text("file-result", sentence)
+    ready.picture("file-bad")
+
+
+def test_codes_that_no_file_brings(router, ready):
+    for code, sentence in {"-3": "/x: no such file, or it cannot be examined.",
+                           "-11": "/x: unknown result -11.",
+                           "toString": "/x: unknown result toString.",
+                           "<b>": "/x: unknown result <b>."}.items():
+        reply = f'{{"error_code":"3","check_code":"{code}"}}'.encode()
+        router.relay.fault = answers.instead_of("test", answers.result(reply))
+        check(ready, "/x")
+        ready.await_text("file-result", sentence)
+
+
+def test_path_that_a_shell_could_misread_is_refused(router, ready):
+    calls = []
+    router.relay.fault = lambda name, method, browser: calls.append(method)
+    for path in ("tmp/x", "/tmp/a b", "/tmp/$(reboot)", "/tmp/x;y", "/" + "x" * 112, "/"):
+        check(ready, path)
+        ready.await_text("file-result", f"“{path}” is refused: a path begins with “/”")
+    assert "test" not in calls
+    check(ready, "/" + "x" * 111)
+    wait_until(lambda: "test" in calls, "the longest path is asked for")
+
+
+def test_no_check_during_an_update(router, ready):
+    """It would overwrite what the update shows."""
+    router.offer_slowly()
+    router.run("ubus call fwupdate check")
+    router.run("""setsid ubus -t 60 call fwupdate update '{"force":"1"}' >/dev/null 2>&1 &""")
+    router.wait_for("ubus call fwupdate state | grep -q FIRMWARE_CONNECT")
+    check(ready, "/tmp/x")
+    ready.await_text("file-result", "Not now: an update is running.")

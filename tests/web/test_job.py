@@ -1,0 +1,149 @@
+# SPDX-License-Identifier: ISC
+"""The update belongs to the router: pages, tabs and sessions come and go."""
+import json
+
+from browser import wait_until
+
+
+def downloading(router, page):
+    router.offer_slowly()
+    page.open_and_sign_in()
+    page.start_update()
+    page.await_stage("Downloading")
+
+
+def test_reload_in_the_middle_loses_nothing(router, page):
+    downloading(router, page)
+    page.open()
+    page.await_stage("Downloading")
+    assert page.text("account") == "root", "a reload does not ask for the password"
+    router.release()
+    page.await_stage("Installing")
+    page.open()
+    page.await_stage("Installing")
+
+
+def test_second_tab_sees_the_same_update(router, page):
+    downloading(router, page)
+    other = page.second_tab()
+    other.sign_in()
+    other.await_stage("Downloading")
+    assert not other.visible("update") or not other.find("update").is_enabled()
+    router.release()
+    other.await_stage("Installing")
+    page.look()
+    page.await_stage("Installing")
+
+
+def test_second_start_is_told_that_one_runs(router, page):
+    router.offer_slowly()
+    page.open_and_sign_in()
+    page.click("update")
+    router.run("fwupdate-cli update --yes --detach")
+    page.click("yes")
+    page.await_text("connection", "Not started. Not now: an update is running.")
+    page.await_stage("Downloading")
+    page.picture("busy")
+
+
+def test_update_started_at_the_prompt_is_seen(router, page):
+    router.offer_slowly()
+    page.open_and_sign_in()
+    router.run("fwupdate-cli update --yes --detach")
+    page.script("window.dispatchEvent(new Event('focus')); document.dispatchEvent(new Event('visibilitychange'))")
+    page.await_stage("Downloading")
+    assert not page.visible("job-hint")
+
+
+def test_update_started_on_the_bus_is_seen(router, page):
+    router.offer_slowly()
+    router.run("setsid ubus -t 60 call fwupdate update >/dev/null 2>&1 &")
+    router.wait_for("ubus call fwupdate state | grep -q FIRMWARE_CONNECT")
+    page.open()
+    page.sign_in()
+    page.await_stage("Downloading")
+    assert page.text("job-hint") == "Somebody else started this update."
+    assert page.text("verdict") == "", "a check would disturb it"
+    page.picture("started-elsewhere")
+    router.release()
+    page.await_stage("Installing")
+
+
+def test_session_that_ends_does_not_end_the_update(router, page):
+    downloading(router, page)
+    router.end_session(page.session()["sid"])
+    page.await_visible("sign-in")
+    assert page.text("sign-in-why") == "Your session has ended. An update goes on without it."
+    assert page.find("user").get_attribute("value") == "root"
+    page.picture("session-ended")
+    router.release()
+    page.sign_in()
+    page.await_stage("Installing")
+
+
+def test_session_that_ends_while_installing_is_no_restart(router, page):
+    downloading(router, page)
+    router.release()
+    page.await_stage("Installing")
+    router.end_session(page.session()["sid"])
+    page.await_visible("sign-in")
+    page.await_stage("Installing")
+    page.sign_in()
+    page.await_stage("Installing")
+    wait_until(lambda: page.visible("versions"), "signed in")
+    assert page.text("job-title") == "Installing"
+
+
+def test_lost_answer_is_said(router, page):
+    downloading(router, page)
+    router.lose_the_daemon()
+    page.await_stage("The answer of the update was lost")
+    router.bring_the_daemon_back()
+    page.picture("answer-lost")
+    page.click("close-job")
+    page.await_hidden("job")
+    page.click("check")
+    page.await_text("verdict", "A newer version")
+
+
+def test_answer_outlives_the_gateways_limit(make_router, make_page):
+    """An update takes longer than the gateway waits for any call."""
+    router = make_router("--web-limit", "2")
+    page = make_page(router)
+    downloading(router, page)
+    router.run("sleep 3")
+    page.await_stage("Downloading")
+    router.release()
+    page.await_stage("Installing")
+
+
+def test_plugin_lists_its_methods(router):
+    listed = json.loads(router.run("/usr/libexec/rpcd/fwupdate-job list"))
+    assert listed == {"start": {"force": True}, "status": {}}
+
+
+def test_plugin_says_what_nothing_is(router):
+    status = json.loads(router.run("echo {} | /usr/libexec/rpcd/fwupdate-job call status"))
+    assert status["update"] == {"job": "none"}
+    assert len(status["boot"]) == 36 and status["now"] > 1700000000
+
+
+def test_plugin_hands_words_on_as_json(router):
+    """Whatever the command says becomes one JSON string."""
+    router.run("""printf '#!/bin/sh\\nprintf "a \\\\"b\\\\" \\\\134 c\\\\n\\\\td\\\\001"; exit 1\\n' >/usr/bin/fwupdate-cli""")
+    reply = json.loads(router.run("echo {} | /usr/libexec/rpcd/fwupdate-job call start"))
+    assert reply["status"] == 1
+    assert reply["message"] == 'a "b" \\ c  d '
+
+
+def test_plugin_refuses_what_it_does_not_know(router):
+    said = router.run("/usr/libexec/rpcd/fwupdate-job call stop; [ $? = 2 ]")
+    assert said.startswith("Usage: fwupdate-job")
+
+
+def test_two_starts_at_once_give_one_job(router):
+    router.offer_slowly()
+    replies = router.run("""for n in 1 2 3; do
+        echo '{"force":true}' | /usr/libexec/rpcd/fwupdate-job call start & started="$started $!"
+        done; wait $started""")
+    assert sorted(json.loads(line)["status"] for line in replies.splitlines()) == [0, 4, 4]

@@ -1,0 +1,85 @@
+# SPDX-License-Identifier: ISC
+"""Who may do what."""
+from browser import wait_until
+
+
+def test_wrong_password_is_said(router, page):
+    page.open()
+    page.sign_in(password="wrong")
+    page.await_text("sign-in-fault", "User and password do not fit.")
+    page.picture("wrong-password")
+    page.sign_in()
+    page.await_visible("versions")
+
+
+def test_unknown_user_is_no_other_case(router, page):
+    page.open()
+    page.sign_in(user="nobody")
+    page.await_text("sign-in-fault", "User and password do not fit.")
+
+
+def test_read_only_account_sees_no_buttons(router, page):
+    router.offer()
+    page.open_and_sign_in("viewer", "look")
+    assert page.text("verdict") == "A newer version is available."
+    assert page.text("offer-version") == "r1300"
+    assert page.text("read-only") == "This account may look, but not update."
+    for name in ("update", "check", "anyway", "file-button", "anyway-part", "file-part"):
+        assert not page.visible(name), name
+    page.picture("read-only")
+
+
+def test_read_only_account_sees_a_running_update(router, page):
+    router.offer_slowly()
+    router.run("fwupdate-cli update --yes --detach")
+    page.open()
+    page.sign_in("viewer", "look")
+    page.await_stage("Downloading")
+
+
+def test_read_only_account_may_not_start(router, page):
+    router.offer()
+    page.open_and_sign_in("viewer", "look")
+    reply = page.script("""
+        const sid = JSON.parse(sessionStorage.getItem("fwupdate.session")).sid;
+        return fetch("/ubus", { method: "POST", body: JSON.stringify({ jsonrpc: "2.0", id: 1, method: "call",
+            params: [sid, "fwupdate-job", "start", {}] }) }).then((answer) => answer.json())""")
+    assert reply["error"]["code"] == -32002
+
+
+def test_ended_session_asks_again(router, page):
+    page.open_and_sign_in()
+    router.end_session(page.session()["sid"])
+    page.click("check")
+    page.await_visible("sign-in")
+    assert "Your session has ended." in page.text("sign-in-why")
+    page.sign_in()
+    page.await_visible("versions")
+
+
+def test_signing_out_ends_the_session(router, page):
+    page.open_and_sign_in()
+    sid = page.session()["sid"]
+    page.click("sign-out")
+    page.await_visible("sign-in")
+    assert not page.visible("versions")
+    assert page.session() is None
+    assert router.call(sid, "fwupdate", "state", {})["error"]["code"] == -32002
+
+
+def test_password_is_kept_nowhere(router, page):
+    page.open_and_sign_in()
+    assert page.find("password").get_attribute("value") == ""
+    assert "router" not in page.script("return JSON.stringify(sessionStorage) + JSON.stringify(localStorage) + location")
+
+
+def test_page_in_a_frame_does_nothing(router, page):
+    router.run("echo '<!DOCTYPE html><title>x</title><iframe src=/fwupdate/></iframe>' >/www/frame.html")
+    page.driver.get(page.address.replace("/fwupdate/", "/frame.html"))
+    wait_until(lambda: page.driver.find_elements("tag name", "iframe"), "the frame is there")
+    frame = page.driver.find_element("tag name", "iframe")
+    page.driver.switch_to.frame(frame)
+    wait_until(lambda: page.driver.find_elements("id", "connection"), "the page is in it")
+    page.await_text("connection", "This page does not work inside another one.")
+    assert not page.visible("sign-in")
+    page.driver.switch_to.default_content()
