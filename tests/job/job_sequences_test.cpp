@@ -43,13 +43,15 @@ enum Event {
 	partial_record,
 	whole_record,
 	failed_record_event,
+	record_without_size,
 	short_read,
 	end_of_pipe,
 	timer_fires,
 };
-constexpr const char *event_names[] = {"update",      "forced update", "check",	     "test",
-				       "record",      "whole record",  "bad record", "short read",
-				       "end of pipe", "timer fires"};
+constexpr const char *event_names[] = {
+	"update",     "forced update", "check",	     "test",
+	"record",     "whole record",  "bad record", "record without size",
+	"short read", "end of pipe",   "timer fires"};
 
 class JobSequences : public testing::Test
 {
@@ -113,7 +115,7 @@ private:
 
 	Event choose(const std::vector<Event> &events, Choices &choices) const
 	{
-		Event enabled[10];
+		Event enabled[std::size(event_names)];
 		int count = 0;
 		for (const Event event : events) {
 			if (possible(event, model_)) {
@@ -180,6 +182,8 @@ private:
 			return model_.take_record(world, 1000, 1000, 0);
 		case failed_record_event:
 			return model_.take_record(world, 1000, 1000, 22);
+		case record_without_size:
+			return model_.take_record(world, 0, 0, 0);
 		case short_read: // what it does not bring is that of the record before
 			return model_.take_record(world, 77, model_.received, model_.status);
 		case end_of_pipe:
@@ -209,6 +213,8 @@ private:
 			return report({1000, 1000, 0}, sizeof(ProgressRecord));
 		case failed_record_event:
 			return report({1000, 1000, 22}, sizeof(ProgressRecord));
+		case record_without_size:
+			return report({0, 0, 0}, sizeof(ProgressRecord));
 		case short_read:
 			return report({77, 0, 0}, sizeof(std::uint32_t));
 		case end_of_pipe:
@@ -379,7 +385,7 @@ private:
 TEST_F(JobSequences, EveryEventAtEveryPoint)
 {
 	run_all({update, forced_update, check, test, partial_record, whole_record,
-		 failed_record_event, short_read, end_of_pipe, timer_fires},
+		 failed_record_event, record_without_size, short_read, end_of_pipe, timer_fires},
 		4 - shorter);
 }
 

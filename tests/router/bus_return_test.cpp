@@ -9,6 +9,7 @@
 
 #include "router/update_fixture.h"
 #include "support/bus_connection.h"
+#include "testbed/bus_wire.h"
 
 using namespace router_test;
 
@@ -17,11 +18,11 @@ namespace
 
 constexpr const char *bus_socket = "/var/run/ubus/ubus.sock";
 
-// Stands where the broker listens and hangs up on everybody.
-class RudeBroker
+// Stands where the broker listens, and does with those who connect what the test says.
+class FakeBroker
 {
 public:
-	RudeBroker()
+	FakeBroker()
 	{
 		sockaddr_un address = {};
 		address.sun_family = AF_UNIX;
@@ -32,13 +33,14 @@ public:
 			throw std::runtime_error("the bus's socket cannot be bound");
 		}
 	}
-	~RudeBroker()
+	~FakeBroker()
 	{
+		close(client_);
 		close(listener_);
 		unlink(bus_socket);
 	}
-	RudeBroker(const RudeBroker &) = delete;
-	RudeBroker &operator=(const RudeBroker &) = delete;
+	FakeBroker(const FakeBroker &) = delete;
+	FakeBroker &operator=(const FakeBroker &) = delete;
 
 	// Waits for the next one who connects. False when nobody comes.
 	bool hang_up() const
@@ -50,7 +52,44 @@ public:
 		return true;
 	}
 
+	// Greets the next one, gives its object the number 5000, and keeps the connection. False
+	// when nobody comes, or with another wish.
+	bool welcome()
+	{
+		using namespace bus_wire;
+		if (!wait_readable(listener_, Deadline())) {
+			return false;
+		}
+		client_ = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+		send(message(HELLO, 0, 77));
+		if (!wait_readable(client_, Deadline())) {
+			return false;
+		}
+		char bytes[4096];
+		const ssize_t got = recv(client_, bytes, sizeof(bytes), 0);
+		if (got < 12) {
+			return false;
+		}
+		const Received wish = parse({bytes, static_cast<std::size_t>(got)});
+		send(message(DATA, wish.seq, 0, number(A_OBJID, 5000) + number(A_OBJTYPE, 6000)));
+		send(message(STATUS, wish.seq, 0, number(A_STATUS, 0)));
+		return wish.type == ADD_OBJECT && wish.text(A_OBJPATH) == "fwupdate";
+	}
+	// Whether the one who was welcomed has sent nothing since.
+	bool hears_nothing() const
+	{
+		char byte;
+		return recv(client_, &byte, 1, MSG_DONTWAIT) < 0;
+	}
+
 private:
+	void send(const std::string &bytes) const
+	{
+		EXPECT_EQ(::send(client_, bytes.data(), bytes.size(), MSG_NOSIGNAL),
+			  static_cast<ssize_t>(bytes.size()));
+	}
+
+	int client_ = -1;
 	int listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
 };
 
@@ -228,6 +267,23 @@ TEST_F(BusReturn, JobThatFailsMeanwhileLeavesNothing)
 	expect_installed();
 }
 
+// The new bus may have given the caller's number to somebody else.
+TEST_F(BusReturn, LostRequestIsAnsweredToNobody)
+{
+	PendingCall pending = start_hanging_job();
+	lose_bus();
+	{
+		FakeBroker broker;
+		ASSERT_TRUE(broker.welcome());
+		ASSERT_TRUE(eventually([&] { return daemon_sleeps(); }));
+		::kill(worker_of_download(1), SIGKILL);
+		EXPECT_TRUE(wait_until_gone(image_path)); // comes after the answer
+		EXPECT_TRUE(broker.hears_nothing());
+	}
+	restore_bus();
+	EXPECT_TRUE(wait_for_object("fwupdate"));
+}
+
 // A connection that fails half-way leaves the number of a closed descriptor behind. The pipe of
 // the next download gets that number, and nobody may close it.
 TEST_F(BusReturn, BrokerThatHangsUpDoesNotHarmADownload)
@@ -239,7 +295,7 @@ TEST_F(BusReturn, BrokerThatHangsUpDoesNotHarmADownload)
 	ASSERT_TRUE(files.wait_for_tool_calls(df_tool, 1));
 	lose_bus();
 	{
-		const RudeBroker broker;
+		const FakeBroker broker;
 		ASSERT_TRUE(broker.hang_up());
 		ASSERT_TRUE(server.wait_for_requests(firmware, 1));
 		ASSERT_TRUE(broker.hang_up());
@@ -287,7 +343,7 @@ TEST_F(BusReturn, EndsInOrderWhileTheBusIsAway)
 		start_daemon();
 		lose_bus();
 		{
-			const RudeBroker broker;
+			const FakeBroker broker;
 			ASSERT_TRUE(broker.hang_up());
 			daemon().process().signal(number);
 			EXPECT_TRUE(daemon().process().wait().success()) << number;
