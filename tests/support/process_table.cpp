@@ -51,6 +51,18 @@ bool read_entry(pid_t pid, ProcessEntry &entry)
 	return true;
 }
 
+long status_number(pid_t pid, std::string_view name)
+{
+	std::istringstream status(read_text(proc() / std::to_string(pid) / "status"));
+	std::string line;
+	while (std::getline(status, line)) {
+		if (line.starts_with(name)) {
+			return std::stol(line.substr(name.size()));
+		}
+	}
+	return 0;
+}
+
 } // namespace
 
 std::vector<ProcessEntry> all_processes()
@@ -134,14 +146,12 @@ std::set<std::string> mapped_files(pid_t pid)
 
 long resident_kib(pid_t pid)
 {
-	std::istringstream status(read_text(proc() / std::to_string(pid) / "status"));
-	std::string line;
-	while (std::getline(status, line)) {
-		if (line.starts_with("VmRSS:")) {
-			return std::stol(line.substr(6));
-		}
-	}
-	return 0;
+	return status_number(pid, "VmRSS:");
+}
+
+long mapped_kib(pid_t pid)
+{
+	return status_number(pid, "VmSize:");
 }
 
 std::vector<std::string> command_line(pid_t pid)

@@ -32,6 +32,8 @@ std::map<int, std::string> open_descriptors(pid_t pid);
 std::set<std::string> mapped_files(pid_t pid);
 // Resident memory in KiB, 0 for a process that is gone.
 long resident_kib(pid_t pid);
+// The size of its address space in KiB, likewise.
+long mapped_kib(pid_t pid);
 // The words a process was started with, as the kernel holds them.
 std::vector<std::string> command_line(pid_t pid);
 

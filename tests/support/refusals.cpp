@@ -9,6 +9,7 @@
 #include <linux/seccomp.h>
 #include <poll.h>
 #include <stdexcept>
+#include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
@@ -115,6 +116,89 @@ void with_second_open_refused(const std::function<void()> &step)
 	}
 	thread.join();
 	require(descriptor >= 0);
+}
+
+LateRefusals::LateRefusals(const std::vector<int> &calls, const std::function<void()> &start)
+    : stop_(eventfd(0, EFD_CLOEXEC))
+{
+	std::promise<int> listener;
+	std::exception_ptr failure;
+	std::thread thread([&] {
+		const int installed = install(make_filter(calls, SECCOMP_RET_USER_NOTIF),
+					      SECCOMP_FILTER_FLAG_NEW_LISTENER);
+		listener.set_value(installed);
+		try {
+			if (installed >= 0) {
+				start();
+			}
+		} catch (...) {
+			failure = std::current_exception();
+		}
+	});
+	listener_ = listener.get_future().get();
+	if (listener_ >= 0) {
+		answering_ = std::thread([this] { answer_all(); });
+	}
+	thread.join();
+	require(listener_ >= 0);
+	if (failure) {
+		std::rethrow_exception(failure);
+	}
+}
+
+LateRefusals::~LateRefusals()
+{
+	eventfd_write(stop_, 1);
+	if (answering_.joinable()) {
+		answering_.join();
+	}
+	close(listener_);
+	close(stop_);
+}
+
+void LateRefusals::refuse(pid_t pid, int error, std::size_t after)
+{
+	std::lock_guard lock(mutex_);
+	decision_ = {pid, error, after};
+}
+
+void LateRefusals::allow()
+{
+	refuse(0, 0);
+}
+
+LateRefusals::Decision LateRefusals::decide(pid_t pid)
+{
+	std::lock_guard lock(mutex_);
+	if (pid != decision_.pid) {
+		return {};
+	}
+	if (decision_.after > 0) {
+		decision_.after--;
+		return {};
+	}
+	return decision_;
+}
+
+void LateRefusals::answer_all()
+{
+	pollfd watched[] = {{.fd = listener_, .events = POLLIN, .revents = 0},
+			    {.fd = stop_, .events = POLLIN, .revents = 0}};
+	while (poll(watched, 2, -1) > 0 && watched[1].revents == 0 &&
+	       (watched[0].revents & POLLIN) != 0) {
+		seccomp_notif request = {};
+		if (ioctl(listener_, SECCOMP_IOCTL_NOTIF_RECV, &request) != 0) {
+			continue;
+		}
+		const Decision decision = decide(static_cast<pid_t>(request.pid));
+		seccomp_notif_resp response = {.id = request.id, .val = 0, .error = 0, .flags = 0};
+		if (decision.error != 0) {
+			response.error = -decision.error;
+		} else {
+			response.flags = SECCOMP_USER_NOTIF_FLAG_CONTINUE;
+		}
+		ioctl(listener_, SECCOMP_IOCTL_NOTIF_SEND, &response);
+	}
 }
 
 void without_capabilities(const std::function<void()> &step)

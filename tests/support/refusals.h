@@ -5,7 +5,11 @@
 // seccomp.
 #pragma once
 
+#include <cstddef>
 #include <functional>
+#include <mutex>
+#include <sys/types.h>
+#include <thread>
 #include <vector>
 
 namespace router_test
@@ -23,6 +27,35 @@ void with_pipes_refused(const std::function<void()> &step);
 
 // The same for the second file that the step opens; all others are opened.
 void with_second_open_refused(const std::function<void()> &step);
+
+// The same for a program that `start` starts, and later: its calls are refused from `refuse` to
+// `allow`. To be kept longer than the program: without its end the calls come to nothing.
+class LateRefusals
+{
+public:
+	LateRefusals(const std::vector<int> &calls, const std::function<void()> &start);
+	~LateRefusals();
+	LateRefusals(const LateRefusals &) = delete;
+
+	// Only the calls of that process itself, and only after the first so many.
+	void refuse(pid_t pid, int error, std::size_t after = 0);
+	void allow();
+
+private:
+	struct Decision {
+		pid_t pid = 0; // nobody
+		int error = 0;
+		std::size_t after = 0;
+	};
+	void answer_all();
+	Decision decide(pid_t pid);
+
+	int listener_ = -1;
+	int stop_ = -1;
+	std::mutex mutex_;
+	Decision decision_;
+	std::thread answering_;
+};
 
 // Runs `step` in a thread of its own for which a file's mode counts, although it is root's.
 void without_capabilities(const std::function<void()> &step);
