@@ -12,6 +12,6 @@ def slow_server(tmp_path_factory):
 
 @pytest.fixture
 def router(slow_server):
-    """A download takes some seconds."""
-    with Router("--server-rate", "1000000", server_root=slow_server) as router:
+    """A download takes five seconds."""
+    with Router("--server-rate", "500000", server_root=slow_server) as router:
         yield router
