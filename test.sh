@@ -231,7 +231,7 @@ quick)
 	;;
 web)
 	step "build: release" build_preset release fwupdate ubusd ubus jsonfilter fwtool routerd &&
-		step "test: web" test_part web
+		step "test: web" test_part web -n "$jobs"
 	;;
 vm)
 	step "build: virtual router" testbed/machine/build &&

@@ -7,7 +7,7 @@ import jsonschema
 import pytest
 
 from simulated_router import PROJECT
-from test_fwupdate import BUS_SCHEMA, SESSION_SCHEMA, install_package
+from test_package_fwupdate import BUS_SCHEMA, SESSION_SCHEMA, install_package
 
 SOURCES = {
     "usr/libexec/rpcd/fwupdate-job": ("fwupdate-job", 0o755),
