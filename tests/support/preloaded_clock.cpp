@@ -59,12 +59,13 @@ int clock_gettime(clockid_t clock, timespec *time) noexcept
 		return static_cast<int>(result);
 	}
 	if (tells_time_of_day(clock)) {
-		time->tv_sec += changes->wall_offset;
+		time->tv_sec += static_cast<time_t>(changes->wall_offset);
 	}
 	if (tells_time_since_start(clock)) {
 		const std::int64_t total = time->tv_nsec * changes->speed;
-		time->tv_sec = time->tv_sec * changes->speed + total / nanoseconds;
-		time->tv_nsec = total % nanoseconds;
+		time->tv_sec =
+			static_cast<time_t>(time->tv_sec * changes->speed + total / nanoseconds);
+		time->tv_nsec = static_cast<long>(total % nanoseconds);
 	}
 	return 0;
 }
