@@ -4,6 +4,7 @@
 # unless it asks.
 option(FWUPDATE_WERROR "Treat warnings as errors" OFF)
 option(FWUPDATE_HARDENING "Fortify, stack protector, RELRO, immediate binding" OFF)
+option(FWUPDATE_SMALL "No unwind tables, no build id, no padding in the file" OFF)
 option(FWUPDATE_SANITIZE "Address and undefined behaviour sanitizers, no recovery" OFF)
 
 add_compile_options(-Wall -Wextra -Wshadow -Wconversion)
