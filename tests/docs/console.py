@@ -99,7 +99,7 @@ def read_line(document, number, line, skip, fresh):
     """Adds one line of a block; returns whether the block still has no command."""
     last = document.commands[-1] if document.commands and not fresh else None
     if skip is not None:
-        if fresh:
+        if line[:2] in ("$ ", "# "):
             document.not_run.append((line[2:], skip))
         return False
     if last is not None and last.text.endswith("\\"):
@@ -156,7 +156,7 @@ class Runner:
 
     def _run(self, command):
         text = self._on_router(command.text) if command.router else self._here(command.text)
-        return re.sub(r"\x1b\[[0-9;]*[A-Za-z]", "", text.replace("\r\n", "\n")).splitlines()
+        return re.sub(r"\x1b\[[0-9;]*[A-Za-z]", "", text.replace("\r\n", "\n")).rstrip("\n").splitlines()
 
     def _here(self, text):
         environment = {**os.environ, "FWUPDATE_BUILD": build, "LC_ALL": "C.UTF-8",
