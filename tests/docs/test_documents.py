@@ -58,10 +58,10 @@ def test_links_lead_somewhere(path):
     assert missing == []
 
 
-@pytest.mark.parametrize("path", DOCUMENTS, ids=name)
+@pytest.mark.parametrize("path", [d for d in DOCUMENTS if d.name != "CHANGELOG.md"], ids=name)
 def test_named_files_exist(path):
     """`docs/x.md`, `testbed/router`: a path in backquotes that begins with a folder of
-    the project is a promise."""
+    the project is a promise. A changelog may name what is gone."""
     folders = "src|docs|tests|testbed|publish|cli|package|bench|fuzz|cmake|web"
     text = re.sub(r"```.*?```", "", path.read_text(), flags=re.S)
     named = set(re.findall(rf"`((?:{folders})/[A-Za-z0-9_./-]*[A-Za-z0-9_-])`", text))
