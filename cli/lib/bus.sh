@@ -62,8 +62,9 @@ is_number() {
 	esac
 }
 
-# A `check`, a `test` or another `update` rewrites the state and what the daemon knows of the server, under
-# the eyes of whoever follows a running update.
+# A `check`, a `test` or another `update` rewrites the state and what the daemon knows of
+# the server, under the eyes of whoever follows a running update; and an installer still
+# reads the image that the next download would replace.
 refuse_while_busy() {
 	find_job
 	if job_runs; then
@@ -73,6 +74,7 @@ refuse_while_busy() {
 	[ "$(field @.state)" != FIRMWARE_CONNECT ] ||
 		fail "$busy" "the daemon is downloading for somebody else." \
 			"'fwupdate-cli watch' follows it. If nothing moves there: /etc/init.d/fwupdate restart"
+	! pidof sysupgrade >/dev/null || fail "$busy" "an image is being installed; the router restarts soon."
 }
 
 # tell_error TEXT REASON: the daemon's text, the last line of its log if it has one, and

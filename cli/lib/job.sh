@@ -71,7 +71,9 @@ read_outcome() {
 		[ ! -e "$job/end" ] || read -r outcome detail ended <"$job/end"
 	fi
 	started=$(stored started)
+	started=${started:-0}
 	arguments=$(stored arguments)
+	arguments=${arguments:-"{}"}
 	answer=$(stored answer)
 	[ -d "$job" ] || read_outcome
 }
@@ -163,7 +165,7 @@ keep_answer() {
 			end="answered installing"
 		fi ;;
 	1) end="answered failed"
-		call state '{}' "$state_limit" && keep reason "$(field @.message)" ;;
+		call state '{}' $look_every && keep reason "$(field @.message)" ;;
 	6) end="answered busy" ;;
 	*) end="answered failed" ;;
 	esac

@@ -8,3 +8,8 @@ def kept(router):
 
 def await_download(router):
     router.wait_for("fwupdate-cli status --json | grep -q progress")
+
+
+def await_installer(router, times=1):
+    """The installer starts two seconds after the answer; until it has ended nothing else may."""
+    router.wait_for(f"test $(grep -c ^command /var/log/sysupgrade) -ge {times} && ! pidof sysupgrade")

@@ -4,7 +4,7 @@ import signal
 
 import pytest
 
-from kept_answer import await_download, kept
+from kept_answer import await_installer, kept
 
 GOOD = "Version 2.1.0 (build 174117600) was downloaded and is good."
 GOES_ON = "Stopped watching; the update goes on."
@@ -50,73 +50,11 @@ def test_signals_for_the_whole_group_end_the_watching_only(router):
     assert GOOD in router.run("fwupdate-cli watch").output
 
 
-def test_of_several_started_at_once_one_runs_and_the_others_are_told(router):
-    many = [router.open(f"{UPDATE} --detach") for _ in range(8)]
-    statuses = sorted(program.wait() for program in many)
-    assert statuses == [0, 4, 4, 4, 4, 4, 4, 4]
-    told = [program.output() for program in many if program.wait() == 4]
-    assert all("running already" in text or "somebody else" in text for text in told), told
-    assert router.run("fwupdate-cli watch").status == 0
-    assert router.run("ls -d /tmp/fwupdate-cli/job.* | wc -l").output == "1\n"
-    assert router.run("grep -c 'GET /firmware.bin' /var/log/nginx-access.log").output == "1\n"
-
-
-# All wait for the same moment; `won` has a line for each that took the job.
-RACE = """
-parts=/usr/share/fwupdate-cli; . $parts/job.sh; . $parts/bus.sh; failed=1
-for i in 1 2 3 4 5 6 7 8 9 10 11 12; do
-	( until [ -e /tmp/go ]; do :; done; ! claim_job '{}' || echo $i >>/tmp/won; sleep 3 ) &
-done
-sleep 1; touch /tmp/go; wait; wc -l </tmp/won; rm -rf /tmp/go /tmp/won
-"""
-
-
-def test_one_job_is_taken_by_one_only(router):
-    for _ in range(3):
-        assert router.run(RACE).output == "1\n"
-        router.run("echo 'answered nothing 0' | tee /tmp/fwupdate-cli/job.*/end")
-
-
-# While one looks at job 3, which is over, others take 4 and 5 and clear the old ones away.
-LATE = """
-parts=/usr/share/fwupdate-cli; . $parts/job.sh; . $parts/bus.sh; failed=1
-mkdir -p -m 700 $jobs/job.3
-job_runs() { mkdir $jobs/job.5; rm -r $jobs/job.3; return 1; }
-claim_job '{}' && echo won; ls $jobs
-"""
-
-
-def test_who_comes_late_does_not_take_a_number_that_is_free_again(router):
-    assert router.run(LATE).output == "job.5\n"
-
-
-@pytest.mark.parametrize("command", ["check", "check --json", "test /bin/busybox", "update --yes",
-                                     "update --detach --yes"])
-def test_what_would_disturb_a_running_update_is_refused(router, command):
-    router.run(f"{UPDATE} --detach")
-    before = kept(router)
-    refused = router.run(f"fwupdate-cli {command}", 80)
-    assert refused.status == 4
-    assert "'fwupdate-cli watch' follows it" in refused.output
-    assert kept(router) == before
-
-
-def test_an_update_of_somebody_else_is_met(router):
-    router.open("ubus -t 60 call fwupdate update '{\"attempts\":2}'")
-    await_download(router)
-    refused = router.run("fwupdate-cli update --yes")
-    assert refused.status == 4 and "for somebody else" in refused.output
-    watched = router.run("fwupdate-cli watch", 80)
-    assert watched.status == 0 and " % " in watched.output and "has ended" in watched.output
-
-
-def test_an_update_of_somebody_else_that_cannot_be_seen_is_told(router):
-    router.open("ubus -t 60 call fwupdate update '{\"attempts\":2,\"delay\":30}'")
-    router.wait_for("fwupdate-cli status --json | grep -q WAIT_DELAY")
-    refused = router.run("fwupdate-cli update --yes")
-    assert refused.status == 4 and "Already updating" in refused.output
-    assert kept(router)["result"] == "busy"
-    assert router.run("fwupdate-cli result").status == 4
+def test_a_job_that_never_began_is_told_in_whole_json(router):
+    """Its command was killed before anything but the folder was there."""
+    router.run("mkdir -p -m 700 /tmp/fwupdate-cli/job.7")
+    assert kept(router) == {"job": "lost", "started": 0, "arguments": {}, "lost": "call"}
+    assert router.run("fwupdate-cli update --detach --yes").status == 0
 
 
 def test_the_folder_is_private(router):
@@ -143,6 +81,7 @@ def test_a_folder_of_somebody_else_is_not_used(router, trap):
 def test_the_next_update_replaces_the_answer(router):
     router.run("fwupdate-cli update --yes")
     first = kept(router)
+    await_installer(router)
     router.run("fwupdate-cli update --yes --force")
     second = kept(router)
     assert second["arguments"]["force"] == "1"

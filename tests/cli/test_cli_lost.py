@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: ISC
 """fwupdate-cli says so when an answer is lost, and tells from the state what it can."""
-from kept_answer import await_download, kept
+from kept_answer import await_download, await_installer, kept
 
 
 def restart_bus(router):
@@ -40,6 +40,7 @@ def test_after_a_restart_of_the_bus_the_next_update_is_answered(router):
     restart_bus(router)
     told = router.run("fwupdate-cli watch")
     assert told.status == 1 and "The bus was restarted" in told.output
+    await_installer(router)
     assert router.run("fwupdate-cli update --yes").status == 0
 
 

@@ -4,6 +4,7 @@ import re
 
 import pytest
 
+from kept_answer import await_installer
 from simulated_router import Router, make_server
 
 SIZE = 3_000_000
@@ -31,8 +32,8 @@ def fast_router(server):
 
 
 def was_installed(router):
-    """The installer starts two seconds after the answer."""
-    return "sysupgrade -F /tmp/fwupdate.bin" in router.wait_for("cat /var/log/sysupgrade")
+    await_installer(router)
+    return "sysupgrade -F /tmp/fwupdate.bin" in router.run("cat /var/log/sysupgrade").output
 
 
 def is_untouched(router):
@@ -114,8 +115,10 @@ def test_the_bar_follows_the_terminals_width(router):
 
 def test_no_color_leaves_no_escape_sequence(router):
     assert b"\x1b" in router.run_raw("fwupdate-cli update --yes --force", 80)
+    await_installer(router)
     plain = router.run_raw("fwupdate-cli update --yes --force", 80, {"NO_COLOR": "1"})
     assert b"\x1b" not in plain and b"\r[#" in plain
+    await_installer(router, 2)
     dumb = router.run_raw("fwupdate-cli update --yes --force", 80, {"TERM": "dumb"})
     assert b"\x1b" not in dumb and b"\r[" not in dumb
 
@@ -172,6 +175,7 @@ def test_options_reach_the_daemon(fast_router):
 
 def test_one_attempt_is_warned_of(fast_router):
     assert "blocks the daemon" in fast_router.run("fwupdate-cli update --yes --attempts 1").output
+    await_installer(fast_router)
     assert "blocks the daemon" not in fast_router.run("fwupdate-cli update --yes --force").output
 
 
