@@ -25,7 +25,7 @@ FACTORY_FLASH = os.path.join(WORK, "flash")
 FIRMWARE = os.path.join(WORK, "firmware-r1300.bin")
 FLASH_SIZE = 64 << 20
 
-# On a busy machine a start takes more than a minute.
+# Seconds to wait for anything: on a busy machine a start takes minutes.
 PATIENCE = float(os.environ.get("FWUPDATE_VM_WAIT", 400))
 READY = b"\0ready\0"
 ANSWER = re.compile(rb"\0(ready|\d+)\0")
@@ -157,7 +157,7 @@ class Machine:
         """Asks the emulator's monitor; returns its answer."""
         begin = len(self.monitor.received)
         self.monitor.send(json.dumps({"execute": command, "arguments": arguments}).encode() + b"\n")
-        answer = json.loads(self.monitor.wait(rb'\{"(return|error)": [^\n]*\n', begin, 60).group())
+        answer = json.loads(self.monitor.wait(rb'\{"(return|error)": [^\n]*\n', begin).group())
         if "error" in answer:
             raise MachineError(f"{command}: {answer['error']}")
         return answer["return"]
