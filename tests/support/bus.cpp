@@ -90,6 +90,11 @@ bool PendingCall::finished()
 	return connection_->done;
 }
 
+int PendingCall::descriptor() const
+{
+	return connection_->context ? connection_->context->sock.fd : -1;
+}
+
 Reply PendingCall::wait(milliseconds limit)
 {
 	Deadline deadline(limit);

@@ -55,6 +55,8 @@ public:
 
 	// Looks at what has arrived, without waiting.
 	bool finished();
+	// Readable when something has arrived, -1 when nothing can: for a poll of one's own.
+	int descriptor() const;
 	Reply wait(milliseconds limit = wait_limit());
 	// The same while this process's uloop runs, for a test that serves the object itself.
 	Reply wait_in_uloop(milliseconds limit = wait_limit());
