@@ -202,6 +202,7 @@ finish() {
 
 check_documents() {
 	tests/check_behaviours docs/behaviours.md build/release &&
+		tests/check_behaviours docs/security.md build/release &&
 		tests/check_behaviours docs/reliability.md build/release &&
 		tests/check_reliability docs/reliability.md build/release
 }
