@@ -27,14 +27,14 @@ const TEXTS = {
 	update: ["Update …", "Aktualisieren …"],
 	checkAgain: ["Check again", "Erneut prüfen"],
 	readOnly: ["This account may look, but not update.", "Dieses Konto darf ansehen, aber nicht aktualisieren."],
-	noPlugin: ["fwupdate-job does not answer: no update can be started or followed here.", "fwupdate-job antwortet nicht: Hier lässt sich keine Aktualisierung starten oder verfolgen."],
+	noPlugin: ["fwupdate-job does not answer: no updates from here.", "fwupdate-job antwortet nicht: keine Aktualisierung von hier aus."],
 	checking: ["Asking the update server …", "Der Update-Server wird gefragt …"],
 	newer: ["A newer version is available.", "Eine neuere Version ist verfügbar."],
 	demanded: ["The update server demands this version, newer or not.", "Der Update-Server verlangt diese Version, neuer oder nicht."],
 	upToDate: ["This router is up to date.", "Dieser Router ist auf dem neuesten Stand."],
 	noServer: ["The update server could not be asked, or its answer was of no use. Is the router online?", "Der Update-Server war nicht erreichbar oder antwortete unbrauchbar. Ist der Router online?"],
 	noDaemon: ["The update service does not run. Restarting the router brings it back.", "Der Update-Dienst läuft nicht. Ein Neustart des Routers bringt ihn zurück."],
-	elsewhere: ["Not now: an update is running.", "Nicht jetzt: Eine Aktualisierung läuft."],
+	elsewhere: ["An update is running already.", "Eine Aktualisierung läuft bereits."],
 
 	anywayTitle: ["Install the same or an older build", "Denselben oder einen älteren Build installieren"],
 	anywayText: ["The same build can repair a damaged system. An older one may not understand the settings.", "Derselbe Build kann ein System heilen. Ein älterer versteht vielleicht die Einstellungen nicht."],
@@ -72,7 +72,7 @@ const TEXTS = {
 
 	asking: ["Starting the update", "Die Aktualisierung beginnt"],
 	loading: ["Downloading", "Die Firmware wird geladen"],
-	sizeUnknown: ["The server has not said how large the firmware is.", "Der Server hat nicht gesagt, wie groß die Firmware ist."],
+	sizeUnknown: ["The size of the firmware is not known yet.", "Die Größe der Firmware ist noch nicht bekannt."],
 	figures: ["{percent} % · {now} of {total} MiB", "{percent} % · {now} von {total} MiB"],
 	rate: [" · {rate} MiB/s"],
 	verifying: ["Verifying", "Die Firmware wird geprüft"],
@@ -108,7 +108,7 @@ const TEXTS = {
 	pageOnlyWatches: ["This page only watches. Closing it stops nothing.", "Diese Seite sieht nur zu. Sie zu schließen hält nichts an."],
 
 	away: ["The router does not answer. This page keeps trying.", "Der Router antwortet nicht. Diese Seite versucht es weiter."],
-	late: ["The router did not answer in time. It may be busy.", "Der Router hat nicht rechtzeitig geantwortet. Vielleicht ist er beschäftigt."],
+	late: ["The router did not answer in time.", "Der Router hat nicht rechtzeitig geantwortet."],
 	garbled: ["This page does not understand the router's answer.", "Diese Seite versteht die Antwort des Routers nicht."],
 	denied: ["This account may not do that.", "Dieses Konto darf das nicht."],
 	missing: ["A service does not run on the router.", "Ein Dienst läuft auf dem Router nicht."],
@@ -212,7 +212,7 @@ const page = {
 	check: null, // the last one: {data} or {fault}
 	busy: "", // the button that is at work: check, file, start
 	verdict: null, // on the restart: {key, good, offered}
-	rate: null, // {now, time, perSecond}
+	rate: null, // see measureRate
 	startFault: "",
 };
 
@@ -368,10 +368,10 @@ async function readState() {
 	}, SILENCE);
 	const reply = await call("fwupdate", "state");
 	clearTimeout(timer);
-	if (reply.fault === "late")
-		return; // busy with a query or a check: what was seen before still holds
+	if (reply.fault && reply.fault !== "missing")
+		return; // busy with a query or a check, or not understood: what was seen before still holds
 	page.silent = false;
-	page.daemon = reply.fault !== "missing";
+	page.daemon = !reply.fault;
 	page.state = reply.data ?? null;
 }
 
@@ -429,6 +429,8 @@ function stage() {
 			return page.wasAway ? "returned" : "installing";
 		return page.job && minutesInstalling() >= RESTART_LIMIT ? "notRestarted" : "installing";
 	}
+	if (!page.session)
+		return "idle";
 	if (page.verdict)
 		return "back";
 	if (jobRuns())
@@ -593,12 +595,13 @@ function renderBar(now) {
 	setText("figures", "");
 }
 
-// The counter moves about once a second: the rate is taken between two moves.
+// Since this page first saw this download: one move of the counter says little.
 function measureRate(got) {
 	const time = performance.now();
-	const { now, time: then } = page.rate ?? {};
-	if (got !== now)
-		page.rate = { now: got, time, perSecond: got > now ? (got - now) / (time - then) * 1000 : 0 };
+	if (!page.rate || got < page.rate.got)
+		page.rate = { start: got, since: time };
+	page.rate.got = got;
+	page.rate.perSecond = (got - page.rate.start) / (time - page.rate.since) * 1000;
 }
 
 function jobText(now) {

@@ -80,4 +80,4 @@ def test_no_check_during_an_update(router, ready):
     router.run("""setsid ubus -t 60 call fwupdate update '{"force":"1"}' >/dev/null 2>&1 &""")
     router.wait_for("ubus call fwupdate state | grep -q FIRMWARE_CONNECT")
     check(ready, "/tmp/x")
-    ready.await_text("file-result", "Not now: an update is running.")
+    ready.await_text("file-result", "An update is running already.")

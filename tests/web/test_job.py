@@ -41,7 +41,7 @@ def test_second_start_is_told_that_one_runs(router, page):
     page.click("update")
     router.run("fwupdate-cli update --yes --detach")
     page.click("yes")
-    page.await_text("connection", "Not started. Not now: an update is running.")
+    page.await_text("connection", "Not started. An update is running already.")
     page.await_stage("Downloading")
     page.picture("busy")
 
@@ -75,6 +75,7 @@ def test_session_that_ends_does_not_end_the_update(router, page):
     page.await_visible("sign-in")
     assert page.text("sign-in-why") == "Your session has ended. An update goes on without it."
     assert page.find("user").get_attribute("value") == "root"
+    assert not page.visible("job"), "who is signed out sees nothing of it"
     page.picture("session-ended")
     router.release()
     page.sign_in()
