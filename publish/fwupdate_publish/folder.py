@@ -63,11 +63,13 @@ class Folder:
                               " A router that runs it would never take this one.",
                               "Give the image a build number of its own.")
         current = self.current()
-        if current and int(manifest.build) < int(current.build) and not manifest.force:
-            raise Refusal(f"build number '{manifest.build}': routers are offered {current.build}, and"
-                          " those that run it take no lower one.",
-                          f"Give a number above {current.build}; 'rollback' puts an old release"
-                          " back, and --force offers this one as it is.")
+        # After a rollback too: some routers may still run what was taken back.
+        highest = max([*self.kept(), current.build if current else "0"], key=int)
+        if int(manifest.build) < int(highest) and not manifest.force:
+            raise Refusal(f"build number '{manifest.build}': routers were offered {highest}, and those"
+                          " that run it take no lower one.",
+                          f"Give a number above {highest}; 'rollback' puts an old release back,"
+                          " and --force offers this one as it is.")
 
     def publish(self, manifest, image):
         """Image first, manifest last: what the manifest names is always there."""

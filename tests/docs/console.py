@@ -32,13 +32,14 @@ project = pathlib.Path(__file__).resolve().parent.parent.parent
 READERS = ("cat", "grep", "tail")
 LOOK_AGAIN = 10  # seconds
 
+MONTH = "(Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec)"
+
 # What differs from run to run. Both sides are changed alike before they are compared.
 VARYING = [
     (re.compile(r"\b[0-9a-f]{64}\b"), "CHECKSUM"),
     (re.compile(r"@[0-9a-f]{8}\b"), "@ID"),
     (re.compile(r"\b(fwupdate|ubusd|routerd)\[\d+\]"), r"\1[PID]"),
-    (re.compile(r"\b(Mon|Tue|Wed|Thu|Fri|Sat|Sun) (Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) +\d+ \d\d:\d\d:\d\d( [A-Z]+)? \d{4}"), "DATE"),
-    (re.compile(r"\b(Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) +\d+ \d\d:\d\d:\d\d"), "DATE"),
+    (re.compile(rf"\b{MONTH} +\d+ \d\d:\d\d:\d\d"), "DATE"),
     (re.compile(r"\d\d/[A-Z][a-z][a-z]/\d{4}:\d\d:\d\d:\d\d \+\d{4}"), "DATE"),
     (re.compile(r"\d+(\.\d+)? ?(ms|s|sec|seconds)\b"), "TIME"),
     (re.compile(r"/tmp/[a-z]+\.[A-Za-z0-9]{6}\b"), "/tmp/FOLDER"),

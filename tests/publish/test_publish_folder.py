@@ -124,7 +124,16 @@ def test_lower_build_number_is_refused(publisher):
     publish(publisher, "10")
     result = publisher.publish(build="9")
     assert result.returncode == 2
-    assert "routers are offered 10" in result.text and "'rollback'" in result.text
+    assert "routers were offered 10" in result.text and "'rollback'" in result.text
+
+
+def test_build_number_below_one_that_was_taken_back_is_refused(publisher):
+    publish(publisher, "1")
+    publish(publisher, "10")
+    assert rollback(publisher).returncode == 0
+    result = publisher.publish(build="9")
+    assert result.returncode == 2 and "routers were offered 10" in result.text
+    assert offered(publisher)["buildtime"] == "1"
 
 
 def test_lower_build_number_is_published_with_force(publisher):

@@ -82,7 +82,8 @@ def test_legal_input_is_published_and_reads_back_in_the_daemon(router, tmp_path,
 control = st.sampled_from([chr(c) for c in (*range(1, 9), 11, 12, *range(13, 32), *range(127, 160))] + ["\ufeff", "\uffff"])
 illegal_change = st.one_of(
     st.integers(1000000000, 10**30).map(lambda n: {"build": str(n)}),
-    st.text(string.printable, max_size=9).filter(lambda s: not re.fullmatch("[1-9][0-9]{0,8}", s, re.ASCII)).map(lambda s: {"build": s}),
+    st.text(string.printable, max_size=9).filter(
+        lambda s: not re.fullmatch("[1-9][0-9]{0,8}", s, re.ASCII)).map(lambda s: {"build": s}),
     version_text.filter(lambda s: len(s.encode()) > 19).map(lambda s: {"version": s}),
     st.tuples(st.sampled_from(["version", "notes"]), st.text("ab", max_size=5), control, st.text("ab", max_size=5)).map(
         lambda t: {t[0]: "x" + t[1] + t[2] + t[3] + "x"}),
