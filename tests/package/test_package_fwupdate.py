@@ -7,8 +7,10 @@ import subprocess
 import jsonschema
 import pytest
 
+from packages import BUS_SCHEMA, SESSION_SCHEMA, install_package
 from simulated_router import BUILD, PROJECT, Router
 
+PACKAGE = "fwupdate"
 INSTALLED = {
     "etc/config/fwupdate": 0o600,
     "etc/init.d/fwupdate": 0o755,
@@ -25,42 +27,6 @@ INSTALLED = {
     "usr/share/rpcd/acl.d/fwupdate.json": 0o644,
 }
 URL = "http://update.example.com/update.xml"
-
-NAMES = {"type": "array", "items": {"type": "string", "minLength": 1}, "minItems": 1,
-         "uniqueItems": True}
-BUS_SCHEMA = {
-    "type": "object", "additionalProperties": False, "required": ["access"],
-    "oneOf": [{"required": ["user"]}, {"required": ["group"]}],
-    "properties": {
-        "user": {"type": "string"}, "group": {"type": "string"},
-        "access": {"type": "object", "additionalProperties": {
-            "type": "object", "additionalProperties": False, "properties": {"methods": NAMES}}},
-        "publish": NAMES, "subscribe": NAMES, "listen": NAMES, "send": NAMES}}
-RIGHTS = {"type": "object", "additionalProperties": False, "properties": {
-    "ubus": {"type": "object", "additionalProperties": NAMES},
-    "uci": NAMES,
-    "file": {"type": "object", "additionalProperties": NAMES}}}
-SESSION_SCHEMA = {"type": "object", "minProperties": 1, "additionalProperties": {
-    "type": "object", "additionalProperties": False, "required": ["description"],
-    "properties": {"description": {"type": "string"}, "read": RIGHTS, "write": RIGHTS}}}
-
-
-def install_package(*arguments):
-    return subprocess.run([PROJECT / "testbed/install-package", "--build", BUILD, *arguments],
-                          check=True, capture_output=True, text=True).stdout
-
-
-@pytest.fixture(scope="module")
-def root(tmp_path_factory):
-    folder = tmp_path_factory.mktemp("root")
-    install_package("fwupdate", folder)
-    return folder
-
-
-@pytest.fixture(scope="module")
-def fields():
-    lines = install_package("--fields", "fwupdate").splitlines()
-    return dict(line.split("=", 1) for line in lines)
 
 
 def test_installs_these_files_and_no_others(root):

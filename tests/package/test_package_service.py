@@ -1,11 +1,10 @@
 # SPDX-License-Identifier: ISC
 """The init script under BusyBox ash, with stand-ins for the service manager (/etc/rc.common,
 /sbin/procd-instance) and the real daemon."""
-import subprocess
-
 import pytest
 
-from simulated_router import BUILD, PROJECT, Router, make_server, wait_until
+from packages import install_package
+from simulated_router import Router, make_server, wait_until
 
 SCRIPT = "/etc/init.d/fwupdate"
 COMMAND = "/usr/sbin/fwupdate"
@@ -18,8 +17,7 @@ def server(tmp_path_factory):
 
 @pytest.fixture
 def router(server, tmp_path):
-    subprocess.run([PROJECT / "testbed/install-package", "--build", BUILD, "fwupdate", tmp_path],
-                   check=True)
+    install_package("fwupdate", tmp_path)
     with Router("--no-daemon", "--server-rate", "500000", "--bind", str(tmp_path),
                 server_root=server) as router:
         router.run(f"cp -R {tmp_path}/. /")

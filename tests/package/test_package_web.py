@@ -4,11 +4,11 @@ import json
 import re
 
 import jsonschema
-import pytest
 
+from packages import BUS_SCHEMA, SESSION_SCHEMA, install_package
 from simulated_router import PROJECT
-from test_package_fwupdate import BUS_SCHEMA, SESSION_SCHEMA, install_package
 
+PACKAGE = "fwupdate-web"
 SOURCES = {
     "usr/libexec/rpcd/fwupdate-job": ("fwupdate-job", 0o755),
     "usr/share/acl.d/fwupdate-web.json": ("bus-acl.json", 0o644),
@@ -17,18 +17,6 @@ SOURCES = {
     "www/fwupdate/page.css": ("page.css", 0o644),
     "www/fwupdate/page.js": ("page.js", 0o644),
 }
-
-
-@pytest.fixture(scope="module")
-def root(tmp_path_factory):
-    folder = tmp_path_factory.mktemp("root")
-    install_package("fwupdate-web", folder)
-    return folder
-
-
-@pytest.fixture(scope="module")
-def fields():
-    return dict(line.split("=", 1) for line in install_package("--fields", "fwupdate-web").splitlines())
 
 
 def test_installs_the_page_and_no_other_file(root):
