@@ -235,8 +235,23 @@ INSTANTIATE_TEST_SUITE_P(Matrix, BadEnvironment, testing::ValuesIn(bad_environme
 class BadTmp : public UpdateTest
 {
 protected:
+	static constexpr const char *not_opened = "Error, couldn't open /tmp/fwupdate.bin";
 	static constexpr const char *not_written =
 		"Unable to download firmware: Failed writing received data to disk/application";
+
+	void expect_not_opened(const Reply &reply)
+	{
+		expect_outcome(reply, {.code = 2, .text = download_failed});
+		EXPECT_EQ(syslog.texts(), std::vector<std::string>{not_opened});
+		EXPECT_EQ(downloads(), 0u);
+	}
+
+	static void record_not_opened(const std::string &fault, const std::string &left)
+	{
+		record({.fault = fault,
+			.caller = std::string("`update`: code 2, log: \"") + not_opened + "\"",
+			.left = left});
+	}
 
 	static Fields unlisted()
 	{
@@ -310,45 +325,33 @@ TEST_F(BadTmp, RoomThatIsBackIsUsedByTheNextAttempt)
 
 TEST_F(BadTmp, ReadOnlyIsAFailedDownload)
 {
-	record({.fault = "/tmp is mounted read-only.",
-		.caller = "`update`: code 2, log: \"Error, couldn't open /tmp/fwupdate.bin\""});
+	record_not_opened("/tmp is mounted read-only.", "nothing");
 	offer(answer(good_image()));
 	start_daemon();
 	const unsigned long flags = MS_REMOUNT | MS_NOSUID | MS_NODEV;
 	ASSERT_EQ(mount(nullptr, "/tmp", nullptr, flags | MS_RDONLY, nullptr), 0);
 	const Reply reply = daemon().update();
 	ASSERT_EQ(mount(nullptr, "/tmp", nullptr, flags, nullptr), 0);
-	expect_outcome(reply, {.code = 2, .text = download_failed});
-	EXPECT_EQ(syslog.texts(),
-		  std::vector<std::string>{"Error, couldn't open /tmp/fwupdate.bin"});
-	EXPECT_EQ(downloads(), 0u);
+	expect_not_opened(reply);
 }
 
 TEST_F(BadTmp, LinkToNowhereIsAFailedDownload)
 {
-	record({.fault = "/tmp/fwupdate.bin is a link to a folder that does not exist.",
-		.caller = "`update`: code 2, log: \"Error, couldn't open /tmp/fwupdate.bin\""});
+	record_not_opened("/tmp/fwupdate.bin is a link to a folder that does not exist.",
+			  "nothing");
 	ASSERT_EQ(symlink("/nowhere/image", image_path), 0);
 	offer(answer(good_image()));
 	start_daemon();
-	expect_outcome(daemon().update(), {.code = 2, .text = download_failed});
-	EXPECT_EQ(syslog.texts(),
-		  std::vector<std::string>{"Error, couldn't open /tmp/fwupdate.bin"});
-	EXPECT_EQ(downloads(), 0u);
+	expect_not_opened(daemon().update());
 }
 
 TEST_F(BadTmp, FolderInTheWayIsAFailedDownload)
 {
-	record({.fault = "/tmp/fwupdate.bin is a folder with something in it.",
-		.caller = "`update`: code 2, log: \"Error, couldn't open /tmp/fwupdate.bin\"",
-		.left = "the folder"});
+	record_not_opened("/tmp/fwupdate.bin is a folder with something in it.", "the folder");
 	files.write(std::string(image_path) + "/in-the-way", "x");
 	offer(answer(good_image()));
 	start_daemon();
-	expect_outcome(daemon().update(), {.code = 2, .text = download_failed});
-	EXPECT_EQ(syslog.texts(),
-		  std::vector<std::string>{"Error, couldn't open /tmp/fwupdate.bin"});
-	EXPECT_EQ(downloads(), 0u);
+	expect_not_opened(daemon().update());
 	may_leave_image = true;
 }
 

@@ -122,11 +122,15 @@ LateRefusals::LateRefusals(const std::vector<int> &calls, const std::function<vo
     : stop_(eventfd(0, EFD_CLOEXEC))
 {
 	std::promise<int> listener;
+	std::promise<void> answered;
 	std::exception_ptr failure;
 	std::thread thread([&] {
 		const int installed = install(make_filter(calls, SECCOMP_RET_USER_NOTIF),
 					      SECCOMP_FILTER_FLAG_NEW_LISTENER);
 		listener.set_value(installed);
+		// A fork that waits for an answer holds locks of the C library that starting
+		// the answering thread takes.
+		answered.get_future().wait();
 		try {
 			if (installed >= 0) {
 				start();
@@ -139,6 +143,7 @@ LateRefusals::LateRefusals(const std::vector<int> &calls, const std::function<vo
 	if (listener_ >= 0) {
 		answering_ = std::thread([this] { answer_all(); });
 	}
+	answered.set_value();
 	thread.join();
 	require(listener_ >= 0);
 	if (failure) {
@@ -180,6 +185,7 @@ LateRefusals::Decision LateRefusals::decide(pid_t pid)
 	return decision_;
 }
 
+// Allocates nothing: the process may be in the middle of a fork.
 void LateRefusals::answer_all()
 {
 	pollfd watched[] = {{.fd = listener_, .events = POLLIN, .revents = 0},
