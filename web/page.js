@@ -52,7 +52,6 @@ const TEXTS = {
 	"file-6": ["damaged firmware: the checksum of its header is wrong.", "Beschädigte Firmware: Prüfsumme des Kopfes falsch."],
 	"file-7": ["damaged firmware: the checksum of its data is wrong.", "Beschädigte Firmware: Prüfsumme der Daten falsch."],
 	"file-9": ["firmware for another model.", "Firmware für ein anderes Modell."],
-	fileUnset: ["the router was given no file.", "Dem Router wurde keine Datei genannt."],
 	fileOther: ["unknown result {code}.", "Unbekanntes Ergebnis {code}."],
 
 	questionTitle: ["Install this firmware?", "Diese Firmware installieren?"],
@@ -115,6 +114,7 @@ const TEXTS = {
 	bus: ["The router refused the call (status {status}).", "Der Router hat den Aufruf abgelehnt (Status {status})."],
 };
 
+const ANYTHING = { scope: "ubus", object: "fwupdate", function: "state" };
 const NO_SESSION = "0".repeat(32);
 const POLL_LIMIT = 15; // seconds; the daemon is silent for ten at a time
 const LONG_LIMIT = 75; // for what the gateway itself gives up after 60
@@ -200,7 +200,7 @@ const page = {
 	fault: "", // of the last look
 	awaySince: null, // by performance.now(), while nothing answers
 	wasAway: false, // since the installation began
-	fresh: false, // signed in after that
+	fresh: false, // signed in since
 	seenSince: 0, // when this page first saw the installation
 	mayUpdate: false,
 	plugin: true,
@@ -265,7 +265,7 @@ async function signIn(event) {
 		return;
 	}
 	byId("password").value = "";
-	Object.assign(page, { board: null, check: null, fault: "", awaySince: null, fresh: page.wasAway });
+	Object.assign(page, { board: null, check: null, fault: "", awaySince: null, fresh: true });
 	save("session", { sid, user });
 	await looking; // one that began without this session says nothing
 	await look();
@@ -290,8 +290,8 @@ async function poll() {
 	if (page.session)
 		await pollSignedIn();
 	else if (page.watch?.installing)
-		// Anybody may ask this; what counts is whether somebody answers.
-		noteAnswer(await call("session", "access", { scope: "ubus", object: "fwupdate", function: "state" }));
+		// Anybody may ask this: is anybody there?
+		noteAnswer(await call("session", "access", ANYTHING));
 }
 
 function noteAnswer({ fault = "" }) {
@@ -305,7 +305,11 @@ function noteAnswer({ fault = "" }) {
 }
 
 async function pollSignedIn() {
-	const reply = await call("fwupdate-job", "status");
+	let reply = await call("fwupdate-job", "status");
+	page.plugin = reply.fault !== "missing";
+	const gone = !page.plugin && page.watch?.installing && !page.fresh;
+	if (gone) // for the restart, or for good: does the session still hold?
+		reply = await call("session", "access", ANYTHING);
 	if (!page.session)
 		return; // signed out meanwhile
 	noteAnswer(reply);
@@ -313,9 +317,9 @@ async function pollSignedIn() {
 		endSession("whyEnded");
 		return;
 	}
-	// The plugin comes and goes with the session service: without it, an old session waits.
-	page.plugin = reply.fault !== "missing";
-	if (reply.fault && (page.plugin || (page.watch?.installing && !page.fresh)))
+	if (gone)
+		page.fault ||= "missing";
+	if (gone || (reply.fault && page.plugin))
 		return;
 	page.fault = "";
 	page.job = readJob(reply.data);
@@ -402,7 +406,7 @@ function judgeRestart() {
 	if (!watch?.installing)
 		return;
 	const changed = board.version !== watch.before.version || board.build !== watch.before.build;
-	const restarted = watch.boot && job.boot ? watch.boot !== job.boot : changed || page.fresh;
+	const restarted = watch.boot && job.boot ? watch.boot !== job.boot : changed || (page.fresh && page.wasAway);
 	if (!restarted) {
 		page.wasAway = false;
 		return;
@@ -480,8 +484,6 @@ async function checkFile(path) {
 
 function fileSentence(reply) {
 	const code = field(reply, "check_code");
-	if (field(reply, "error_code") === "4")
-		return text("fileUnset");
 	return /^(0|-[2-79])$/.test(code) ? text(`file${code}`) : text("fileOther", { code: oneLine(code) });
 }
 
@@ -526,7 +528,8 @@ function startRefusal({ fault, status, data }) {
 }
 
 function closeJob() {
-	save("closed", page.job.id);
+	if (!page.verdict)
+		save("closed", page.job.id);
 	save("watch", null);
 	page.verdict = null;
 	render();
@@ -682,7 +685,7 @@ function renderNotes(reply) {
 let looking = null;
 let timer = null;
 
-// One look at a time: whoever asks meanwhile gets the end of the one that runs.
+// One look at a time: whoever asks meanwhile waits for it.
 function look() {
 	clearTimeout(timer);
 	looking ??= poll().finally(() => {

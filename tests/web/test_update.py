@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: ISC
 """The way of an update through the page, from signing in to "back", and its other ends."""
+import answers
 from browser import wait_until
 from router import NEW, OLD
 
@@ -166,6 +167,20 @@ def test_other_version_after_the_restart_is_said(router, page):
     page.picture("other-version")
 
 
+def test_new_version_without_the_plugin_is_known_by_its_build(router, page):
+    """The new firmware came without this page's package: there is no boot id to compare."""
+    router.offer()
+    page.open_and_sign_in()
+    install(router, page)
+    router.power_off()
+    page.await_stage("Restarting")
+    router.relay.fault = answers.instead_of("status", answers.error(-32000))
+    router.power_on(NEW)
+    page.await_stage("The router answers again")
+    page.sign_in()
+    page.await_stage("Done: the offered version runs")
+
+
 def test_router_that_does_not_restart_is_no_success(router, page):
     """The installer refused: the old system is still there minutes later."""
     router.offer()
@@ -223,4 +238,5 @@ def test_lost_connection_is_no_restart(router, page):
     hidden.rename(socket)
     page.await_stage("The router answers again")
     page.sign_in()
-    page.await_stage("Installing")
+    page.await_visible("versions")
+    assert page.text("job-title") == "Installing"
