@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <functional>
 #include <optional>
 #include <poll.h>
 #include <stdexcept>
@@ -69,6 +70,7 @@ private:
 bool wait_for_any(const std::vector<Caller> &callers, milliseconds limit)
 {
 	std::vector<pollfd> watched;
+	watched.reserve(callers.size());
 	for (const Caller &caller : callers) {
 		watched.push_back({caller.busy() ? caller.descriptor() : -1, POLLIN, 0});
 	}
