@@ -64,6 +64,7 @@ def test_long_notes_without_a_blank_stay_inside(router, page):
     page.set_width(360)
     assert len(shown_notes(router, page, "x" * 511)) == 511
     assert page.script("return document.documentElement.scrollWidth") <= 360
+    assert page.script("const box = document.getElementById('notes'); return box.scrollWidth - box.clientWidth") <= 0
     page.picture("long-notes")
 
 
