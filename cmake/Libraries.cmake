@@ -14,11 +14,14 @@ endif()
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(CURL REQUIRED IMPORTED_TARGET libcurl)
 add_library(fwupdate::curl ALIAS PkgConfig::CURL)
-find_path(MXML_INCLUDE_DIR mxml.h REQUIRED)
-find_library(MXML_LIBRARY mxml REQUIRED)
+find_path(MXML_INCLUDE_DIR mxml.h PATH_SUFFIXES libmxml4 REQUIRED)
+find_library(MXML_LIBRARY NAMES mxml mxml4 REQUIRED)
+file(STRINGS ${MXML_INCLUDE_DIR}/mxml.h mxml_version REGEX "define +MXML_MAJOR_VERSION")
+string(REGEX MATCH "[0-9]+" MXML_MAJOR "${mxml_version}")
 add_library(fwupdate::mxml INTERFACE IMPORTED)
 target_include_directories(fwupdate::mxml SYSTEM INTERFACE ${MXML_INCLUDE_DIR})
 target_link_libraries(fwupdate::mxml INTERFACE ${MXML_LIBRARY})
+target_compile_definitions(fwupdate::mxml INTERFACE FWUPDATE_MXML_MAJOR=${MXML_MAJOR})
 
 # Looks for one installed library; sets <name>_FOUND_ON_SYSTEM and, when found,
 # makes fwupdate::<name>.

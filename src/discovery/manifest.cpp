@@ -7,6 +7,7 @@
 #include "core/base/records.h"
 #include "core/base/text.h"
 #include "discovery/device_facts.h"
+#include "discovery/mxml_load.h"
 
 namespace fwupdate
 {
@@ -112,7 +113,7 @@ int manifest_get_value(mxml_node_t *document, const char *name, char *field, std
 {
 	update_context.state = UpdateState::XML_PARSE;
 	mxml_node_t *element =
-		mxmlFindElement(document, document, name, nullptr, nullptr, MXML_DESCEND);
+		mxmlFindElement(document, document, name, nullptr, nullptr, ALL_LEVELS);
 	if (element == nullptr) {
 		if (kind == Element::MANDATORY) {
 			log_message(

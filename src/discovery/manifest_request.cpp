@@ -5,6 +5,7 @@
 #include "core/base/log.h"
 #include "core/base/records.h"
 #include "discovery/manifest.h"
+#include "discovery/mxml_load.h"
 
 namespace fwupdate
 {
@@ -47,10 +48,6 @@ CURLcode transfer(CURL *curl, const char *url, char *error)
 	return code;
 }
 
-void ignore_complaint(const char * /*text*/)
-{
-}
-
 } // namespace
 
 int fetch_manifest(const char *url)
@@ -72,9 +69,7 @@ int fetch_manifest(const char *url)
 		return -1;
 	}
 	// Standard error is not Mini-XML's to write to.
-	mxmlSetErrorCallback(ignore_complaint);
-	manifest_buffer.document =
-		mxmlLoadString(nullptr, manifest_buffer.data, MXML_OPAQUE_CALLBACK);
+	manifest_buffer.document = load_document(manifest_buffer.data);
 	return 0;
 }
 
