@@ -29,14 +29,17 @@ function(write_packed_layout result)
   # memory only makes that the place where the file is without padding. Both parts
   # begin on a multiple of the largest alignment in it, or sizes would depend on places.
   string(REGEX REPLACE "(  \\. = DATA_SEGMENT_ALIGN[^\n]*\n)"
-         "  . = ALIGN(64);\n  HIDDEN(relro_offset = .);\n\\1  HIDDEN(relro_start = .);\n"
+         "  . = ALIGN(32);\n  HIDDEN(relro_offset = .);\n\\1  HIDDEN(relro_start = .);\n"
          script "${script}")
-  string(REGEX REPLACE "\n  \\.init_array  *:" "\n  .init_array : ALIGN(64)" script "${script}")
+  string(REGEX REPLACE "\n  \\.init_array  *:" "\n  .init_array : ALIGN(32)" script "${script}")
   string(REGEX REPLACE "(  \\. = DATA_SEGMENT_RELRO_END[^\n]*\n)"
          "  HIDDEN(relro_padding = ${page} - ((relro_offset + . - relro_start) & (${page} - 1)));
   .relro_padding (NOLOAD) : { . += relro_padding; }
 \\1  . = . + ((ADDR (.got) + SIZEOF (.got)) & (${page} - 1));\n"
          script "${script}")
+  # Which compiler and which kernel it was made with and for: nobody asks.
+  string(REGEX REPLACE "\n  \\.comment[^\n]*" "" script "${script}")
+  string(REPLACE "/DISCARD/ : {" "/DISCARD/ : { *(.comment) *(.note.ABI-tag)" script "${script}")
   file(WRITE ${CMAKE_BINARY_DIR}/packed.ld "${script}")
   set(${result} ${CMAKE_BINARY_DIR}/packed.ld PARENT_SCOPE)
 endfunction()
