@@ -19,6 +19,10 @@ Usage: ./test.sh [OPTION...]
   --web               the update page in a real browser instead; with --pictures
                       the screenshots in docs/pictures are taken anew
   --vm                updates on the virtual router instead, power cuts included
+  --arch ARCH         the tests for another architecture instead (armhf, s390x), run by
+                      an emulator; what it cannot do is in tests/not-emulated.md.
+                      With --quick: the unit tests, and an update by a daemon of ARCH
+                      on a bus of this machine
   --mutants N         N small changes to src/ instead, which the tests must notice
   --seed S            which changes (default 1)
   --filter PATTERN    only the tests that match, as --gtest_filter takes it
@@ -37,16 +41,18 @@ misuse() {
 }
 
 mode=full
+arch=
 mutants=0
 seed=1
 filter=
 while [ $# -gt 0 ]; do
 	case $1 in
-	--mutants | --seed | --filter)
+	--arch | --mutants | --seed | --filter)
 		[ $# -ge 2 ] || misuse "$1 takes a value" ;;
 	esac
 	case $1 in
 	--quick) mode=quick ;;
+	--arch) arch=$2 && shift ;;
 	--static) mode=static ;;
 	--coverage) mode=coverage ;;
 	--web) mode=web ;;
@@ -66,7 +72,17 @@ for number in "$mutants" "$seed"; do
 done
 [ "$mode" != mutants ] || [ "$mutants" -gt 0 ] || misuse "--mutants takes at least 1"
 
+case $arch:$mode in
+:*) ;;
+armhf:full | s390x:full) mode=arch ;;
+armhf:quick | s390x:quick) mode="arch-quick" ;;
+armhf:* | s390x:*) misuse "--arch goes with --quick and --filter only" ;;
+*) misuse "'$arch' is not an architecture that the tests run for; armhf and s390x are" ;;
+esac
+
 jobs=$(nproc)
+emulate=() # what a command for another architecture is prefixed with
+excluded=  # tests that are left out, as GTEST_FILTER takes them
 passed=0
 failed=0
 complaints=()
@@ -107,8 +123,8 @@ build_and_test() {
 	output=$(mktemp)
 	# The pattern is GoogleTest's; a Python test alone is run by pytest itself.
 	[ -z "$filter" ] || choice=(-LE python)
-	GTEST_FILTER=${filter:-*} GTEST_OUTPUT=xml:$PWD/$build/reports/ \
-		ctest --test-dir "$build" --output-on-failure -j $((2 * jobs)) --no-tests=error "${choice[@]}" |
+	GTEST_FILTER=${filter:-*}${excluded:+-$excluded} GTEST_OUTPUT=xml:$PWD/$build/reports/ \
+		"${emulate[@]}" ctest --test-dir "$build" --output-on-failure -j $((2 * jobs)) --no-tests=error "${choice[@]}" |
 		tee "$output"
 	status=$?
 	failed_entries=$(sed -n 's/.* \([0-9]*\) tests failed out of .*/\1/p' "$output")
@@ -160,6 +176,46 @@ check_tidy() {
 			2> >(grep -vE '^[0-9]+ warnings? |^Suppressed |^Use -' >&2)
 }
 
+# Tests that the emulator is known to fail: one that passes has to leave the list.
+check_not_emulated() {
+	local build=build/$1 listed results
+	listed=$(tests/not_emulated tried "$1")
+	rm -rf "$build/reports"
+	GTEST_FILTER=$listed "${emulate[@]}" ctest --test-dir "$build" -Q -LE 'python|fuzz' -j "$jobs"
+	results=$(tests/list_results "$build")
+	grep '^passed ' <<<"$results" | sed "s/^passed //; s/$/ passes: take it out of tests\/not-emulated.md/"
+	# Two patterns a test.
+	[ "$(grep -c '^failed ' <<<"$results")" -ge $((($(tr -dc : <<<"$listed" | wc -c) + 1) / 2)) ] ||
+		{ echo "not every test of tests/not-emulated.md ran" && return 1; }
+	! grep -q '^passed ' <<<"$results"
+}
+
+prepare_arch() {
+	testbed/sysroot "$arch" && emulate=(testbed/emulate "$arch") &&
+		excluded=$(tests/not_emulated all "$arch")
+}
+
+test_arch() {
+	build_and_test "$arch"
+	[ -n "$filter" ] || step "not emulated: $arch" check_not_emulated "$arch"
+}
+
+# The tools and, for the update, the tests are this machine's: that is faster, and what
+# goes over the bus is understood in both byte orders.
+test_arch_quickly() {
+	local program status=0
+	step "build: $arch" build_preset "$arch" fwupdate core_tests discovery_tests firmware_tests verify_tests &&
+		step "build: release" build_preset release fwupdate ubusd ubus jsonfilter fwtool routerd router_tests || return
+	rm -rf "build/$arch/reports"
+	for program in core_tests discovery_tests firmware_tests verify_tests; do
+		GTEST_FILTER="*-$excluded" tests/in_router --tools build/release "build/$arch" "$program" --gtest_brief=1 || status=1
+	done
+	tests/in_router --daemon "build/$arch" build/release router_tests --gtest_brief=1 \
+		--gtest_filter='UpdateInstall.*:CheckEvent.*' || status=1
+	count_results "build/$arch" "$status"
+	return "$status"
+}
+
 report_coverage() {
 	local report=build/coverage/report
 	mkdir -p "$report"
@@ -209,7 +265,7 @@ check_documents() {
 
 mkdir -p build
 parts=()
-case $mode in web | vm) parts=("--$mode") ;; esac
+case $mode in web | vm) parts=("--$mode") ;; arch*) parts=(--arch) ;; esac
 step packages ./setup.sh "${parts[@]}" || finish
 case $mode in
 full)
@@ -218,6 +274,7 @@ full)
 	build_and_test release
 	build_and_test asan
 	[ ! -f build/asan/compile_commands.json ] || step "clang-tidy" check_tidy 'src|testbed'
+	step "size" bench/size --check
 	if [ -z "$filter" ]; then
 		step "documents" check_documents
 	fi
@@ -238,6 +295,12 @@ vm)
 	step "build: virtual router" testbed/machine/build &&
 		step "test: vm" test_part vm -n "$jobs" --basetemp=build/vm/tests --durations=0 --durations-min=1 &&
 		[ -z "$filter" ] && step "documents" tests/check_behaviours docs/virtual-router.md build/vm
+	;;
+arch)
+	step "libraries: $arch" prepare_arch && test_arch
+	;;
+arch-quick)
+	step "libraries: $arch" prepare_arch && step "test: $arch" test_arch_quickly
 	;;
 coverage)
 	build_and_test coverage
