@@ -7,10 +7,12 @@ import tempfile
 
 from measures.samples import Row
 
-# What a router of this family has anyway, by the beginning of the library's name.
+# What a router of this family has anyway, by the beginning of the library's name. libzip and
+# libbz2 stand for miniz here.
 AT_HOME = ("libc.so", "libm.so", "ld-linux", "linux-vdso", "libcurl", "libubox", "libubus",
            "libblobmsg", "libjson-c", "libz.so", "libssl", "libcrypto", "libmxml", "libminiz",
-           "libgcc_s", "libpthread", "libdl.so")
+           "libzip", "libbz2", "libgcc_s", "libpthread", "libdl.so")
+CURL = "/usr/bin/curl"  # whose libraries are libcurl's
 
 
 def stripped(program):
@@ -36,18 +38,28 @@ def own_libraries(program, curl):
                if name not in shared and not name.startswith(AT_HOME))
 
 
-def rows(build, _project):
+def shared_program(project):
+    """The program with libubox and libubus as shared libraries, as a router and its peers have
+    theirs; `bench/size` builds it, and says more about it."""
+    subprocess.run([project / "bench/size"], check=True, stdout=subprocess.DEVNULL)
+    return next(project.glob("build/size/*-shared/src/fwupdate"))
+
+
+def rows(build, project):
     """Without samples: a size has no spread. A peer that is not installed has no row."""
-    ours = stripped(build / "src/fwupdate")
-    curl = "/usr/bin/curl"
+    shared = stripped(shared_program(project))
+    linked_in = build / "src/fwupdate"
+    libraries_here = own_libraries(linked_in, CURL)
     result = []
     for peer in ("rauc", "swupdate"):
         program = pathlib.Path("/usr/bin", peer)
         if not program.exists():
             continue
-        result.append(Row("stripped program", "bytes", [ours], [stripped(program)], peer,
-                          "<= 0.1" if peer == "rauc" else ""))
+        theirs = stripped(program)
+        result.append(Row("stripped program", "bytes", [shared], [theirs], peer, "<= 0.1"))
+        result.append(Row("stripped program with the stand-ins linked in", "bytes",
+                          [stripped(linked_in)], [theirs], peer))
         result.append(Row("program and the libraries that it alone brings", "bytes",
-                          [ours + own_libraries(build / "src/fwupdate", curl)],
-                          [stripped(program) + own_libraries(program, curl)], peer))
+                          [shared + libraries_here], [theirs + own_libraries(program, CURL)],
+                          peer))
     return result

@@ -11,6 +11,7 @@
 #include "core/base/records.h"
 #include "core/base/text.h"
 #include "discovery/manifest.h"
+#include "discovery/mxml_load.h"
 #include "firmware/worker.h"
 #include "verify/boot_partition.h"
 #include "verify/image.h"
@@ -38,8 +39,7 @@ void manifest_parse(benchmark::State &state)
 		int too_large = 0;
 		std::vector<char> piece(answer.begin(), answer.end());
 		manifest_write_cb(piece.data(), 1, piece.size(), &too_large);
-		mxml_node_t *document =
-			mxmlLoadString(nullptr, manifest_buffer.data, MXML_OPAQUE_CALLBACK);
+		mxml_node_t *document = load_document(manifest_buffer.data);
 		char field[512];
 		benchmark::DoNotOptimize(manifest_get_value(document, "release_notes", field,
 							    sizeof(field), Element::OPTIONAL));
