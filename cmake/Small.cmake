@@ -40,7 +40,14 @@ function(write_packed_layout result)
   # Which compiler and which kernel it was made with and for: nobody asks.
   string(REGEX REPLACE "\n  \\.comment[^\n]*" "" script "${script}")
   string(REPLACE "/DISCARD/ : {" "/DISCARD/ : { *(.comment) *(.note.ABI-tag)" script "${script}")
-  file(WRITE ${CMAKE_BINARY_DIR}/packed.ld "${script}")
+  # The same script again must not look newer: the program would be linked once more.
+  set(old "")
+  if(EXISTS ${CMAKE_BINARY_DIR}/packed.ld)
+    file(READ ${CMAKE_BINARY_DIR}/packed.ld old)
+  endif()
+  if(NOT old STREQUAL script)
+    file(WRITE ${CMAKE_BINARY_DIR}/packed.ld "${script}")
+  endif()
   set(${result} ${CMAKE_BINARY_DIR}/packed.ld PARENT_SCOPE)
 endfunction()
 
