@@ -45,13 +45,15 @@ const TEXTS = {
 	fileBad: ["“{path}” is refused: a path begins with “/” and has at most 112 letters, digits and . _ / -", "„{path}“ wird abgelehnt: Ein Pfad beginnt mit „/“ und hat höchstens 112 Buchstaben, Ziffern und . _ / -"],
 	fileChecking: ["Checking the file …", "Die Datei wird geprüft …"],
 	"file0": ["firmware for this router, and undamaged.", "Firmware für diesen Router, unbeschädigt."],
-	"file-2": ["the file cannot be opened.", "Die Datei lässt sich nicht öffnen."],
-	"file-3": ["no such file, or it cannot be examined.", "Die Datei gibt es nicht oder sie ist nicht zu untersuchen."],
+	"file-2": ["no such file, or no access.", "Datei fehlt oder ist gesperrt."],
+	"file-3": ["the file cannot be examined.", "Datei nicht prüfbar."],
 	"file-4": ["the file is empty, or cannot be read.", "Die Datei ist leer oder nicht lesbar."],
 	"file-5": ["no firmware: neither a U-Boot image nor firmware metadata.", "Keine Firmware: weder U-Boot-Image noch Firmware-Metadaten."],
 	"file-6": ["damaged firmware: the checksum of its header is wrong.", "Beschädigte Firmware: Prüfsumme des Kopfes falsch."],
 	"file-7": ["damaged firmware: the checksum of its data is wrong.", "Beschädigte Firmware: Prüfsumme der Daten falsch."],
+	"file-8": ["too large.", "Zu groß."],
 	"file-9": ["firmware for another model.", "Firmware für ein anderes Modell."],
+	"file-10": ["partition unknown.", "Partition unbekannt."],
 	fileOther: ["unknown result {code}.", "Unbekanntes Ergebnis {code}."],
 
 	questionTitle: ["Install this firmware?", "Diese Firmware installieren?"],
@@ -484,7 +486,7 @@ async function checkFile(path) {
 
 function fileSentence(reply) {
 	const code = field(reply, "check_code");
-	return /^(0|-[2-79])$/.test(code) ? text(`file${code}`) : text("fileOther", { code: oneLine(code) });
+	return /^(0|-[2-9]|-10)$/.test(code) ? text(`file${code}`) : text("fileOther", { code: oneLine(code) });
 }
 
 function submitFile(event) {

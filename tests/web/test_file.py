@@ -40,7 +40,7 @@ def test_each_code_has_its_sentence(router, ready):
     put_image(router, "/tmp/other.bin")
     router.run(": >/tmp/empty.bin; echo text >/tmp/text.bin")
     for path, sentence in {
-            "/tmp/nothing.bin": "/tmp/nothing.bin: the file cannot be opened.",
+            "/tmp/nothing.bin": "/tmp/nothing.bin: no such file, or no access.",
             "/tmp/empty.bin": "/tmp/empty.bin: the file is empty, or cannot be read.",
             "/tmp/text.bin": "/tmp/text.bin: no firmware: neither a U-Boot image nor firmware metadata.",
             "/tmp/header.bin": "/tmp/header.bin: damaged firmware: the checksum of its header is wrong.",
@@ -52,7 +52,9 @@ def test_each_code_has_its_sentence(router, ready):
 
 
 def test_codes_that_no_file_brings(router, ready):
-    for code, sentence in {"-3": "/x: no such file, or it cannot be examined.",
+    for code, sentence in {"-3": "/x: the file cannot be examined.",
+                           "-8": "/x: too large.",
+                           "-10": "/x: partition unknown.",
                            "-11": "/x: unknown result -11.",
                            "toString": "/x: unknown result toString.",
                            "<b>": "/x: unknown result <b>."}.items():
