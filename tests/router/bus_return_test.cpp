@@ -75,6 +75,11 @@ public:
 		send(message(STATUS, wish.seq, 0, number(A_STATUS, 0)));
 		return wish.type == ADD_OBJECT && wish.text(A_OBJPATH) == "fwupdate";
 	}
+	// Says no more to the one who was welcomed, but would still listen.
+	void half_close() const
+	{
+		shutdown(client_, SHUT_WR);
+	}
 	// Whether the one who was welcomed has sent nothing since.
 	bool hears_nothing() const
 	{
@@ -265,6 +270,21 @@ TEST_F(BusReturn, JobThatFailsMeanwhileLeavesNothing)
 	server.on(firmware, answer(good_image()));
 	expect_outcome(daemon().update(), {});
 	expect_installed();
+}
+
+// The loop would tell of such an end for ever.
+TEST_F(BusReturn, HalfClosedConnectionIsALostOne)
+{
+	start_daemon();
+	lose_bus();
+	{
+		FakeBroker broker;
+		ASSERT_TRUE(broker.welcome());
+		broker.half_close();
+		EXPECT_TRUE(broker.hang_up());
+	}
+	restore_bus();
+	expect_back();
 }
 
 // The new bus may have given the caller's number to somebody else.
