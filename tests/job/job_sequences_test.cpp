@@ -69,6 +69,7 @@ protected:
 	}
 	void TearDown() override
 	{
+		blob_buf_free(&message_);
 		bus_connection = nullptr;
 		close(bus_.sock.fd);
 		close(bus_reader_);
