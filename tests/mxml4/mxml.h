@@ -5,6 +5,8 @@
 
 #define MXML_MAJOR_VERSION 4
 
+// The names are that library's.
+// NOLINTBEGIN(readability-identifier-naming)
 extern "C" {
 struct mxml_node_t;
 struct mxml_options_t;
@@ -23,3 +25,4 @@ mxml_node_t *mxmlFindElement(mxml_node_t *node, mxml_node_t *top, const char *el
 const char *mxmlGetOpaque(mxml_node_t *node);
 void mxmlDelete(mxml_node_t *node);
 }
+// NOLINTEND(readability-identifier-naming)

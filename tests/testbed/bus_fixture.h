@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -213,13 +214,26 @@ protected:
 		start_broker();
 	}
 
+	// One that was killed has left its socket behind, to which nobody answers.
 	void start_broker()
 	{
+		std::filesystem::remove(socket());
 		broker = std::make_unique<router_test::Process>(
 			router_test::Command{.words = {tool("ubusd"), "-s", socket()}});
-		if (!router_test::wait_until_exists(socket())) {
+		// The file is there a moment before anybody listens.
+		if (!router_test::wait_until_exists(socket()) ||
+		    !router_test::eventually([this] { return accepts_connections(); })) {
 			throw std::runtime_error("ubusd does not come up");
 		}
+	}
+
+	bool accepts_connections() const
+	{
+		const int fd = connect_to(socket());
+		if (fd >= 0) {
+			close(fd);
+		}
+		return fd >= 0;
 	}
 
 	std::string socket() const
