@@ -77,7 +77,8 @@ public:
 		eventually([&] { return children_of(pid).empty(); });
 		const auto now = std::chrono::steady_clock::now();
 		return {rounds,
-			std::chrono::duration_cast<std::chrono::seconds>(now - start_).count(),
+			static_cast<long>(
+				duration_cast<std::chrono::seconds>(now - start_).count()),
 			static_cast<long>(open_descriptors(pid).size()),
 			static_cast<long>(children_of(pid).size()),
 			heap_kib(pid),
