@@ -10,11 +10,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
+
+#include "clock.h"
 
 extern "C" {
 #include <libubox/blobmsg.h>
@@ -35,13 +36,6 @@ struct Seen {
 	std::uint32_t nanoseconds[MOST_CALLS];
 };
 
-std::int64_t now()
-{
-	timespec clock = {};
-	clock_gettime(CLOCK_MONOTONIC, &clock);
-	return clock.tv_sec * 1000000000LL + clock.tv_nsec;
-}
-
 int run_client(const char *object, const char *method, std::int64_t begin, std::int64_t end,
 	       Seen &seen)
 {
@@ -53,15 +47,15 @@ int run_client(const char *object, const char *method, std::int64_t begin, std::
 		std::fprintf(stderr, "bus_load: '%s' is not on the bus\n", object);
 		return 1;
 	}
-	while (now() < begin) {
+	while (nanoseconds_now() < begin) {
 		usleep(100);
 	}
-	for (std::int64_t started = now(); started < end && seen.calls < MOST_CALLS;) {
+	for (std::int64_t started = nanoseconds_now(); started < end && seen.calls < MOST_CALLS;) {
 		if (ubus_invoke(bus, id, method, arguments.head, nullptr, nullptr, CALL_TIMEOUT) !=
 		    0) {
 			seen.failed++;
 		}
-		const std::int64_t done = now();
+		const std::int64_t done = nanoseconds_now();
 		seen.nanoseconds[seen.calls] = static_cast<std::uint32_t>(
 			std::min<std::int64_t>(done - started, UINT32_MAX));
 		seen.calls++;
@@ -104,7 +98,7 @@ int main(int argc, char **argv)
 	}
 	auto *seen = static_cast<Seen *>(memory);
 	// All have connected by then; a client that is late simply calls less often.
-	const std::int64_t begin = now() + 2000000LL * clients + 20000000LL;
+	const std::int64_t begin = nanoseconds_now() + 2000000LL * clients + 20000000LL;
 	const std::int64_t end = begin + static_cast<std::int64_t>(seconds * 1e9);
 	for (int i = 0; i < clients; i++) {
 		const pid_t child = fork();

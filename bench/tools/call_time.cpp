@@ -5,7 +5,8 @@
 //	call_time OBJECT METHOD [NAME TEXT]...
 #include <cstdint>
 #include <cstdio>
-#include <ctime>
+
+#include "clock.h"
 
 extern "C" {
 #include <libubox/blobmsg.h>
@@ -16,13 +17,6 @@ namespace
 {
 
 constexpr int LONGEST_WAIT = 120000; // milliseconds
-
-double now()
-{
-	timespec clock = {};
-	clock_gettime(CLOCK_MONOTONIC, &clock);
-	return static_cast<double>(clock.tv_sec) + static_cast<double>(clock.tv_nsec) / 1e9;
-}
 
 } // namespace
 
@@ -43,10 +37,10 @@ int main(int argc, char **argv)
 		std::fprintf(stderr, "call_time: '%s' is not on the bus\n", argv[1]);
 		return 1;
 	}
-	const double started = now();
+	const double started = seconds_now();
 	const int result =
 		ubus_invoke(bus, id, argv[2], arguments.head, nullptr, nullptr, LONGEST_WAIT);
-	const double took = now() - started;
+	const double took = seconds_now() - started;
 	ubus_free(bus);
 	if (result != 0) {
 		std::fprintf(stderr, "call_time: %s\n", ubus_strerror(result));

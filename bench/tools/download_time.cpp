@@ -7,24 +7,17 @@
 // The worker is the daemon's code, linked in; what surrounds it (free space, kernel settings) is
 // left out, because the other side of the comparison, curl, does nothing of the kind.
 #include <cstdio>
-#include <ctime>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "clock.h"
 #include "firmware/worker.h"
 
 namespace
 {
 
 constexpr std::int32_t TIMEOUT = 600; // seconds
-
-double now()
-{
-	timespec clock = {};
-	clock_gettime(CLOCK_MONOTONIC, &clock);
-	return static_cast<double>(clock.tv_sec) + static_cast<double>(clock.tv_nsec) / 1e9;
-}
 
 } // namespace
 
@@ -40,7 +33,7 @@ int main(int argc, char **argv)
 		return 1;
 	}
 	uloop_init(); // the worker takes leave of the loop it was forked in
-	const double started = now();
+	const double started = seconds_now();
 	const pid_t child = fork();
 	if (child == 0) {
 		close(ends[0]);
@@ -57,6 +50,6 @@ int main(int argc, char **argv)
 		std::fprintf(stderr, "download_time: the transfer of %s failed\n", argv[1]);
 		return 1;
 	}
-	std::printf("%.6f %ld\n", now() - started, usage.ru_maxrss);
+	std::printf("%.6f %ld\n", seconds_now() - started, usage.ru_maxrss);
 	return 0;
 }

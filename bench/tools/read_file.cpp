@@ -7,11 +7,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "clock.h"
 
 #if __has_include(<miniz.h>)
 #include <miniz.h>
@@ -24,13 +25,6 @@ namespace
 
 constexpr std::size_t PAGE = 4096;
 constexpr std::size_t HEADER = 64;
-
-double now()
-{
-	timespec clock = {};
-	clock_gettime(CLOCK_MONOTONIC, &clock);
-	return static_cast<double>(clock.tv_sec) + static_cast<double>(clock.tv_nsec) / 1e9;
-}
 
 unsigned long touch(const unsigned char *bytes, std::size_t size)
 {
@@ -50,7 +44,7 @@ int main(int argc, char **argv)
 		std::fputs("Usage: read_file touch|crc FILE\n", stderr);
 		return 2;
 	}
-	const double started = now();
+	const double started = seconds_now();
 	const int descriptor = open(argv[2], O_RDONLY | O_CLOEXEC);
 	struct stat status = {};
 	if (descriptor < 0 || fstat(descriptor, &status) != 0 || status.st_size < 64) {
@@ -68,6 +62,6 @@ int main(int argc, char **argv)
 		crc ? mz_crc32(MZ_CRC32_INIT, bytes + HEADER, size - HEADER) : touch(bytes, size);
 	munmap(memory, size);
 	close(descriptor);
-	std::printf("%.6f %lu\n", now() - started, result);
+	std::printf("%.6f %lu\n", seconds_now() - started, result);
 	return 0;
 }

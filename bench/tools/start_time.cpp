@@ -6,10 +6,11 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "clock.h"
 
 extern "C" {
 #include <libubox/blobmsg.h>
@@ -26,13 +27,6 @@ constexpr int LONGEST_WAIT = 20000; // milliseconds
 
 const char *wanted;
 bool is_there;
-
-double now()
-{
-	timespec clock = {};
-	clock_gettime(CLOCK_MONOTONIC, &clock);
-	return static_cast<double>(clock.tv_sec) * 1e3 + static_cast<double>(clock.tv_nsec) / 1e6;
-}
 
 // The broker announces every object: {"id": number, "path": text}.
 void on_event(ubus_context *, ubus_event_handler *, const char *event, blob_attr *message)
@@ -84,14 +78,14 @@ int main(int argc, char **argv)
 	}
 	ubus_add_uloop(bus);
 
-	const double started = now();
+	const double started = 1000 * seconds_now();
 	pid_t child = 0;
 	if (posix_spawn(&child, argv[2], nullptr, nullptr, argv + 2, environ) != 0) {
 		std::fprintf(stderr, "start_time: %s cannot be started\n", argv[2]);
 		return 1;
 	}
 	const bool came = await_object(true);
-	const double took = now() - started;
+	const double took = 1000 * seconds_now() - started;
 	// Its object is there a moment before its loop runs, and a SIGTERM in between is lost.
 	kill(child, SIGKILL);
 	const bool went = !came || await_object(false);
