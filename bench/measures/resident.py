@@ -7,7 +7,7 @@ import subprocess
 import threading
 import time
 
-from measures import images, router
+from measures import router
 from measures.samples import Row
 
 UPDATES = 100
@@ -25,7 +25,6 @@ def watched(label, process, into):
 
 def live_through(label, program, into):
     """One daemon's life: start, check, one update, a hundred."""
-    images.INSTALLED.unlink(missing_ok=True)
     router.offer("small")
     with router.daemon(program=program) as process:
         watched(f"{label}, after start", process, into)
@@ -37,7 +36,6 @@ def live_through(label, program, into):
             if done == 1:
                 watched(f"{label}, after an update", process, into)
         watched(f"{label}, after {UPDATES} updates", process, into)
-        images.await_installer(UPDATES)
 
 
 @contextlib.contextmanager
@@ -118,21 +116,19 @@ def answers(port):
         return probe.connect_ex(("127.0.0.1", port)) == 0
 
 
-def memory(runs):
-    """PSS and private memory. One life of a hundred updates takes long, so a few do."""
+def memory(_runs):
+    """PSS and private memory. Memory hardly varies, and a hundred updates take long: one life."""
     into = {}
-    lives = max(1, min(3, runs))
     small = router.ROUTER_CURL
-    for _ in range(lives):
-        for name in ("least_object", "least_object_same_libraries"):
-            with router.least_object(name) as process:
-                watched(name, process, into)
-        live_through("fwupdate", router.DAEMON, into)
-        if small.exists():
-            with router.service(small / "least_object", wait_for="least") as process:
-                watched("least_object, router's libcurl", process, into)
-            live_through("fwupdate, router's libcurl", small / "fwupdate", into)
-        peers(into)
+    for name in ("least_object", "least_object_same_libraries"):
+        with router.least_object(name) as process:
+            watched(name, process, into)
+    live_through("fwupdate", router.DAEMON, into)
+    if small.exists():
+        with router.service(small / "least_object", wait_for="least") as process:
+            watched("least_object, router's libcurl", process, into)
+        live_through("fwupdate, router's libcurl", small / "fwupdate", into)
+    peers(into)
     return memory_rows(into)
 
 
