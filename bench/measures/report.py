@@ -73,7 +73,7 @@ def plot(folder, name, measured):
         return False
     script = [f"set terminal svg size 640,400 font 'sans,12' background 'white'",
               f"set output '{folder}/bench-{name}.svg'", f"set title '{title}'",
-              f"set xlabel '{x_label}'", f"set ylabel '{y_label}'", "set key left top",
+              f"set xlabel '{x_label}'", f"set ylabel '{y_label}'", "set key below",
               "set yrange [0:*]", "set grid"]
     if logarithmic:
         script.append("set logscale x 2")
