@@ -28,7 +28,8 @@ FLASH_SIZE = 64 << 20
 # Seconds to wait for anything: on a busy machine a start takes minutes.
 PATIENCE = float(os.environ.get("FWUPDATE_VM_WAIT", 400))
 READY = b"\0ready\0"
-ANSWER = re.compile(rb"\0(ready|\d+)\0")
+STOPPED = b"\0stopped\0"  # sent by the boot loader
+ANSWER = re.compile(rb"\0(ready|stopped|\d+)\0")
 POWER_DOWN = rb"reboot: (Power down|System halted)"
 
 
@@ -38,6 +39,10 @@ class MachineError(Exception):
 
 class Restarted(MachineError):
     """The router started again while a command ran."""
+
+
+class NoFirmware(MachineError):
+    """The boot loader has no firmware to start and waits at its prompt."""
 
 
 def escaped(value):
@@ -171,15 +176,17 @@ class Machine:
 
     def wait_up(self, timeout=PATIENCE):
         """Until the router has started, or started again."""
-        found = self.control.wait(re.escape(READY), self.answered, timeout)
+        found = self.control.wait(READY + b"|" + STOPPED, self.answered, timeout)
         self.answered = found.end()
+        if found.group() == STOPPED:
+            raise NoFirmware("no firmware starts; the boot loader waits at its prompt")
 
     def run(self, command, timeout=PATIENCE):
         """Runs a shell command; returns its exit status and what it printed."""
         self.control.send(base64.b64encode(command.encode()) + b"\n")
         found = self.control.wait(ANSWER.pattern, self.answered, timeout)
         output = self.control.received[self.answered:found.start()]
-        if found.group() == READY:
+        if found.group() in (READY, STOPPED):
             raise Restarted(f"the router started again during: {command}")
         self.answered = found.end()
         return int(found.group(1)), output.decode(errors="replace")

@@ -75,12 +75,14 @@ def router(saved, flash, tmp_path):
 
 @pytest.fixture
 def restart(flash, tmp_path):
-    """restart(): power on again, with the flash as the last power cut left it."""
+    """restart(): power on, with the flash as it is now; wait=False: only that."""
     machines = []
 
-    def power_on():
-        machines.append(machine.Machine(tmp_path, flash, tmp_path / "server"))
-        machines[-1].wait_up()
+    def power_on(wait=True):
+        server = offer(tmp_path / "server", machine.FIRMWARE)
+        machines.append(machine.Machine(tmp_path, flash, server))
+        if wait:
+            machines[-1].wait_up()
         return machines[-1]
 
     yield power_on

@@ -26,15 +26,34 @@ def environment_part(flash):
         return file.read(ENVIRONMENT_SIZE)
 
 
-def read_environment(part, folder):
-    """The variables, as the real tool finds them in the two copies; None when it finds none."""
+def _environment_tool(name, part, folder, *arguments):
+    """Runs it on the two copies; they are in the file `part` then."""
     (folder / "part").write_bytes(part)
     (folder / "fw_env.config").write_text(
         f"{folder}/part 0x0000 0x4000\n{folder}/part 0x8000 0x4000\n", encoding="utf-8")
-    tool = subprocess.run(["fw_printenv", "-c", folder / "fw_env.config"], capture_output=True, text=True, check=False)
+    return subprocess.run([name, "-c", folder / "fw_env.config", *arguments],
+                          capture_output=True, text=True, check=False)
+
+
+def read_environment(part, folder):
+    """The variables, as the real tool finds them in the two copies; None when it finds none."""
+    tool = _environment_tool("fw_printenv", part, folder)
     if tool.returncode != 0:
         return None
     return dict(line.split("=", 1) for line in tool.stdout.splitlines())
+
+
+def set_variable(flash, folder, *name_and_value):
+    """As the real tool does it: a name without a value removes the variable."""
+    tool = _environment_tool("fw_setenv", environment_part(flash), folder, *name_and_value)
+    assert tool.returncode == 0, tool.stderr
+    write(flash, ENVIRONMENT, (folder / "part").read_bytes())
+
+
+def write(flash, place, data):
+    with open(flash, "r+b") as file:
+        file.seek(place)
+        file.write(data)
 
 
 def wait_until(condition, what, timeout=400):

@@ -2,13 +2,14 @@
 """The machine is killed in the middle of an update and started again. Whatever was going
 on, the boot environment is whole and a firmware starts."""
 import json
+import pathlib
 import subprocess
 import sys
 
 import machine
 import pytest
 from conftest import PROJECT
-from flash import (ENVIRONMENT, ENVIRONMENT_SIZE, PARTITIONS, content, environment_part, logged_writes,
+from flash import (ENVIRONMENT, ENVIRONMENT_SIZE, content, environment_part, logged_writes,
                    read_environment, wait_until)
 from steps import await_download, begin_update, facts, hold_at_verification
 
@@ -22,6 +23,20 @@ def check_environment(flash, tmp_path, before, *bootparts):
     assert now is not None, "the boot environment is lost"
     assert now["bootpart"] in bootparts
     assert {**now, "bootpart": ""} == {**before, "bootpart": ""}
+
+
+def cut_while_flashing(device, flash, partition, moment):
+    """Power is cut when the installer has erased, or written, 4 MiB of the partition."""
+    new = pathlib.Path(machine.FIRMWARE).read_bytes()
+    size = 4 << 20
+    begin_update(device, partition)
+    wait_until(lambda: content(flash, partition, size)[-256:] == b"\xff" * 256, "the fourth MiB is erased")
+    if moment == "writing":  # the old image's bytes may be the same at this place
+        wait_until(lambda: content(flash, partition, size)[-256:] == new[size - 256:size], "the fourth MiB is written")
+    device.cut_power()
+    # Cut off in the middle: the boot loader needs the checksum of what follows the header.
+    left = content(flash, partition, len(new))
+    assert left != new and (left[:64] == new[:64]) == (moment == "writing")
 
 
 @pytest.fixture
@@ -67,15 +82,28 @@ def test_during_fw_setenv_leaves_one_of_the_two_copies(router, restart, flash, t
 @pytest.mark.parametrize("partition, other", [("firmware2", "firmware"), ("firmware", "firmware2")])
 def test_during_flashing_starts_the_other_partition(router, restart, flash, tmp_path, before, partition, other):
     """In `firmware` the router writes over what it runs from."""
-    old = content(flash, partition, 4 << 20)
     device = router()
-    begin_update(device, partition)
-    wait_until(lambda: content(flash, partition, 4 << 20)[-256:] != old[-256:], "the fourth MiB is written")
-    device.cut_power()
+    cut_while_flashing(device, flash, partition, "writing")
     check_environment(flash, tmp_path, before, partition)
     device = restart()
     assert facts(device) == {"revision": "r1234", "booted": other, "bootpart": partition}
     assert f"the image in {partition} is damaged".encode() in device.console.received
+
+
+def test_twice_in_a_row_and_while_the_boot_loader_falls_back(router, restart, flash, tmp_path, before):
+    device = router()
+    cut_while_flashing(device, flash, "firmware2", "erasing")
+    device = restart(wait=False)
+    device.wait_console("the image in firmware2 is damaged")
+    device.cut_power()
+    device = restart()
+    fallen_back = {"revision": "r1234", "booted": "firmware", "bootpart": "firmware2"}
+    assert facts(device) == fallen_back
+    cut_while_flashing(device, flash, "firmware2", "writing")
+    check_environment(flash, tmp_path, before, "firmware2")
+    device = restart()
+    assert facts(device) == fallen_back
+    assert json.loads(device.output("ubus -t 280 call fwupdate check"))["need_update"] == "1"
 
 
 def test_at_any_moment_of_fw_setenv_an_environment_is_left(router, flash, tmp_path, before):
