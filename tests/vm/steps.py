@@ -3,6 +3,8 @@
 import json
 import shlex
 
+SLOW = 600_000  # bytes per second: a download of some 19 seconds
+
 
 def facts(router):
     """Which firmware runs, from which partition, and which one is to be started next."""

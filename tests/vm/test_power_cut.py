@@ -11,9 +11,8 @@ import pytest
 from conftest import PROJECT
 from flash import (ENVIRONMENT, ENVIRONMENT_SIZE, content, environment_part, logged_writes,
                    read_environment, wait_until)
-from steps import await_download, begin_update, facts, hold_at_verification
+from steps import SLOW, await_download, begin_update, facts, hold_at_verification
 
-SLOW = 600_000  # bytes per second: a download of some 19 seconds
 OLD = {"revision": "r1234", "booted": "firmware", "bootpart": "firmware"}
 
 

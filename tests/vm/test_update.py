@@ -5,7 +5,7 @@ import pathlib
 
 import machine
 from flash import PARTITION_SIZE, content, damage, enlarge
-from steps import await_download, begin_update, facts, update
+from steps import SLOW, await_download, begin_update, facts, update
 
 
 def test_restarts_with_the_new_firmware_from_the_other_partition(router, flash):
@@ -27,7 +27,7 @@ def test_restarts_with_the_new_firmware_from_the_other_partition(router, flash):
 
 
 def test_writes_the_kernel_settings(router):
-    device = router(server_rate=600_000)
+    device = router(server_rate=SLOW)
     read = "cat /proc/sys/vm/panic_on_oom /proc/sys/vm/min_free_kbytes"
     panic, free = device.output(read).split()
     assert panic == "0" and free != "1024"
