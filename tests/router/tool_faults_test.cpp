@@ -79,6 +79,7 @@ const std::string no_model = "Error on reading cpe_model";
 const std::string no_product = "Error on reading cpe_product_name";
 const std::string no_query = "Error on geting update info via CURL";
 const std::string no_partition = "Error on reading fw_part";
+const std::string wrong_partition = "Partition in 'bootpart' is wrong, try find current partition";
 const std::string no_space = "Error on reading tmpfs";
 const std::string no_room = "Error, not enough memory to load firmware!";
 const std::string no_customid = "Error on reading customid";
@@ -107,9 +108,9 @@ const std::vector<Rule> rules = {
 	{"ifconfig", in_any_way, 0, no_error, {no_mac, no_address}},
 	{"uci", without_value, 1, query_failed, {no_url, no_query}},
 	{"uci", {"rubbish", "ten_megabytes"}, 1, query_failed, {no_query}},
-	{"awk", without_value, 1, query_failed, {no_interface, no_mac, no_url, no_query}},
+	{"awk", without_value, 2, no_space + "\n", {no_interface, no_mac, no_space}},
 	{"awk", {"rubbish"}, 1, query_failed, {no_address, no_query}},
-	{"awk", {"ten_megabytes"}, 1, query_failed, {no_query}},
+	{"awk", {"ten_megabytes"}, 2, no_room + "\n", {wrong_partition, no_room}},
 	{"grep", without_value, 2, no_space + "\n", {no_mac, no_space}},
 	{"grep", {"rubbish", "ten_megabytes"}, 2, no_room + "\n", {no_mac, no_partition, no_room}},
 	{"tr",
@@ -119,11 +120,7 @@ const std::vector<Rule> rules = {
 	 {no_version, no_builddate, no_device, no_interface, no_model, no_partition, no_product,
 	  bad_model}},
 	{"tr", {"rubbish"}, 1, query_failed, {no_mac, no_address, no_query}},
-	{"tr",
-	 {"ten_megabytes"},
-	 3,
-	 bad_model,
-	 {"Partition in 'bootpart' is wrong, try find current partition", bad_model}},
+	{"tr", {"ten_megabytes"}, 3, bad_model, {wrong_partition, bad_model}},
 	{"df", in_any_way, 2, no_space + "\n", {no_space}},
 	{"sync", in_any_way},
 	{"fw_printenv", {"missing"}},
