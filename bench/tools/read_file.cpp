@@ -13,12 +13,7 @@
 #include <unistd.h>
 
 #include "clock.h"
-
-#if __has_include(<miniz.h>)
-#include <miniz.h>
-#else
-#include <miniz/miniz.h>
-#endif
+#include "core/base/miniz_headers.h"
 
 namespace
 {
