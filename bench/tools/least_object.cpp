@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: ISC
 // The least that can stand on the bus and answer: the baseline for what the daemon costs beyond
-// libubus and the event loop. Its object `least` has one method, `state`, with the daemon's idle
-// answer.
+// libubus and the event loop. Its object `least` has two methods with answers that never change:
+// `state` gives the daemon's answer when it is idle, `download` that during a download.
 //
 //	least_object           connect, register, serve
 //	least_object --pidof   first run one `pidof` pipeline, as the daemon does at start
@@ -29,7 +29,24 @@ int handle_state(ubus_context *bus, ubus_object *, ubus_request_data *request, c
 	return UBUS_STATUS_OK;
 }
 
-const ubus_method methods[] = {UBUS_METHOD_NOARG("state", handle_state)};
+int handle_download(ubus_context *bus, ubus_object *, ubus_request_data *request, const char *,
+		    blob_attr *)
+{
+	blob_buf_init(&reply, 0);
+	blobmsg_add_string(&reply, "state", "FIRMWARE_CONNECT");
+	blobmsg_add_string(&reply, "message", "");
+	void *progress = blobmsg_open_table(&reply, "progress");
+	blobmsg_add_u64(&reply, "total", 1000000);
+	blobmsg_add_u64(&reply, "now", 1000);
+	blobmsg_close_table(&reply, progress);
+	ubus_send_reply(bus, request, reply.head);
+	return UBUS_STATUS_OK;
+}
+
+const ubus_method methods[] = {
+	UBUS_METHOD_NOARG("state", handle_state),
+	UBUS_METHOD_NOARG("download", handle_download),
+};
 ubus_object_type type = UBUS_OBJECT_TYPE("least", methods);
 ubus_object object;
 
