@@ -76,17 +76,17 @@ def measure(folder):
         print("bench/fleet: wrk is not installed; './setup.sh --fleet' brings it.")
         return 1
     with UpdateServer(folder, BASELINE) as server:
-        path = server.shared / "image.bin"
+        path = server.folder / "image.bin"
         path.write_bytes(uimage(random.Random(1).randbytes(4096)))
-        (server.shared / "notes").write_text("Faster start, fewer surprises. " * 8)
+        (server.folder / "notes").write_text("Faster start, fewer surprises. " * 8)
         for channel in ("stable", "candidate"):
-            server.publish(channel, path, "174200000", "--notes", str(server.shared / "notes"))
+            server.publish(channel, path, "174200000", "--notes", str(server.folder / "notes"))
         server.rollout(10)
-        script = server.shared / "queries.lua"
+        script = server.folder / "queries.lua"
         script.write_text(QUERIES % QUERY)
-        plain = server.shared / "plain.lua"
+        plain = server.folder / "plain.lua"
         plain.write_text(PLAIN)
-        program = server.shared / "one_check.py"
+        program = server.folder / "one_check.py"
         program.write_text(ONE_CHECK)
         sizes = server.must(f"PYTHONHOME=/host/usr /host/usr/bin/python3 {program}")
         request, head, body, wire = map(int, sizes.split())

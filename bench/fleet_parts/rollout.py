@@ -29,7 +29,7 @@ class Fleet:
 
 def image(server, build):
     content = uimage(random.Random(build).randbytes(IMAGE_SIZE))
-    path = server.shared / f"image-{build}.bin"
+    path = server.folder / f"image-{build}.bin"
     path.write_bytes(content)
     return path, hashlib.sha256(content).hexdigest()
 
@@ -56,7 +56,7 @@ def bad_rollout(fleet, say):
     """An image that was damaged on the server: the first step finds it, and is the last."""
     path, _ = image(fleet.server, "174300000")
     fleet.server.publish("candidate", path, "174300000")
-    served = fleet.server.served / "model-x/candidate/releases/174300000" / path.name
+    served = fleet.server.server_root / "model-x/candidate/releases/174300000" / path.name
     content = bytearray(served.read_bytes())
     content[IMAGE_SIZE // 2] ^= 1
     served.write_bytes(content)
@@ -84,14 +84,11 @@ def bad_rollout(fleet, say):
 
 def run(folder, count):
     with contextlib.ExitStack() as stack:
-        (folder / "server").mkdir()
-        server = stack.enter_context(UpdateServer(folder / "server"))
+        server = stack.enter_context(UpdateServer(folder))
         path, _ = image(server, "171000000")
         server.publish("stable", path, "171000000")
         server.rollout(0)
-        routers = [stack.enter_context(FleetRouter(folder / serial, server, serial)) for serial in serials(count, STEPS)]
-        for router in routers:
-            router.connect()
+        routers = [stack.enter_context(FleetRouter(server, serial)) for serial in serials(count, STEPS)]
         fleet = Fleet(server, routers)
         print(f"{len(routers)} routers, each with a daemon of its own, and one nginx.", flush=True)
 

@@ -1,14 +1,12 @@
 # SPDX-License-Identifier: ISC
 """An update server: nginx with publish/server's configuration on a simulated machine of
 its own. Routers reach it through a unix socket in a folder that both see: the cable."""
-import pathlib
 import re
 import shutil
 import subprocess
 
-from router_session import RouterSession
+from simulated_router import PROJECT, Router
 
-PROJECT = pathlib.Path(__file__).resolve().parent.parent.parent
 SERVER = PROJECT / "publish/server"
 PUBLISH = PROJECT / "publish/fwupdate-publish"
 
@@ -53,37 +51,38 @@ http {{
 """
 
 
-class UpdateServer(RouterSession):
-    """`served` is /srv/update. `extra` goes into the `http` part as well."""
+class UpdateServer(Router):
+    """Serves `root`, a new folder. `extra` goes into the `http` part as well."""
 
-    def __init__(self, folder, extra=""):
-        super().__init__(folder, "--no-bus", "--no-server", "--no-syslog")
-        self.socket = self.shared / "cable"
-        shutil.copytree(SERVER / "nothing", self.served / "nothing", dirs_exist_ok=True)
-        (self.shared / "nginx.conf").write_text(MAIN.format(extra=CABLE.format(socket=self.socket) + extra))
-        (self.shared / "router.conf").write_text(ROUTER.format(socket=self.socket))
-        self.must("mkdir -p /etc/nginx/conf.d /var/cache/nginx")
-        self.must(f"cp {SERVER}/update-server.conf /etc/nginx/conf.d")
+    def __init__(self, root, extra=""):
+        super().__init__("--no-bus", "--no-server", "--no-syslog", server_root=root)
+        self.extra = extra
         self.running = False
 
-    def must(self, command):
-        status, text = self.run(command)
-        assert status == 0, f"{command}: {text}"
-        return text.rstrip("\n")
+    def __enter__(self):
+        super().__enter__()
+        self.socket = self.folder / "cable"
+        shutil.copytree(SERVER / "nothing", self.server_root / "nothing")
+        (self.folder / "nginx.conf").write_text(MAIN.format(extra=CABLE.format(socket=self.socket) + self.extra))
+        (self.folder / "router.conf").write_text(ROUTER.format(socket=self.socket))
+        self.must("mkdir -p /etc/nginx/conf.d /var/cache/nginx")
+        self.must(f"cp {SERVER}/update-server.conf /etc/nginx/conf.d")
+        return self
 
     def rollout(self, percent):
         """Sets the share of the candidate, and has nginx take it."""
         lines = (SERVER / "rollout.conf").read_text()
         step = f"\t{percent}% candidate;\n" if percent else ""
-        (self.shared / "rollout.conf").write_text(re.sub(r"\t[0-9.]+% candidate;\n", step, lines))
-        self.must(f"cp {self.shared}/rollout.conf /etc/nginx/rollout.conf")
+        (self.folder / "rollout.conf").write_text(re.sub(r"\t[0-9.]+% candidate;\n", step, lines))
+        self.must(f"cp {self.folder}/rollout.conf /etc/nginx/rollout.conf")
         self.restart()
 
     def restart(self):
         """nginx reloads by itself only with a master process, which a sandbox cannot have."""
         if self.running:
-            self.must("kill $(cat /var/run/nginx-update.pid); while [ -e /var/run/nginx-update.pid ]; do :; done")
-        self.must(f"rm -f {self.socket}; /host/usr/sbin/nginx -c {self.shared}/nginx.conf")
+            # Its socket goes last, after its pid file: a new one must not be there yet.
+            self.must("p=$(cat /var/run/nginx-update.pid); kill $p; while kill -0 $p 2>/dev/null; do sleep 0.01; done")
+        self.must(f"rm -f {self.socket}; /host/usr/sbin/nginx -c {self.folder}/nginx.conf")
         self.running = True
 
     def get(self, query, path="/update.xml"):
@@ -98,24 +97,23 @@ class UpdateServer(RouterSession):
 
     def publish(self, channel, image, build, *options):
         result = subprocess.run(
-            [PUBLISH, image, "--version", f"v{build}", "--build", build, "--out", self.served / "model-x" / channel,
+            [PUBLISH, image, "--version", f"v{build}", "--build", build, "--out", self.server_root / "model-x" / channel,
              "--url", f"http://192.0.2.1/model-x/{channel}", "--model", "MODEL-X", *options],
             capture_output=True, text=True)
         assert result.returncode == 0, result.stderr
 
 
-class FleetRouter(RouterSession):
+class FleetRouter(Router):
     """A router with its own serial number, whose update server is `server`."""
 
-    def __init__(self, folder, server, serial):
-        folder.mkdir()
-        super().__init__(folder, "--no-server", shared=server.shared)
+    def __init__(self, server, serial):
+        super().__init__("--no-server", folder=server.folder)
         self.serial = serial
-        self.cable = server.shared / "router.conf"
 
-    def connect(self):
-        status, text = self.run(f"echo {self.serial} >/etc/router/serial; /host/usr/sbin/nginx -c {self.cable}")
-        assert status == 0, text
+    def __enter__(self):
+        super().__enter__()
+        self.must(f"echo {self.serial} >/etc/router/serial; /host/usr/sbin/nginx -c {self.folder}/router.conf")
+        return self
 
     def build(self, number):
         self.run(f"sed -i 's/\"builddate\": .*/\"builddate\": \"{number}\"/' /etc/router/board.json")
@@ -130,10 +128,10 @@ class FleetRouter(RouterSession):
         reply = self.call("update", attempts=2, timeout=120)
         if reply["error_code"] != "0":
             return reply["error_code"], None
-        record = self.await_file("/var/log/sysupgrade")
+        record = self.wait_for("cat /var/log/sysupgrade")
         self.build(reply["buildtime"])
         self.run("rm -f /tmp/fwupdate.bin")
         return "0", re.search("sha256: ([0-9a-f]{64})", record).group(1)
 
     def installed(self):
-        return self.run("cat /var/log/sysupgrade")[0] == 0
+        return self.run("cat /var/log/sysupgrade").status == 0

@@ -58,7 +58,7 @@ def assert_harmless(output):
 def test_hostile_texts_do_not_reach_the_screen(router, columns, command):
     answer(router, state=idle(EVIL + KEPT), check=offer(EVIL + KEPT + EVIL),
            test={"check_code": EVIL, "error_code": EVIL})
-    output = router.run_raw(f"fwupdate-cli {command}", columns, {"NO_COLOR": "1"})
+    output = router.run(f"fwupdate-cli {command}", columns, {"NO_COLOR": "1"}).raw
     if columns or "--json" not in command:
         assert_harmless(output)
     else:
@@ -69,7 +69,7 @@ def test_hostile_texts_do_not_reach_the_screen(router, columns, command):
 @pytest.mark.parametrize("columns", [None, 80])
 def test_a_hostile_error_does_not_reach_the_screen(router, columns):
     answer(router, state=idle(), check=offer(error_code="1", error_message=EVIL + KEPT + EVIL))
-    output = router.run_raw("fwupdate-cli check", columns, {"NO_COLOR": "1"})
+    output = router.run("fwupdate-cli check", columns, {"NO_COLOR": "1"}).raw
     assert_harmless(output)
     assert "plain [x] ~" in output.decode()
 
@@ -85,7 +85,7 @@ def test_text_in_any_language_is_shown(router):
 def test_what_is_no_utf_8_is_left_out(router, bad):
     script = ". /usr/share/fwupdate-cli/screen.sh; printf '%s\\n' 'a{}z' | plain_text"
     (router.folder / "filter").write_bytes(script.encode().replace(b"{}", bad))
-    output = router.run_raw(f"sh {router.folder}/filter")
+    output = router.run(f"sh {router.folder}/filter").raw
     assert_harmless(output)
     assert output.startswith(b"a") and output.endswith(b"z\n")
 
@@ -99,7 +99,7 @@ def test_a_version_of_several_lines_is_cut_to_the_first(router):
 def test_what_a_real_manifest_can_carry_is_harmless(tmp_path):
     notes = "now &#x9b;31mred &#x202e;txt &#x7f; &#x85;next \u009b2J &#xdf;ok"
     with Router(server_root=make_server(tmp_path, notes=notes, version="2&#x9b;2J")) as router:
-        output = router.run_raw("fwupdate-cli check", 80, {"NO_COLOR": "1"})
+        output = router.run("fwupdate-cli check", 80, {"NO_COLOR": "1"}).raw
     assert_harmless(output)
     assert b"is available" in output and "ßok".encode() in output
 

@@ -5,37 +5,11 @@ import re
 import pytest
 
 from kept_answer import await_installer
-from simulated_router import Router, make_server
+from simulated_router import Router, make_server, wait_until
 
-SIZE = 3_000_000
-RATE = 1_000_000  # bytes a second: there is something to see
 OFFER = "Version 2.1.0 (build 174117600) is available; this router runs build 171000000."
 GOOD = "Version 2.1.0 (build 174117600) was downloaded and is good."
 ARGUMENTS = {"timeout": 900, "attempts": 3, "delay": 0}
-
-
-@pytest.fixture(scope="module")
-def server(tmp_path_factory):
-    return make_server(tmp_path_factory.mktemp("server"), SIZE)
-
-
-@pytest.fixture
-def router(server):
-    with Router("--server-rate", str(RATE), server_root=server) as router:
-        yield router
-
-
-# Two looks that saw different amounts give a rate; on a busy machine looks are rare.
-@pytest.fixture
-def slow_router(server):
-    with Router("--server-rate", str(RATE // 3), server_root=server) as router:
-        yield router
-
-
-@pytest.fixture
-def fast_router(server):
-    with Router(server_root=server) as router:
-        yield router
 
 
 def was_installed(router):
@@ -54,17 +28,27 @@ def bars(output):
     return lines
 
 
-def test_on_a_terminal_it_asks_shows_the_progress_and_installs(slow_router):
-    router = slow_router
+def update_seen(router, columns, environment=None):
+    """The raw output of an update whose progress was shown, if only as a line."""
+    terminal = router.open("fwupdate-cli update --yes --force", columns, environment)
+    terminal.expect(" % " if (environment or {}).get("TERM") != "dumb" else "Downloading")
+    router.release()
+    return terminal.result().raw
+
+
+def test_on_a_terminal_it_asks_shows_the_progress_and_installs(router):
     terminal = router.open("fwupdate-cli update", 100)
     asked = terminal.expect("[y/N]")
     assert OFFER in asked and "fewer surprises" in asked and "will restart" in asked
     terminal.type("y\n")
+    terminal.expect(" % ")
+    router.send_half()
     terminal.expect("iB/s")
+    router.release()
     result = terminal.result()
     assert result.status == 0
     drawn = bars(result.output)
-    assert any(re.search(r"\[#+\.+\] +\d+ %  [\d.]+ of 2\.8 MiB +[\d.]+ [KM]iB/s  0:\d\d left", line)
+    assert any(re.search(r"\[#+\.+\] +\d+ %  [\d.]+ of 2\.8 MiB +[\d.]+ [KM]iB/s  \d+:\d\d left", line)
                for line in drawn), drawn
     assert GOOD in result.output and "restarts in a moment" in result.output
     assert was_installed(router)
@@ -95,7 +79,10 @@ def test_without_a_terminal_it_takes_yes_and_prints_a_line_per_step(router):
     assert refused.status == 2
     assert "takes --yes" in refused.output
     assert is_untouched(router)
-    result = router.run("fwupdate-cli update --yes")
+    program = router.open("fwupdate-cli update --yes")
+    program.expect("Downloading")
+    router.release()
+    result = program.result()
     assert result.status == 0
     assert "\r" not in result.output and "%" not in result.output and "\x1b" not in result.output
     lines = result.output.splitlines()
@@ -106,7 +93,10 @@ def test_without_a_terminal_it_takes_yes_and_prints_a_line_per_step(router):
 
 
 def test_the_bar_fits_a_narrow_terminal(router):
-    result = router.run("fwupdate-cli update --yes", 24)
+    terminal = router.open("fwupdate-cli update --yes", 24)
+    terminal.expect(" %")
+    router.release()
+    result = terminal.result()
     assert result.status == 0
     for line in bars(result.output):
         assert len(line.split("\n")[0]) <= 23
@@ -117,23 +107,27 @@ def test_the_bar_follows_the_terminals_width(router):
     terminal = router.open("fwupdate-cli update --yes", 120)
     terminal.expect(" % ")
     terminal.resize(40)
+    wait_until(lambda: len(bars(terminal.output())[-1]) <= 39, "the bar gets narrow")
+    router.release()
     terminal.wait()
     assert max(map(len, bars(terminal.output()))) > 100
     assert len(bars(terminal.output())[-1].split("\n")[0]) <= 39
 
 
 def test_no_color_leaves_no_escape_sequence(router):
-    assert b"\x1b" in router.run_raw("fwupdate-cli update --yes --force", 80)
+    assert b"\x1b" in update_seen(router, 80)
     await_installer(router)
-    plain = router.run_raw("fwupdate-cli update --yes --force", 80, {"NO_COLOR": "1"})
+    router.hold_again()
+    plain = update_seen(router, 80, {"NO_COLOR": "1"})
     assert b"\x1b" not in plain and b"\r[#" in plain
     await_installer(router, 2)
-    dumb = router.run_raw("fwupdate-cli update --yes --force", 80, {"TERM": "dumb"})
+    router.hold_again()
+    dumb = update_seen(router, 80, {"TERM": "dumb"})
     assert b"\x1b" not in dumb and b"\r[" not in dumb
 
 
-def test_empty_no_color_counts_as_none(router):
-    assert b"\x1b" in router.run_raw("fwupdate-cli update --yes", 80, {"NO_COLOR": ""})
+def test_empty_no_color_counts_as_none(fast_router):
+    assert b"\x1b" in fast_router.run("fwupdate-cli update --yes", 80, {"NO_COLOR": ""}).raw
 
 
 def test_with_nothing_newer_there_is_nothing_to_do(tmp_path):
@@ -150,8 +144,8 @@ def test_with_nothing_newer_there_is_nothing_to_do(tmp_path):
         assert was_installed(router)
 
 
-def test_json_prints_the_daemons_answer_and_nothing_else(router):
-    result = router.run("fwupdate-cli update --json --yes", 80)
+def test_json_prints_the_daemons_answer_and_nothing_else(fast_router):
+    result = fast_router.run("fwupdate-cli update --json --yes", 80)
     assert result.status == 0
     assert result.json() == {"version": "2.1.0", "buildtime": "174117600", "force_update": "0",
                              "error_code": "0", "error_message": "No Error"}
@@ -164,6 +158,7 @@ def test_detach_comes_back_at_once_and_keeps_the_answer(router):
     assert detached.json()["arguments"] == ARGUMENTS
     running = router.run("fwupdate-cli result --json")
     assert running.status == 4 and running.json()["job"] == "running"
+    router.release()
     watched = router.run("fwupdate-cli watch")
     assert watched.status == 0 and GOOD in watched.output
     kept = router.run("fwupdate-cli result --json")
@@ -188,7 +183,7 @@ def test_one_attempt_is_warned_of(fast_router):
     assert "blocks the daemon" not in fast_router.run("fwupdate-cli update --yes --force").output
 
 
-def test_a_damaged_image_is_refused_and_nothing_installed(server, tmp_path):
+def test_a_damaged_image_is_refused_and_nothing_installed(tmp_path):
     root = make_server(tmp_path)
     image = bytearray((root / "firmware.bin").read_bytes())
     image[5000] ^= 1

@@ -22,15 +22,11 @@ import pathlib
 import re
 import shutil
 import subprocess
-import tempfile
 import time
 
-from router_session import RouterSession, build, wait_seconds
-
-project = pathlib.Path(__file__).resolve().parent.parent.parent
+from simulated_router import BUILD, PROJECT as project, WAIT, Router
 
 READERS = ("cat", "grep", "tail")
-LOOK_AGAIN = 10  # seconds
 
 MONTH = "(Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec)"
 
@@ -133,7 +129,6 @@ class Runner:
         self.document = document
         self.folder = project / "build/docs" / document.path.stem
         self.router = None
-        self.router_folder = None
 
     def __enter__(self):
         shutil.rmtree(self.folder, ignore_errors=True)
@@ -143,12 +138,11 @@ class Runner:
     def __exit__(self, *error):
         if self.router:
             self.router.__exit__(*error)
-            shutil.rmtree(self.router_folder)
 
     def run(self, command):
         """What the command printed, as lines. A log or a record may be written a moment
         later: whoever reads one looks again until it is as expected, for a while."""
-        end = time.monotonic() + LOOK_AGAIN
+        end = time.monotonic() + WAIT
         output = self._run(command)
         while (command.router and command.text.split()[0] in READERS and time.monotonic() < end
                and not matches(command.expected, output)):
@@ -160,20 +154,15 @@ class Runner:
         return re.sub(r"\x1b\[[0-9;]*[A-Za-z]", "", text.replace("\r\n", "\n")).rstrip("\n").splitlines()
 
     def _here(self, text):
-        environment = {**os.environ, "FWUPDATE_BUILD": build, "LC_ALL": "C.UTF-8",
+        environment = {**os.environ, "FWUPDATE_BUILD": str(BUILD), "LC_ALL": "C.UTF-8",
                        "PATH": f"{project}/publish:{project}/testbed:/usr/sbin:{os.environ['PATH']}"}
         folder = project if self.document.in_project else self.folder
         result = subprocess.run(["bash", "-c", text], cwd=folder, env=environment, stdin=subprocess.DEVNULL,
-                                stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=10 * wait_seconds)
+                                stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=9 * WAIT)
         return result.stdout.decode()
 
     def _on_router(self, text):
         if self.router is None:
-            self.router_folder = pathlib.Path(tempfile.mkdtemp(prefix="fwupdate-docs."))
-            if self.document.serve:
-                (self.router_folder / "served").symlink_to(self.folder / self.document.serve)
-            else:
-                shutil.copytree(project / "testbed/server", self.router_folder / "served")
-            self.router = RouterSession(self.router_folder, *self.document.options).__enter__()
-        _, output = self.router.run(text)
-        return output.rstrip("\n")
+            served = self.folder / self.document.serve if self.document.serve else None
+            self.router = Router(*self.document.options, server_root=served).__enter__()
+        return self.router.run(text).output

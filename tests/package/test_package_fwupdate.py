@@ -130,8 +130,8 @@ def test_scripts_pass_shellcheck():
 @pytest.fixture
 def router(tmp_path):
     install_package("--url", "http://our.example/a?b=1&c=2", "fwupdate", tmp_path)
-    with Router("--no-daemon", "--bind", str(tmp_path), "--no-server") as router:
-        router.run(f"cp -R {tmp_path}/. /")
+    with Router("--no-daemon", "--bind", tmp_path, "--no-server") as router:
+        router.must(f"cp -R {tmp_path}/. /")
         yield router
 
 

@@ -4,7 +4,7 @@
 import pytest
 
 from packages import install_package
-from simulated_router import Router, make_server, wait_until
+from simulated_router import HELD_URL, Router, make_server, wait_until
 
 SCRIPT = "/etc/init.d/fwupdate"
 COMMAND = "/usr/sbin/fwupdate"
@@ -12,15 +12,15 @@ COMMAND = "/usr/sbin/fwupdate"
 
 @pytest.fixture(scope="module")
 def server(tmp_path_factory):
-    return make_server(tmp_path_factory.mktemp("server"), 3_000_000)
+    return make_server(tmp_path_factory.mktemp("server"), url=HELD_URL)
 
 
 @pytest.fixture
 def router(server, tmp_path):
     install_package("fwupdate", tmp_path)
-    with Router("--no-daemon", "--server-rate", "500000", "--bind", str(tmp_path),
-                server_root=server) as router:
-        router.run(f"cp -R {tmp_path}/. /")
+    with Router("--no-daemon", "--bind", tmp_path, server_root=server) as router:
+        router.must(f"cp -R {tmp_path}/. /")
+        router.hold_downloads()
         yield router
         router.run(f"{SCRIPT} stop")
 
@@ -36,12 +36,12 @@ def daemon(router):
 
 def start(router):
     assert router.run(f"{SCRIPT} start").status == 0
-    assert router.run("ubus -t 10 wait_for fwupdate && ubus call fwupdate state").status == 0
+    router.must("ubus -t 60 wait_for fwupdate && ubus call fwupdate state")
     return daemon(router)
 
 
 def worker(router):
-    """The downloading process; waits until there is one."""
+    """The process of a download that lasts until the router releases it."""
     router.run("fwupdate-cli update --detach --yes")
     router.wait_for("fwupdate-cli status --json | grep -q progress")
     both = router.run(f"pidof {COMMAND}").output.split()
@@ -49,9 +49,10 @@ def worker(router):
     return next(number for number in both if number != daemon(router))
 
 
-def is_back(router, before):
+def await_another(router, before):
     """Another daemon serves the bus."""
-    return daemon(router) != before and router.run("ubus call fwupdate state").status == 0
+    wait_until(lambda: daemon(router) != before and router.run("ubus call fwupdate state").status == 0,
+               "it did not come back")
 
 
 def log(router):
@@ -86,7 +87,7 @@ def test_reload_restarts_only_what_has_changed(router):
     assert router.run(f"{SCRIPT} reload").status == 0
     assert daemon(router) == before
     router.run(f"uci set fwupdate.daemon.debug=1; {SCRIPT} reload")
-    wait_until(lambda: is_back(router, before), "it did not come back")
+    await_another(router, before)
     assert log(router).count("started") == 2
 
 
@@ -104,7 +105,7 @@ def test_the_script_is_not_taken_for_a_second_instance(router):
     script = router.run("pidof fwupdate").output.split()
     assert len(script) == 1
     # Under its plain name the daemon takes the script for another daemon, and ends.
-    assert router.run("timeout 10 fwupdate").status == 0
+    assert router.run("timeout 60 fwupdate").status == 0
     number = start(router)
     assert router.run("pidof fwupdate").output.split() != script
     assert router.run(f"pidof {COMMAND}").output.split() == [number]
@@ -119,7 +120,7 @@ def test_fwupdate_cli_is_not_taken_for_a_second_instance(router):
     watching.expect("Downloading")
     assert router.run("pidof fwupdate-cli").status == 0
     router.run(f"kill -KILL {before}")
-    wait_until(lambda: is_back(router, before), "it did not come back")
+    await_another(router, before)
     assert watching.wait() == 1
 
 
@@ -134,8 +135,9 @@ def test_after_a_crash_in_a_download_it_comes_back(router):
     before = start(router)
     orphan = worker(router)
     router.run(f"kill -KILL {before}")
-    wait_until(lambda: is_back(router, before), "it did not come back")
+    await_another(router, before)
     assert router.run(f"kill -0 {orphan}").status != 0
+    router.release()
     assert router.run("fwupdate-cli update --yes").status == 0
 
 
@@ -143,7 +145,7 @@ def test_a_restart_in_a_download_comes_back(router):
     before = start(router)
     worker(router)
     assert router.run(f"{SCRIPT} restart").status == 0
-    wait_until(lambda: is_back(router, before), "it did not come back")
+    await_another(router, before)
 
 
 def orphan_that_stays(router, tries):
@@ -161,7 +163,7 @@ def test_while_the_worker_lives_new_daemons_end_with_0_and_are_started_again(rou
     router.wait_for("test $(grep -c 'ended with status 0' /var/log/procd) -ge 7")
     assert router.run("ubus call fwupdate state").status == 4
     router.run(f"kill -CONT {orphan}")
-    wait_until(lambda: is_back(router, before), "it did not come back")
+    await_another(router, before)
     assert "given up" not in log(router)
 
 

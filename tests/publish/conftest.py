@@ -10,8 +10,12 @@ here = pathlib.Path(__file__).resolve().parent
 project = here.parent.parent
 sys.path[:0] = [str(here), str(project / "publish")]
 
+import hypothesis.configuration  # noqa: E402
 import make_images  # noqa: E402
-from router_session import RouterSession  # noqa: E402
+from simulated_router import Router  # noqa: E402
+
+# Its tables of characters would lie in the project's folder otherwise.
+hypothesis.configuration.set_hypothesis_home_dir(project / "build/hypothesis")
 
 
 class Publisher:
@@ -61,10 +65,8 @@ def publisher(tmp_path):
     return Publisher(tmp_path)
 
 
-@pytest.fixture(scope="session")
+@pytest.fixture(scope="module")
 def router(tmp_path_factory):
-    """One router for a whole file of tests. Its update server serves router.served,
-    and it sees router.shared."""
-    folder = tmp_path_factory.mktemp("router")
-    with RouterSession(folder) as session:
-        yield session
+    """One router for a whole file of tests."""
+    with Router(server_root=tmp_path_factory.mktemp("served")) as router:
+        yield router

@@ -78,8 +78,8 @@ def publish(publisher, content, *, size=None):
 
 
 def check_code(router, content):
-    (router.shared / "image").write_bytes(content)
-    return int(router.call("test", file=str(router.shared / "image"))["check_code"])
+    (router.folder / "image").write_bytes(content)
+    return int(router.call("test", file=str(router.folder / "image"))["check_code"])
 
 
 @pytest.mark.parametrize("name", GOOD)

@@ -68,7 +68,7 @@ def test_legal_input_is_published_and_reads_back_in_the_daemon(router, tmp_path,
     out = tmp_path / f"out-{next(numbers)}"
     status, said = run(tmp_path, out, values)
     assert status == 0, said
-    (out / "update.xml").rename(router.served / "update.xml")
+    (out / "update.xml").rename(router.server_root / "update.xml")
     reply = router.call("check")
     assert reply["error_code"] == "0"
     assert reply["version"] == values["version"]
@@ -117,7 +117,7 @@ def test_whatever_is_published_reads_back(router, tmp_path, notes, version):
     out = tmp_path / f"out-{next(numbers)}"
     status, _ = run(tmp_path, out, values)
     assume(status == 0)
-    (out / "update.xml").rename(router.served / "update.xml")
+    (out / "update.xml").rename(router.server_root / "update.xml")
     reply = router.call("check")
     assert (reply["version"], reply["releasenotes"]) == (version, notes.rstrip("\n"))
 
@@ -126,8 +126,6 @@ def test_whatever_is_published_reads_back(router, tmp_path, notes, version):
 def test_ten_digits_would_read_back_wrong(router, tmp_path, build):
     """What the refusal saves from: the daemon keeps nine digits of a hand-written one."""
     document = manifest.TEMPLATE.format(build=build, url="http://192.0.2.1/x", version="2", notes="n", force=0)
-    (router.served / "update.xml").write_text(document)
+    (router.server_root / "update.xml").write_text(document)
     reply = router.call("check")
     assert reply["buildtime"] == build[:9]
-
-

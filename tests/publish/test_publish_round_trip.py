@@ -5,7 +5,7 @@ import hashlib
 import pytest
 from conftest import Publisher, project
 from make_images import uimage, with_metadata
-from router_session import RouterSession
+from simulated_router import Router
 
 NOTES = "Faster start & <fewer> surprises.\n\"Zweite\" Zeile \u2014 \u20ac."
 
@@ -14,7 +14,7 @@ NOTES = "Faster start & <fewer> surprises.\n\"Zweite\" Zeile \u2014 \u20ac."
 def served(router, tmp_path):
     """A publisher whose folder is the one that the router's update server serves."""
     publisher = Publisher(tmp_path)
-    publisher.out = router.served
+    publisher.out = router.server_root
     return publisher
 
 
@@ -30,7 +30,7 @@ def install(router):
     router.run("rm -f /var/log/sysupgrade")
     reply = router.call("update")
     assert reply["error_code"] == "0", reply
-    return router.await_file("/var/log/sysupgrade")
+    return router.wait_for("cat /var/log/sysupgrade")
 
 
 def set_builddate(router, build):
@@ -75,11 +75,8 @@ def test_notes_of_the_version_before_are_not_kept(router, served):
 def test_verify_passes_against_the_servers_nginx(tmp_path):
     """From inside of the router, where the update server is."""
     publisher = Publisher(tmp_path)
-    (tmp_path / "served").mkdir()
     assert publisher.publish().returncode == 0
-    with RouterSession(tmp_path, "--no-daemon") as router:
-        status, text = router.run("LD_LIBRARY_PATH=/host/usr/lib PYTHONHOME=/host/usr /host/usr/bin/python3 "
-                                  f"{project}/publish/fwupdate-publish --verify http://192.0.2.1/update.xml --out /srv/update")
-    assert status == 0, text
+    with Router("--no-daemon", server_root=publisher.out) as router:
+        text = router.must("LD_LIBRARY_PATH=/host/usr/lib PYTHONHOME=/host/usr /host/usr/bin/python3 "
+                           f"{project}/publish/fwupdate-publish --verify http://192.0.2.1/update.xml --out /srv/update")
     assert "the image, 664 bytes, is as in the folder" in text
-

@@ -7,6 +7,7 @@ import sys
 import pytest
 from conftest import project
 from make_images import uimage
+from simulated_router import wait_until
 
 sys.path[:0] = [str(project / "bench")]
 
@@ -16,14 +17,17 @@ from fleet_parts.shares import reached  # noqa: E402
 MODEL = "model=QOR,MODEL-X"
 
 
+def publish_both(server):
+    image = server.folder / "image.bin"
+    image.write_bytes(uimage(b"x" * 5000))
+    server.publish("stable", image, "1001")
+    server.publish("candidate", image, "1002")
+
+
 @pytest.fixture(scope="module")
 def server(tmp_path_factory):
-    folder = tmp_path_factory.mktemp("server")
-    with UpdateServer(folder) as server:
-        image = server.shared / "image.bin"
-        image.write_bytes(uimage(b"x" * 5000))
-        server.publish("stable", image, "1001")
-        server.publish("candidate", image, "1002")
+    with UpdateServer(tmp_path_factory.mktemp("server")) as server:
+        publish_both(server)
         server.rollout(10)
         yield server
 
@@ -81,13 +85,14 @@ def test_manifest_and_head_fit_into_one_packet(server):
 def test_image_may_be_kept_for_ever(server):
     answer = server.must("wget -S -O /tmp/got http://192.0.2.1/model-x/stable/releases/1001/image.bin 2>&1")
     assert "immutable" in answer and "Content-Length: 5064" in answer
-    server.must(f"cmp /tmp/got {server.shared}/image.bin")
+    server.must(f"cmp /tmp/got {server.folder}/image.bin")
 
 
 def test_log_says_who_asked_and_what_they_got(server):
     server.rollout(100)
     server.get(f"fw=123&sn=LOG1&{MODEL}")
-    line = server.log()[-1]
+    # nginx writes the line when the answer is on its way already.
+    line = wait_until(lambda: [line for line in server.log() if line["sn"] == "LOG1"], "it is not in the log")[0]
     assert line.pop("time") and int(line.pop("bytes")) > 200
     assert line == {"status": "200", "uri": "/model-x/candidate/update.xml", "sn": "LOG1", "fw": "123",
                     "model": "QOR,MODEL-X", "channel": "candidate"}
@@ -95,10 +100,7 @@ def test_log_says_who_asked_and_what_they_got(server):
 
 def test_cache_asks_the_origin_once_for_each_file(tmp_path):
     with UpdateServer(tmp_path) as server:
-        image = server.shared / "image.bin"
-        image.write_bytes(uimage(b"x" * 5000))
-        server.publish("stable", image, "1001")
-        server.publish("candidate", image, "1002")
+        publish_both(server)
         # The origin listens elsewhere, the cache where the routers ask.
         server.must("ifconfig lo 127.0.0.1 up; sed -i 's/listen 80;/listen 127.0.0.1:8080;/'"
                     f" /etc/nginx/conf.d/update-server.conf; cp {SERVER}/update-cache.conf /etc/nginx/conf.d/z-cache.conf")
@@ -107,7 +109,8 @@ def test_cache_asks_the_origin_once_for_each_file(tmp_path):
         assert builds == {sn: "1002" if reached(sn, 50) else "1001" for sn in builds}
         for _ in range(3):
             server.must("wget -q -O /tmp/got http://192.0.2.1/model-x/stable/releases/1001/image.bin?x=$RANDOM;"
-                        f" cmp /tmp/got {server.shared}/image.bin")
+                        f" cmp /tmp/got {server.folder}/image.bin")
+        wait_until(lambda: len(server.log()) >= 3, "three files were asked for")
         origin = sorted(line["uri"] for line in server.log())
         assert origin == ["/model-x/candidate/update.xml", "/model-x/stable/releases/1001/image.bin",
                           "/model-x/stable/update.xml"]
@@ -115,7 +118,7 @@ def test_cache_asks_the_origin_once_for_each_file(tmp_path):
 
 def test_daemon_checks_over_https(router):
     """With a certificate of a maker whom the router knows, and with one whom it does not."""
-    folder = router.shared
+    folder = router.folder
     subprocess.run(
         ["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=update.example.com",
          "-addext", "subjectAltName=DNS:update.example.com", "-keyout", folder / "key.pem", "-out", folder / "cert.pem"],
@@ -126,12 +129,10 @@ error_log /var/log/nginx-error.log;
 http {{ access_log off; server {{ listen 192.0.2.1:443 ssl; root /srv/update;
 ssl_certificate {folder}/cert.pem; ssl_certificate_key {folder}/key.pem; }} }}
 """)
-    (router.served / "update.xml").write_text((SERVER / "nothing/update.xml").read_text())
-    commands = [f"/host/usr/sbin/nginx -c {folder}/https.conf",
-                "uci set system.@system[0].fwupdate_xml_url=https://update.example.com/update.xml"]
-    for command in commands:
-        assert router.run(command)[0] == 0
+    (router.server_root / "update.xml").write_text((SERVER / "nothing/update.xml").read_text())
+    router.must(f"/host/usr/sbin/nginx -c {folder}/https.conf")
+    router.must("uci set system.@system[0].fwupdate_xml_url=https://update.example.com/update.xml")
     assert router.call("check")["error_code"] == "1"
-    router.run(f"mkdir -p /etc/ssl/certs; cp {folder}/cert.pem /etc/ssl/certs/ca-certificates.crt")
+    router.must(f"mkdir -p /etc/ssl/certs; cp {folder}/cert.pem /etc/ssl/certs/ca-certificates.crt")
     reply = router.call("check")
     assert (reply["error_code"], reply["version"], reply["need_update"]) == ("0", "none", "0")

@@ -2,14 +2,13 @@
 """A real browser with the update page in it."""
 import base64
 import os
-import time
 
 from selenium import webdriver
 from selenium.webdriver.chrome.options import Options
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
 
-from router import PROJECT, WAIT
+from simulated_router import PROJECT, WAIT, wait_until
 
 PICTURES = PROJECT / "docs/pictures"
 
@@ -31,17 +30,16 @@ def start_browser():
     if os.getuid() == 0:
         options.add_argument("--no-sandbox")
     options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
-    return webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
+    driver = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
+    driver.set_script_timeout(WAIT)
+    return driver
 
 
-def wait_until(condition, what):
-    """`condition` is asked until it is true; `what` says what was awaited, or is asked for it."""
-    end = time.monotonic() + WAIT
-    while not (value := condition()):
-        if time.monotonic() > end:
-            raise AssertionError(f"not within {WAIT:g} s: {what() if callable(what) else what}")
-        time.sleep(0.03)
-    return value
+def await_rate(router, page):
+    """A rate takes two looks at a held download that differ."""
+    page.await_text("figures", "25 %")
+    router.send_half()
+    page.await_text("figures", "MiB/s")
 
 
 class Page:

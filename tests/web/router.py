@@ -1,18 +1,14 @@
 # SPDX-License-Identifier: ISC
-"""The simulated router with its web gateway, for the browser tests: switched on and off, and a
-shell on it meanwhile."""
+"""The simulated router with its web gateway, for the browser tests: switched on and off."""
 import http.client
 import json
 import os
-import pathlib
 import socket
-import subprocess
 import sys
 import threading
 
-PROJECT = pathlib.Path(__file__).resolve().parents[2]
-BUILD = pathlib.Path(os.environ.get("FWUPDATE_BUILD", PROJECT / "build/release"))
-WAIT = int(os.environ.get("FWUPDATE_TEST_WAIT_MS", "10000")) / 1000
+import simulated_router
+from simulated_router import PROJECT, WAIT, make_image
 
 sys.path.insert(0, str(PROJECT / "testbed/web"))
 from relay import Relay  # noqa: E402
@@ -45,28 +41,24 @@ class Router:
         self.options = options
         self.relay = Relay(self.shared)
         threading.Thread(target=self.relay.serve_forever, daemon=True).start()
-        self.process = None
+        self.machine = None
 
     def power_on(self, runs=OLD):
         gateway = os.environ.get("FWUPDATE_GATEWAY")
-        command = [PROJECT / "testbed/router", "--build", BUILD, "--quiet", "--server-root", self.served,
-                   "--web", self.shared, *self.options]
+        options = ["--quiet", "--web", self.shared, *self.options]
         if gateway:
-            command += ["--gateway", gateway, "--bind", os.path.dirname(gateway)]
-        self.process = subprocess.Popen([*command, "--", "sh"], stdin=subprocess.PIPE,
-                                        stdout=subprocess.PIPE, text=True, errors="surrogateescape")
+            options += ["--gateway", gateway, "--bind", os.path.dirname(gateway)]
+        self.machine = simulated_router.Router(*options, server_root=self.served, folder=self.shared)
+        self.machine.__enter__()
         self.run(f"sed -i 's/r1234/{runs['revision']}/; s/171000000/{runs['build']}/' /etc/router/board.json")
 
     def power_off(self):
         """The gateway's socket goes as well: to the browser the router is away."""
-        if self.process is None:
+        if self.machine is None:
             return
-        self.process.stdin.close()
-        self.process.stdout.read()
-        status = self.process.wait(WAIT)
-        self.process = None
+        machine, self.machine = self.machine, None
+        machine.__exit__(None)
         (self.shared / "http").unlink(missing_ok=True)
-        assert status == 0, f"the router ended with status {status}"
 
     def close(self):
         try:
@@ -77,25 +69,11 @@ class Router:
 
     def run(self, command):
         """Runs it on the router; returns its output. A failure fails the test."""
-        self.process.stdin.write(f"{{ {command}\n}} </dev/null 2>&1; printf '\\n\\001%d\\n' $?\n")
-        self.process.stdin.flush()
-        lines = []
-        bound = threading.Timer(3 * WAIT, self.process.kill)
-        bound.start()
-        for line in self.process.stdout:
-            if line.startswith("\x01"):
-                bound.cancel()
-                output = "".join(lines)[:-1]
-                assert line == "\x010\n", f"{command}: status {line[1:].strip()}: {output}"
-                return output
-            lines.append(line)
-        bound.cancel()
-        raise AssertionError(f"{command}: the router ended, or this took more than {3 * WAIT:g} s")
+        return self.machine.must(command)
 
     def wait_for(self, condition):
         """Waits until the shell's condition holds on the router."""
-        tries = int(WAIT * 20)
-        self.run(f"n=0; until {condition}; do n=$((n + 1)); [ $n -lt {tries} ] || break; sleep 0.05; done; [ $n -lt {tries} ]")
+        self.machine.wait_for(condition)
 
     def call(self, sid, name, method, args, path=None):
         """A call through the gateway; returns its answer."""
@@ -125,33 +103,27 @@ class Router:
         new.write_bytes(text + notes + b"</release_notes></update>")
         new.rename(self.served / "update.xml")
 
-    def offer_slowly(self, size_known=True, **manifest):
-        """Half of the firmware comes at once, the rest after release()."""
-        (self.shared / "released").unlink(missing_ok=True)
-        script = PROJECT / "tests/web/slow_server.py"
-        known = "known" if size_known else "unknown"
-        self.run(f"setsid python3 -B {script} /srv/update/firmware.bin {self.shared} {known} "
-                 f">{self.shared}/slow.log 2>&1 & ")
-        self.wait_for(f"[ -s {self.shared}/port ]")
-        port = (self.shared / "port").read_text().strip()
-        self.offer(url=f"http://192.0.2.1:{port}/firmware.bin", **manifest)
+    def offer_slowly(self, size="known", **manifest):
+        """A quarter of the firmware comes at once, up to the half after send_half(), the rest after
+        release()."""
+        self.machine.hold_downloads(size)
+        self.offer(url=simulated_router.HELD_URL, **manifest)
+
+    def send_half(self):
+        self.machine.send_half()
 
     def release(self):
-        (self.shared / "released").touch()
+        self.machine.release()
 
     def lose_the_daemon(self):
         self.run('p=$(pidof fwupdate) && [ "$p" ] && kill -9 $p')
         self.wait_for("! ubus list fwupdate >/dev/null 2>&1")
 
     def bring_the_daemon_back(self):
-        self.run("setsid /usr/sbin/fwupdate >/dev/null 2>&1 & ubus -t 10 wait_for fwupdate")
+        self.run("setsid /usr/sbin/fwupdate >/dev/null 2>&1 & ubus -t 60 wait_for fwupdate")
 
     def make_image(self, model="MODEL-X", size=2048 * 1024):
-        payload = self.shared / "payload"
-        payload.write_bytes(os.urandom(size))
-        subprocess.run(["mkimage", "-A", "arm", "-O", "linux", "-T", "kernel", "-C", "none", "-a", "0x80008000",
-                        "-e", "0x80008040", "-n", model, "-d", payload, self.served / "firmware.bin"],
-                       check=True, stdout=subprocess.DEVNULL)
+        make_image(self.served / "firmware.bin", size, model)
 
     def await_installer(self):
         self.wait_for("[ -e /var/log/sysupgrade ]")

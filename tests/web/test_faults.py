@@ -68,7 +68,7 @@ def test_no_plugin(router, page):
 
 
 def test_check_that_takes_longer_than_the_gateway_waits(make_router, make_page):
-    router = make_router("--web-limit", "1")
+    router = make_router("--web-limit", "5")
     page = make_page(router)
     page.open_and_sign_in()
     router.run("p=$(pidof fwupdate) && kill -STOP $p")
@@ -100,8 +100,6 @@ BROKEN = {
     "a redirection": b"HTTP/1.1 302 Found\r\nLocation: http://127.0.0.1:9/\r\nContent-Length: 0\r\n\r\n",
     "a bus status": answers.http(b'{"jsonrpc":"2.0","id":1,"result":[9]}'),
 }
-
-
 
 
 def test_check_whose_answer_is_none(router, page):
@@ -163,6 +161,7 @@ def test_late_answer_keeps_one_look_at_a_time(router, page):
     assert held.came.wait(20)
     page.script("document.dispatchEvent(new Event('visibilitychange'))")
     page.script("document.dispatchEvent(new Event('visibilitychange'))")
-    assert asked == ["status"]
     held.release()
     wait_until(lambda: "state" in asked, "the look goes on")
+    # A look that went on from before may have come to the state as well, but asks no status.
+    assert asked[:asked.index("state", asked.index("status"))].count("status") == 1

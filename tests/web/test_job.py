@@ -109,10 +109,10 @@ def test_lost_answer_is_said(router, page):
 
 def test_answer_outlives_the_gateways_limit(make_router, make_page):
     """An update takes longer than the gateway waits for any call."""
-    router = make_router("--web-limit", "2")
+    router = make_router("--web-limit", "5")
     page = make_page(router)
     downloading(router, page)
-    router.run("sleep 3")
+    router.run("sleep 6")
     page.await_stage("Downloading")
     router.release()
     page.await_stage("Installing")

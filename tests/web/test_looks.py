@@ -6,8 +6,8 @@ import pytest
 from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 
-from browser import wait_until
-from router import PROJECT
+from browser import await_rate, wait_until
+from simulated_router import PROJECT
 
 AXE = PROJECT / "build/web/node_modules/axe-core/axe.min.js"
 
@@ -43,7 +43,7 @@ def states(router, page):
     page.await_visible("question")
     yield "question"
     page.click("yes")
-    page.await_text("figures", "MiB/s")
+    await_rate(router, page)
     yield "downloading"
     router.release()
     page.await_stage("Installing")
@@ -91,7 +91,7 @@ def test_dark_where_the_browser_asks_for_it(router, page):
     assert ground < 60 < 200 < ink
     page.picture("dark")
     page.start_update()
-    page.await_text("figures", "MiB/s")
+    await_rate(router, page)
     page.picture("dark-downloading")
 
 
