@@ -86,7 +86,8 @@ class Program:
                 self._output += piece
                 self._news.notify_all()
         with self._news:
-            os.close(self._fd)
+            for fd in (self._fd, *self._wake):
+                os.close(fd)
             self._ended = True
             self._news.notify_all()
 
@@ -117,8 +118,9 @@ class Program:
 
     def hang_up(self):
         """The terminal's other end goes away."""
-        os.write(self._wake[1], b"x")
         with self._news:
+            if not self._ended:
+                os.write(self._wake[1], b"x")
             self._news.wait_for(lambda: self._ended)
 
     def wait(self, seconds):
