@@ -130,13 +130,14 @@ int main(int argc, char **argv)
 	const std::unique_ptr<ubus_context, decltype(&ubus_free)> bus(ubus_connect(line->socket),
 								      ubus_free);
 	if (!bus) {
-		std::fprintf(stderr, "Failed to connect to ubus\n");
+		if (!line->options.simple)
+			std::fprintf(stderr, "Failed to connect to ubus\n");
 		return exit_no_broker;
 	}
 	const int status = line->command->run(*bus, line->options, line->arguments);
 	if (status == ubus_command::wrong_usage)
 		return usage(exit_wrong_arguments);
-	if (status != UBUS_STATUS_OK)
+	if (status != UBUS_STATUS_OK && !line->options.simple)
 		std::fprintf(stderr, "Command failed: %s\n", ubus_strerror(status));
 	return status;
 }

@@ -14,7 +14,7 @@ namespace ubus_command
 
 struct Options {
 	std::optional<std::chrono::seconds> timeout;
-	bool simple = false;  // one line, names only
+	bool simple = false;  // one line, names only, no reason of a failure
 	bool verbose = false; // with ids and methods
 };
 

@@ -91,12 +91,28 @@ void Broker::handle(Client &client, const Message &message)
 	}
 }
 
+// What a client without rights gets: it sees no object, owns nameless ones only, and
+// reaches nobody.
+bool Broker::is_harmless(const Message &message)
+{
+	switch (message.type()) {
+	case UBUS_MSG_PING:
+	case UBUS_MSG_LOOKUP:
+		return true;
+	case UBUS_MSG_ADD_OBJECT:
+		return !message.attribute(UBUS_ATTR_OBJPATH);
+	default:
+		return false;
+	}
+}
+
 Broker::Outcome Broker::answer(Client &client, const Message &message)
 {
-	if (message.type() != UBUS_MSG_PING && !client.privileged())
+	if (!client.privileged() && !is_harmless(message))
 		return UBUS_STATUS_PERMISSION_DENIED;
 	switch (message.type()) {
 	case UBUS_MSG_PING:
+		client.send(message.forwarded(message.peer(), UBUS_MSG_DATA));
 		return UBUS_STATUS_OK;
 	case UBUS_MSG_LOOKUP:
 		return answer_lookup(client, message);
@@ -118,7 +134,11 @@ Broker::Outcome Broker::answer(Client &client, const Message &message)
 
 ubus_msg_status Broker::answer_lookup(Client &client, const Message &message)
 {
+	if (!client.privileged())
+		return UBUS_STATUS_OK;
 	const auto path = message.text(UBUS_ATTR_OBJPATH);
+	if (path && path->empty())
+		return UBUS_STATUS_INVALID_ARGUMENT;
 	const auto found = objects_.matching(path.value_or("*"));
 
 	for (const Object *object : found) {
@@ -186,21 +206,21 @@ Broker::Outcome Broker::relay_call(Client &client, const Message &message)
 	const auto method = message.text(UBUS_ATTR_METHOD);
 	const blob_attr *data = message.attribute(UBUS_ATTR_DATA);
 
-	if (!id || !method || !data)
+	if (!id || !method)
 		return UBUS_STATUS_INVALID_ARGUMENT;
 	if (*id == UBUS_SYSTEM_OBJECT_EVENT)
 		return answer_event_call(client, message);
 	const Object *object = objects_.find(*id);
 	if (!object)
 		return UBUS_STATUS_NOT_FOUND;
+	if (!data)
+		return UBUS_STATUS_INVALID_ARGUMENT;
 	MessageWriter call;
 	call.number(UBUS_ATTR_OBJID, *id)
 		.text(UBUS_ATTR_METHOD, std::string(*method))
 		.text(UBUS_ATTR_USER, client.user())
-		.text(UBUS_ATTR_GROUP, client.group());
-	if (const blob_attr *no_reply = message.attribute(UBUS_ATTR_NO_REPLY))
-		call.bytes(UBUS_ATTR_NO_REPLY, payload(no_reply));
-	call.bytes(UBUS_ATTR_DATA, payload(data));
+		.text(UBUS_ATTR_GROUP, client.group())
+		.bytes(UBUS_ATTR_DATA, payload(data));
 	std::string wire = call.finish(UBUS_MSG_INVOKE, message.seq(), client.id());
 	// The caller's names can make a full message too long.
 	if (wire.empty())
@@ -217,7 +237,7 @@ void Broker::relay_answer(const Client &client, const Message &message)
 	const auto caller = clients_.find(message.peer());
 
 	if (object && object->owner == &client && caller != clients_.end())
-		caller->second->send(message.forwarded(*id));
+		caller->second->send(message.forwarded(*id, message.type()));
 }
 
 } // namespace ubusd

@@ -54,6 +54,8 @@ ubus_msg_status Broker::answer_event_call(Client &client, const Message &message
 	const auto method = message.text(UBUS_ATTR_METHOD);
 	const blob_attr *data = message.attribute(UBUS_ATTR_DATA);
 
+	if (!data)
+		return UBUS_STATUS_INVALID_ARGUMENT;
 	if (method == "register")
 		return register_pattern(client, data);
 	if (method == "send")
@@ -70,7 +72,9 @@ ubus_msg_status Broker::register_pattern(Client &client, const blob_attr *data)
 	if (!id || !pattern)
 		return UBUS_STATUS_INVALID_ARGUMENT;
 	Object *object = objects_.find(blobmsg_get_u32(id));
-	if (!object || object->owner != &client)
+	if (!object)
+		return UBUS_STATUS_NOT_FOUND;
+	if (object->owner != &client)
 		return UBUS_STATUS_PERMISSION_DENIED;
 	object->patterns.emplace_back(blobmsg_get_string(pattern));
 	return UBUS_STATUS_OK;

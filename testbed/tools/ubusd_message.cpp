@@ -85,10 +85,11 @@ std::optional<std::string_view> Message::text(ubus_msg_attr id) const
 	return payload(attrs_[id]).substr(0, blob_len(attrs_[id]) - 1);
 }
 
-std::string Message::forwarded(uint32_t peer) const
+std::string Message::forwarded(uint32_t peer, uint8_t type) const
 {
 	ubus_msghdr head = head_;
 
+	head.type = type;
 	head.peer = cpu_to_be32(peer);
 	return wire_form(head, reinterpret_cast<const blob_attr *>(body_.data()));
 }

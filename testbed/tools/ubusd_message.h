@@ -47,8 +47,8 @@ public:
 		return attrs_[id];
 	}
 
-	// The message as it came, with another peer, for somebody else.
-	[[nodiscard]] std::string forwarded(uint32_t peer) const;
+	// The message's attributes as they came, under another head.
+	[[nodiscard]] std::string forwarded(uint32_t peer, uint8_t type) const;
 
 private:
 	friend class MessageReader;

@@ -133,6 +133,9 @@ TEST_F(Ubus, ExitsWithTheStatusOfTheCall)
 		EXPECT_EQ(result.output(), "");
 		EXPECT_EQ(result.errors(),
 			  std::string("Command failed: ") + ubus_strerror(code) + "\n");
+		Process &simple = ubus({"-S", "call", "test.one", "plain", "{}"});
+		EXPECT_EQ(simple.wait().code, code);
+		EXPECT_EQ(simple.errors(), "");
 	}
 }
 

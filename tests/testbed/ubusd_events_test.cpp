@@ -22,6 +22,9 @@ protected:
 			if (received.type == STATUS && received.seq == 999) {
 				return events;
 			}
+			if (received.type == DATA) {
+				continue; // of the ping's answer
+			}
 			events += received.text(A_METHOD) + " ";
 		}
 	}

@@ -107,6 +107,7 @@ TEST_F(UbusDLimits, DescriptorsThatAreSentAreNotKept)
 	};
 	const auto before = count();
 	send_with_descriptor(caller.fd(), message(PING, 1, 0), STDERR_FILENO);
+	EXPECT_EQ(caller.receive().type, DATA);
 	EXPECT_EQ(caller.receive().type, STATUS);
 	EXPECT_EQ(count(), before);
 }

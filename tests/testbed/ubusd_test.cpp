@@ -38,7 +38,8 @@ TEST_F(UbusD, AnswersEveryRequestWithAStatus)
 		{"lookup of everything", message(LOOKUP, 5, 0), ok},
 		{"unknown attribute", message(LOOKUP, 5, 0, attribute(60, "abcd")), ok},
 		{"lookup of nothing", message(LOOKUP, 5, 0, text(A_OBJPATH, "none")), not_found},
-		{"lookup of the empty path", message(LOOKUP, 5, 0, text(A_OBJPATH, "")), not_found},
+		{"lookup of the empty path", message(LOOKUP, 5, 0, text(A_OBJPATH, "")),
+		 invalid_argument},
 		{"prefix of nothing", message(LOOKUP, 5, 0, text(A_OBJPATH, "no*")), not_found},
 		{"greeting", message(HELLO, 5, 0), invalid_command},
 		{"type 12", message(12, 5, 0), invalid_command},
@@ -67,11 +68,13 @@ TEST_F(UbusD, AnswersEveryRequestWithAStatus)
 		{"call without method",
 		 message(INVOKE, 5, 0, number(A_OBJID, 5000) + attribute(A_DATA, "")),
 		 invalid_argument},
-		{"call without data",
-		 message(INVOKE, 5, 0, number(A_OBJID, 5000) + text(A_METHOD, "m")),
-		 invalid_argument},
+		{"call of what is not there without data",
+		 message(INVOKE, 5, 0, number(A_OBJID, 5000) + text(A_METHOD, "m")), not_found},
 		{"call of what is not there", invoke(5, 5000, "m"), not_found},
 		{"unknown method of the broker", invoke(5, 1, "none"), invalid_command},
+		{"event without arguments",
+		 message(INVOKE, 5, 0, number(A_OBJID, 1) + text(A_METHOD, "send")),
+		 invalid_argument},
 		{"event without id", invoke(5, 1, "send", field(F_TABLE, "data", "")),
 		 invalid_argument},
 		{"event without data", invoke(5, 1, "send", string_field("id", "x")),
@@ -80,8 +83,7 @@ TEST_F(UbusD, AnswersEveryRequestWithAStatus)
 		{"event", send_event(5, "x"), ok},
 		{"pattern without object", invoke(5, 1, "register", string_field("pattern", "x")),
 		 invalid_argument},
-		{"pattern for what is not there", register_pattern(5, 5000, "x"),
-		 permission_denied},
+		{"pattern for what is not there", register_pattern(5, 5000, "x"), not_found},
 	};
 	RawClient client(socket());
 
@@ -94,11 +96,16 @@ TEST_F(UbusD, AnswersRepeatSequenceAndPeer)
 {
 	RawClient client(socket());
 
-	client.send(message(PING, 0xabcd, 77));
+	client.send(message(PING, 0xabcd, 77, text(A_OBJPATH, "back")));
+	const Received echo = client.receive();
+	EXPECT_EQ(echo.type, DATA);
+	EXPECT_EQ(echo.text(A_OBJPATH), "back");
 	const Received status = client.receive();
 	EXPECT_EQ(status.type, STATUS);
-	EXPECT_EQ(status.seq, 0xabcd);
-	EXPECT_EQ(status.peer, 77u);
+	for (const Received &answer : {echo, status}) {
+		EXPECT_EQ(answer.seq, 0xabcd);
+		EXPECT_EQ(answer.peer, 77u);
+	}
 }
 
 TEST_F(UbusD, TakesMessagesInPiecesAndTogether)
@@ -108,12 +115,16 @@ TEST_F(UbusD, TakesMessagesInPiecesAndTogether)
 	for (const char byte : message(PING, 1, 0, text(A_OBJPATH, "ignored"))) {
 		client.send({&byte, 1});
 	}
-	EXPECT_EQ(client.receive().seq, 1);
+	const auto expect_answers_to = [&client](int seq) {
+		EXPECT_EQ(client.receive().seq, seq); // the data
+		EXPECT_EQ(client.receive().seq, seq); // the status
+	};
+	expect_answers_to(1);
 	client.send(message(PING, 2, 0) + message(PING, 3, 0) + message(PING, 4, 0).substr(0, 9));
-	EXPECT_EQ(client.receive().seq, 2);
-	EXPECT_EQ(client.receive().seq, 3);
+	expect_answers_to(2);
+	expect_answers_to(3);
 	client.send(message(PING, 4, 0).substr(9));
-	EXPECT_EQ(client.receive().seq, 4);
+	expect_answers_to(4);
 }
 
 TEST_F(UbusD, LooksUpByPathAndPrefixInPathOrder)
