@@ -92,6 +92,7 @@ TEST(Blob, InitKeepsTheMemory)
 
 TEST(Blob, GrowthEndsAtTheLargestLength)
 {
+	STAND_IN_ONLY("grows beyond what the length can say");
 	const std::string piece(65532, 'x');
 	Buffer b;
 
@@ -113,6 +114,7 @@ TEST(Blob, GrowthEndsAtTheLargestLength)
 
 TEST(Blob, OneAttributeOfTheLargestLengthFits)
 {
+	STAND_IN_ONLY("grows beyond what the length can say");
 	const struct {
 		int payload;
 		bool fits;
