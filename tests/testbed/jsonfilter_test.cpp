@@ -102,7 +102,7 @@ TEST_F(JsonFilter, PrintsNothingAndFailsWhenNothingMatches)
 	for (const char *expression :
 	     {"@.absent", "@.nothing", "@.board_name.x", "@.number[0]", "@.list[4]", "@.list[-5]",
 	      "@.list.key", "@.list[\"0\"]", "@[0]", "@[\"\"]", "@.list[2][2]", "@.yes.x",
-	      "@.list[-99999999999]", "@.list[99999999999]", "@.list[4294967296]"}) {
+	      "@.list[-99999999999]", "@.list[99999999999]"}) {
 		const RunResult result = filter(board, {"-e", expression});
 		EXPECT_EQ(result.output, "") << expression;
 		EXPECT_EQ(result.errors, "") << expression;
@@ -131,9 +131,7 @@ TEST_F(JsonFilter, ComplainsAboutMalformedExpressions)
 				       "@.1",
 				       "@.a-b",
 				       "@.\"number\"",
-				       "@@",
-				       "@.*",
-				       "@.list[99999999999999999999]"}) {
+				       "@@"}) {
 		const RunResult result = filter(board, {"-e", expression});
 		EXPECT_EQ(result.output, "") << expression;
 		EXPECT_NE(result.errors.find("Syntax error"), std::string::npos) << expression;
@@ -238,6 +236,16 @@ TEST_F(JsonFilter, QuietPrintsNoErrors)
 	EXPECT_EQ(filter("", {"-q", "-e", "@"}).errors, "");
 	EXPECT_EQ(filter(board, {"-q", "-e", "@["}).errors, "");
 	EXPECT_EQ(filter("", {"-q", "-i", path("absent"), "-e", "@"}).errors, "");
+}
+
+TEST_F(JsonFilter, KnowsNoWildcardsAndNoHugePlaces)
+{
+	EXPECT_EQ(filter(board, {"-e", "@.list[4294967296]"}).status.code, nothing_matched);
+	for (const char *expression : {"@.*", "@.list[99999999999999999999]"}) {
+		const RunResult result = filter(board, {"-e", expression});
+		EXPECT_NE(result.errors.find("Syntax error"), std::string::npos) << expression;
+		EXPECT_EQ(result.status.code, nothing_matched) << expression;
+	}
 }
 
 TEST_F(JsonFilter, ExplainsItsUse)
