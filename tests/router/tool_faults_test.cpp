@@ -234,7 +234,8 @@ TEST_P(ToolFaults, DoNoMoreHarmThanThis)
 			return !files.tool_calls(installer).empty();
 		}));
 	}
-	EXPECT_EQ(exists(image_path), row.code == 0);
+	// A bad image goes when the answer has gone.
+	EXPECT_TRUE(row.code == 0 ? exists(image_path) : wait_until_gone(image_path));
 	may_leave_image = row.code == 0;
 }
 
