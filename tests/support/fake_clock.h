@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: ISC
-// A clock of its own for one daemon and what it starts: a library loaded before libc answers for
-// the clocks. The kernel is not fooled (a timer that was set ends when it would have ended), and
-// nobody else's time changes.
+// A clock of its own for one daemon and its workers: a library loaded before libc answers for the
+// clocks. The kernel is not fooled (a timer that was set ends when it would have ended), and nobody
+// else's time changes.
 #pragma once
 
 #include <cstdint>
