@@ -72,8 +72,10 @@ def test_describes_one_instance(router):
 def test_debug_is_an_option_of_the_service(router, value, command):
     router.run(f"uci set fwupdate.daemon.debug={value}")
     start(router)
-    arguments = router.run(f"tr '\\0' ' ' </realproc/{daemon(router)}/cmdline").output
-    assert arguments.strip() == command
+    words = router.run(f"tr '\\0' ' ' </realproc/{daemon(router)}/cmdline").output.split()
+    if "/qemu" in words[0]:
+        words = words[2:]  # the emulator and the program's path
+    assert words == command.split()
 
 
 def test_a_missing_configuration_is_no_reason_not_to_start(router):
