@@ -31,16 +31,6 @@ protected:
 	ServedObject object{"check-test", UBUS_METHOD_NOARG("check", handle_check)};
 };
 
-const Fields failure = {
-	string_field("version", ""),
-	string_field("buildtime", ""),
-	string_field("releasenotes", ""),
-	string_field("force", ""),
-	string_field("need_update", ""),
-	string_field("error_code", "1"),
-	string_field("error_message", "Error on checking update avialability"),
-};
-
 HttpAnswer offer_of(Manifest manifest)
 {
 	manifest.url = "http://a/";
@@ -86,7 +76,7 @@ TEST_F(CheckMethod, AnswersAFailureWithFiveEmptyTexts)
 {
 	check_answer(offer_of({}));
 	const Reply reply = check_answer(answer(404, "<html><body>gone</body></html>"));
-	EXPECT_EQ(reply.fields, failure);
+	EXPECT_EQ(reply.fields, failed_check);
 	EXPECT_STREQ(update_manifest.version, "2.0");
 }
 

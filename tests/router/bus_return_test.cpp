@@ -136,6 +136,19 @@ protected:
 		return false;
 	}
 
+	// The bus goes while a job waits for its second attempt, whose download will hang until the
+	// server lets it go.
+	PendingCall lose_bus_before_a_retry()
+	{
+		offer(answer(good_image()).hold());
+		break_starts(1, 1);
+		start_daemon();
+		PendingCall pending = daemon().start_update({int32_field("attempts", 3)});
+		EXPECT_TRUE(files.wait_for_tool_calls(df_tool, 1));
+		lose_bus();
+		return pending;
+	}
+
 	// A job whose download hangs until the server lets it go.
 	PendingCall start_hanging_job(const Fields &arguments = {})
 	{
@@ -233,12 +246,7 @@ TEST_F(BusReturn, DownloadGoesOn)
 
 TEST_F(BusReturn, WaitForARetryGoesOn)
 {
-	offer(answer(good_image()).hold());
-	break_starts(1, 1);
-	start_daemon();
-	const PendingCall pending = daemon().start_update({int32_field("attempts", 3)});
-	ASSERT_TRUE(files.wait_for_tool_calls(df_tool, 1));
-	lose_bus();
+	const PendingCall pending = lose_bus_before_a_retry();
 	ASSERT_TRUE(server.wait_for_requests(firmware, 1));
 	restore_bus();
 	EXPECT_TRUE(wait_for_object("fwupdate"));
@@ -308,12 +316,7 @@ TEST_F(BusReturn, LostRequestIsAnsweredToNobody)
 // the next download gets that number, and nobody may close it.
 TEST_F(BusReturn, BrokerThatHangsUpDoesNotHarmADownload)
 {
-	offer(answer(good_image()).hold());
-	break_starts(1, 1);
-	start_daemon();
-	const PendingCall pending = daemon().start_update({int32_field("attempts", 3)});
-	ASSERT_TRUE(files.wait_for_tool_calls(df_tool, 1));
-	lose_bus();
+	const PendingCall pending = lose_bus_before_a_retry();
 	{
 		const FakeBroker broker;
 		ASSERT_TRUE(broker.hang_up());

@@ -28,16 +28,6 @@ protected:
 	}
 };
 
-const Fields failure = {
-	string_field("version", ""),
-	string_field("buildtime", ""),
-	string_field("releasenotes", ""),
-	string_field("force", ""),
-	string_field("need_update", ""),
-	string_field("error_code", "1"),
-	string_field("error_message", "Error on checking update avialability"),
-};
-
 } // namespace
 
 TEST_F(Check, TellsTheCallerAndEverybodyElseOfANewBuild)
@@ -94,11 +84,11 @@ TEST_F(Check, TellsEverybodyOfAServerThatCannotBeReached)
 	EventListener listener("*");
 	const Reply reply = daemon().check();
 	EXPECT_EQ(reply.status, 0);
-	EXPECT_EQ(reply.fields, failure);
+	EXPECT_EQ(reply.fields, failed_check);
 	const std::optional<BusEvent> event = listener.next();
 	ASSERT_TRUE(event);
 	EXPECT_EQ(event->id, "fwupdate.avaliable");
-	EXPECT_EQ(event->fields, failure);
+	EXPECT_EQ(event->fields, failed_check);
 	EXPECT_EQ(daemon().state_name(), "XML_CONNECT");
 	EXPECT_THAT(state_message(),
 		    testing::StartsWith("Error on geting update info via CURL [Failed to connect"));
@@ -132,7 +122,7 @@ TEST_F(Check, SuccessAfterAFailureShowsNothingOfIt)
 {
 	start_daemon();
 	server.on("/update.xml", answer(404, "<html>gone</html>"));
-	EXPECT_EQ(daemon().check().fields, failure);
+	EXPECT_EQ(daemon().check().fields, failed_check);
 	EXPECT_NE(state_message(), "");
 	offer();
 	EXPECT_EQ(text_of(daemon().check().fields, "error_code"), "0");
@@ -195,7 +185,7 @@ TEST_F(Check, GoesOnBesideADownload)
 	EXPECT_EQ(text_of(daemon().check().fields, "need_update"), "1");
 	EXPECT_EQ(daemon().state_name(), "XML_DONE");
 	server.on("/update.xml", answer("no XML"));
-	EXPECT_EQ(daemon().check().fields, failure);
+	EXPECT_EQ(daemon().check().fields, failed_check);
 	EXPECT_EQ(daemon().state_name(), "XML_PARSE");
 	EXPECT_FALSE(update.finished());
 	EXPECT_EQ(daemon().workers().size(), 1u);
@@ -243,7 +233,7 @@ TEST_F(Check, WithoutDebugLogsNothing)
 {
 	server.on("/update.xml", answer("no XML"));
 	start_daemon({});
-	EXPECT_EQ(daemon().check().fields, failure);
+	EXPECT_EQ(daemon().check().fields, failed_check);
 	EXPECT_EQ(state_message(), "");
 	EXPECT_EQ(daemon().state_name(), "XML_PARSE");
 	EXPECT_THAT(syslog.texts(), IsEmpty());

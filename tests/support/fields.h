@@ -53,4 +53,15 @@ Fields read_fields(const blob_attr *message);
 // {"name": "text", "n": 1 (int64)}: what a failed comparison prints.
 std::ostream &operator<<(std::ostream &out, const Field &field);
 
+// What `check` answers when the server could not be asked, or said nothing of use.
+inline const Fields failed_check = {
+	string_field("version", ""),
+	string_field("buildtime", ""),
+	string_field("releasenotes", ""),
+	string_field("force", ""),
+	string_field("need_update", ""),
+	string_field("error_code", "1"),
+	string_field("error_message", "Error on checking update avialability"),
+};
+
 } // namespace router_test

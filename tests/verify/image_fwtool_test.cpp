@@ -20,6 +20,21 @@ protected:
 	{
 		return build_uimage(noise(1000), {.entry_point = same_address, .name = name});
 	}
+
+	// With any of these bytes of its header changed the image's own data CRC decides.
+	void expect_data_crc_decides(std::size_t first, std::size_t end)
+	{
+		record_fwtool();
+		for (std::size_t offset = first; offset < end; offset++) {
+			SCOPED_TRACE(offset);
+			std::string image = for_fwtool();
+			flip_bit(image, offset);
+			seal_uimage(image);
+			EXPECT_EQ(verify(image), IMAGE_GOOD);
+			EXPECT_EQ(verify(image + "x"), IMAGE_BAD_CHECKSUM);
+		}
+		EXPECT_TRUE(extractions().empty());
+	}
 };
 
 } // namespace
@@ -154,29 +169,11 @@ TEST_F(UimageForFwtool, NeedsAPathWhoseFwtoolCommandFits)
 
 TEST_F(UimageForFwtool, KeepsToItsDataCrcWhenOneByteOfTheAddressesDiffers)
 {
-	record_fwtool();
-	for (std::size_t offset = load_address_offset; offset < load_address_offset + 8; offset++) {
-		SCOPED_TRACE(offset);
-		std::string image = for_fwtool();
-		flip_bit(image, offset);
-		seal_uimage(image);
-		EXPECT_EQ(verify(image), IMAGE_GOOD);
-		EXPECT_EQ(verify(image + "x"), IMAGE_BAD_CHECKSUM);
-	}
-	EXPECT_TRUE(extractions().empty());
+	expect_data_crc_decides(load_address_offset, load_address_offset + 8);
 }
 
 TEST_F(UimageForFwtool, KeepsToItsDataCrcWhenOneByteOfTheNameTailIsSet)
 {
-	record_fwtool();
-	for (std::size_t offset = header_size - 4; offset < header_size; offset++) {
-		SCOPED_TRACE(offset);
-		std::string image = for_fwtool();
-		flip_bit(image, offset);
-		seal_uimage(image);
-		// The name's text ends before that byte.
-		EXPECT_EQ(verify(image), IMAGE_GOOD);
-		EXPECT_EQ(verify(image + "x"), IMAGE_BAD_CHECKSUM);
-	}
-	EXPECT_TRUE(extractions().empty());
+	// The name's text ends before these.
+	expect_data_crc_decides(header_size - 4, header_size);
 }

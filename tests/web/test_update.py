@@ -12,6 +12,12 @@ def install(router, page, button="update"):
     router.await_installer()
 
 
+def install_offered(router, page):
+    router.offer()
+    page.open_and_sign_in()
+    install(router, page)
+
+
 def restart(router, page, runs):
     """Signed in again on what the router runs after its restart."""
     router.power_off()
@@ -148,9 +154,7 @@ def test_demanded_older_build_is_an_update(router, page):
 
 
 def test_old_version_after_the_restart_is_no_success(router, page):
-    router.offer()
-    page.open_and_sign_in()
-    install(router, page)
+    install_offered(router, page)
     restart(router, page, OLD)
     page.await_stage("The router still runs the old version")
     assert "version r1234 (build 171000000) as before. Build 174200000 was not installed" in page.text("job-text")
@@ -158,9 +162,7 @@ def test_old_version_after_the_restart_is_no_success(router, page):
 
 
 def test_other_version_after_the_restart_is_said(router, page):
-    router.offer()
-    page.open_and_sign_in()
-    install(router, page)
+    install_offered(router, page)
     restart(router, page, {"revision": "r1299", "build": "174100000"})
     page.await_stage("The router runs another version")
     assert "runs version r1299 (build 174100000). Build 174200000 was on offer." in page.text("job-text")
@@ -169,9 +171,7 @@ def test_other_version_after_the_restart_is_said(router, page):
 
 def test_new_version_without_the_plugin_is_known_by_its_build(router, page):
     """The new firmware came without this page's package: there is no boot id to compare."""
-    router.offer()
-    page.open_and_sign_in()
-    install(router, page)
+    install_offered(router, page)
     router.power_off()
     page.await_stage("Restarting")
     router.relay.fault = answers.instead_of("status", answers.error(-32000))
@@ -183,9 +183,7 @@ def test_new_version_without_the_plugin_is_known_by_its_build(router, page):
 
 def test_router_that_does_not_restart_is_no_success(router, page):
     """The installer refused: the old system is still there minutes later."""
-    router.offer()
-    page.open_and_sign_in()
-    install(router, page)
+    install_offered(router, page)
     page.put_clock_forward(2)
     page.await_stage("Installing")
     page.put_clock_forward(1.1)
@@ -211,9 +209,7 @@ def test_page_opened_after_the_installer_refused_knows_it(router, page):
 
 
 def test_router_that_stays_away_gets_a_hint(router, page):
-    router.offer()
-    page.open_and_sign_in()
-    install(router, page)
+    install_offered(router, page)
     router.power_off()
     page.await_stage("Restarting")
     page.put_clock_forward(9)
@@ -228,9 +224,7 @@ def test_router_that_stays_away_gets_a_hint(router, page):
 
 def test_lost_connection_is_no_restart(router, page):
     """The cable was out, longer than a session lasts; the same system comes back."""
-    router.offer()
-    page.open_and_sign_in()
-    install(router, page)
+    install_offered(router, page)
     socket, hidden = router.shared / "http", router.shared / "hidden"
     socket.rename(hidden)
     page.await_stage("Restarting")
