@@ -100,7 +100,9 @@ tell_offer() {
 	else
 		say "Nothing newer: the server has version ${offered:-without a name} (build $build); this router runs build $running."
 	fi
-	[ -z "$notes" ] || printf '\n%s\n\n' "$notes"
+	case $notes in
+	*[![:space:]]*) printf '\n%s\n\n' "$notes" ;;
+	esac
 }
 
 # The answer to `check` is in `reply` afterwards; ends the command when it failed.

@@ -96,6 +96,13 @@ def test_a_version_of_several_lines_is_cut_to_the_first(router):
     assert first.startswith("Version 9 (build 9) is available; ")
 
 
+@pytest.mark.parametrize("notes", ["", " ", "\t \n \n", "\x1b\x07"])
+def test_blank_notes_leave_no_empty_lines(router, notes):
+    """fwupdate-publish writes a blank for an offer without notes."""
+    answer(router, state=idle(), check=offer(releasenotes=notes))
+    assert len(router.run("fwupdate-cli check").output.splitlines()) == 1
+
+
 def test_what_a_real_manifest_can_carry_is_harmless(tmp_path):
     notes = "now &#x9b;31mred &#x202e;txt &#x7f; &#x85;next \u009b2J &#xdf;ok"
     with Router(server_root=make_server(tmp_path, notes=notes, version="2&#x9b;2J")) as router:
