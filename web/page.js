@@ -13,7 +13,7 @@ const TEXTS = {
 	password: ["Password", "Passwort"],
 	whyEnded: ["Your session has ended. An update goes on without it.", "Ihre Sitzung ist abgelaufen. Eine Aktualisierung läuft ohne sie weiter."],
 	wrongPassword: ["User and password do not fit.", "Benutzer und Passwort passen nicht zusammen."],
-	inFrame: ["This page does not work inside another one.", "Diese Seite arbeitet nicht innerhalb einer anderen."],
+	inFrame: ["This page does not work inside another one.", "Diese Seite arbeitet nicht in einer anderen."],
 
 	versions: ["Versions", "Versionen"],
 	runsHere: ["Runs here", "Läuft hier"],
@@ -44,7 +44,7 @@ const TEXTS = {
 	fileButton: ["Check file", "Datei prüfen"],
 	fileBad: ["“{path}” is refused: a path begins with “/” and has at most 112 letters, digits and . _ / -", "„{path}“ wird abgelehnt: Ein Pfad beginnt mit „/“ und hat höchstens 112 Buchstaben, Ziffern und . _ / -"],
 	fileChecking: ["Checking the file …", "Die Datei wird geprüft …"],
-	"file0": ["firmware for this router, and undamaged.", "Firmware für diesen Router, unbeschädigt."],
+	file0: ["firmware for this router, and undamaged.", "Firmware für diesen Router, unbeschädigt."],
 	"file-2": ["no such file, or no access.", "Datei fehlt oder ist gesperrt."],
 	"file-3": ["the file cannot be examined.", "Datei nicht prüfbar."],
 	"file-4": ["the file is empty, or cannot be read.", "Die Datei ist leer oder nicht lesbar."],
@@ -97,7 +97,7 @@ const TEXTS = {
 
 	nothing: ["There was nothing to install", "Es gab nichts zu installieren"],
 	lost: ["The answer of the update was lost", "Die Antwort der Aktualisierung ging verloren"],
-	lostText: ["The update service or the bus was restarted. Nobody can say what became of the update: see which version runs here, then try again.", "Der Update-Dienst oder der Bus wurde neu gestartet. Was aus der Aktualisierung wurde, ist unbekannt: Sehen Sie nach, welche Version läuft, und versuchen Sie es erneut."],
+	lostText: ["The update service was restarted. What became of the update is unknown: see which version runs here, then try again.", "Der Update-Dienst wurde neu gestartet. Was aus der Aktualisierung wurde, ist unbekannt: Sehen Sie nach, welche Version läuft, dann versuchen Sie es erneut."],
 	failed: ["The update failed", "Die Aktualisierung ist fehlgeschlagen"],
 	failed2: ["The firmware could not be downloaded. Nothing was changed. Is the router online, with enough free memory?", "Die Firmware ließ sich nicht laden. Nichts wurde verändert. Ist der Router online, mit genug freiem Speicher?"],
 	failed3: ["The firmware is damaged, or made for another model. Nothing was changed.", "Die Firmware ist beschädigt oder für ein anderes Modell. Nichts wurde verändert."],
@@ -113,7 +113,7 @@ const TEXTS = {
 	garbled: ["This page does not understand the router's answer.", "Diese Seite versteht die Antwort des Routers nicht."],
 	denied: ["This account may not do that.", "Dieses Konto darf das nicht."],
 	missing: ["A service does not run on the router.", "Ein Dienst läuft auf dem Router nicht."],
-	bus: ["The router refused the call (status {status}).", "Der Router hat den Aufruf abgelehnt (Status {status})."],
+	bus: ["The router could not do that (error {status}). Try again, or restart it.", "Das gelang dem Router nicht (Fehler {status}). Versuchen Sie es erneut oder starten Sie ihn neu."],
 };
 
 const ANYTHING = { scope: "ubus", object: "fwupdate", function: "state" };
@@ -190,7 +190,7 @@ function save(name, value) {
 	try {
 		sessionStorage.setItem(`fwupdate.${name}`, JSON.stringify(value));
 	} catch {
-		// Without storage a reload asks for the password again, no more.
+		// Without storage a reload asks for the password again.
 	}
 }
 
@@ -402,7 +402,7 @@ function follow() {
 	Object.assign(page, { verdict: null, wasAway: false, fresh: false, seenSince: performance.now() });
 }
 
-// Signed in, with the board read: has the router restarted, and what does it run now?
+// With the board read: has the router restarted, and what does it run now?
 function judgeRestart() {
 	const { watch, job, board } = page;
 	if (!watch?.installing)

@@ -111,6 +111,7 @@ def test_check_whose_answer_is_none(router, page):
         wait_until(lambda: page.find("check").is_enabled(), f"{what}: the check has ended")
         assert page.text("verdict") and "newer" not in page.text("verdict"), what
         assert not page.visible("update"), what
+    assert page.text("verdict") == "The router could not do that (error 9). Try again, or restart it."
     page.picture("not-understood")
     router.relay.fault = lambda *_: False
     page.click("check")
