@@ -82,7 +82,15 @@ public:
 	int end()
 	{
 		int status = -1;
-		waitpid(pid_, &status, 0);
+		if (pid_ <= 0) {
+			ADD_FAILURE() << "there is no worker";
+			return status;
+		}
+		if (!eventually([&] { return waitpid(pid_, &status, WNOHANG) == pid_; })) {
+			ADD_FAILURE() << "the worker does not end";
+			kill(pid_, SIGKILL);
+			waitpid(pid_, &status, 0);
+		}
 		pid_ = -1;
 		return status;
 	}
