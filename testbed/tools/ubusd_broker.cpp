@@ -98,9 +98,8 @@ bool Broker::is_harmless(const Message &message)
 	switch (message.type()) {
 	case UBUS_MSG_PING:
 	case UBUS_MSG_LOOKUP:
-		return true;
 	case UBUS_MSG_ADD_OBJECT:
-		return !message.attribute(UBUS_ATTR_OBJPATH);
+		return true;
 	default:
 		return false;
 	}
@@ -160,7 +159,8 @@ ubus_msg_status Broker::answer_add(Client &client, const Message &message)
 	const auto known_type = message.number(UBUS_ATTR_OBJTYPE);
 	std::shared_ptr<ObjectType> type;
 
-	if ((path && path->empty()) || (signature && !is_signature(payload(signature))))
+	if ((path && (path->empty() || !client.privileged())) ||
+	    (signature && !is_signature(payload(signature))))
 		return UBUS_STATUS_INVALID_ARGUMENT;
 	if (known_type) {
 		type = objects_.find_type(*known_type);

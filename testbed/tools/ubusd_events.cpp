@@ -74,9 +74,10 @@ ubus_msg_status Broker::register_pattern(Client &client, const blob_attr *data)
 	Object *object = objects_.find(blobmsg_get_u32(id));
 	if (!object)
 		return UBUS_STATUS_NOT_FOUND;
-	if (object->owner != &client)
+	const std::string wanted = blobmsg_get_string(pattern);
+	if (object->owner != &client || wanted.empty())
 		return UBUS_STATUS_PERMISSION_DENIED;
-	object->patterns.emplace_back(blobmsg_get_string(pattern));
+	object->patterns.push_back(wanted);
 	return UBUS_STATUS_OK;
 }
 

@@ -40,7 +40,6 @@ TEST_F(UbusDEvents, GoToThoseWhosePatternMatches)
 		{"foo.*", "foo.bar foo. "},
 		{"foo*", "foo foo.bar foo. "},
 		{"*", "foo foo.bar foo. fo "},
-		{"", ""},
 		{"fooo", ""},
 		{"FOO", ""},
 		{"*bar", ""},
@@ -57,6 +56,14 @@ TEST_F(UbusDEvents, GoToThoseWhosePatternMatches)
 		}
 		EXPECT_EQ(heard(listener), expected) << pattern;
 	}
+}
+
+TEST_F(UbusDEvents, AreNotToBeHadWithoutAPattern)
+{
+	RawClient listener(socket());
+	const auto object = listener.add_object("");
+
+	EXPECT_EQ(listener.ask(register_pattern(1, object, "")), 6);
 }
 
 TEST_F(UbusDEvents, CarryIdAndData)
