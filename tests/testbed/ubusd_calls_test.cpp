@@ -142,7 +142,7 @@ TEST_F(UbusDCalls, RefusesOtherUsers)
 		GTEST_SKIP() << "only root can become somebody else";
 	}
 	RawClient owner(socket());
-	const auto object = owner.add_object("one");
+	const auto object = owner.add_object("one", field(F_TABLE, "go", ""));
 	chmod(path().c_str(), 0755);
 	const pid_t child = fork();
 	if (child == 0) {
