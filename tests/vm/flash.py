@@ -9,6 +9,7 @@ import zlib
 
 ENVIRONMENT = 0x80000
 ENVIRONMENT_SIZE = 0x10000
+ENVIRONMENT_PLACES = pathlib.Path(__file__).parents[2] / "testbed/machine/rootfs/etc/fw_env.config"
 PARTITIONS = {"firmware": 0x90000, "firmware2": 0x1890000}
 PARTITION_SIZE = 0x1800000
 HEADER = ">7I4B32s"  # of a U-Boot image; the second word is its own checksum
@@ -27,10 +28,11 @@ def environment_part(flash):
 
 
 def _environment_tool(name, part, folder, *arguments):
-    """Runs it on the two copies; they are in the file `part` then."""
+    """Runs it on the copies that the router's own file names; they are in the file `part` then."""
     (folder / "part").write_bytes(part)
+    copies = [line.split()[1:3] for line in ENVIRONMENT_PLACES.read_text().splitlines() if line[0] != "#"]
     (folder / "fw_env.config").write_text(
-        f"{folder}/part 0x0000 0x4000\n{folder}/part 0x8000 0x4000\n", encoding="utf-8")
+        "".join(f"{folder}/part {place} {size}\n" for place, size in copies), encoding="utf-8")
     return subprocess.run([name, "-c", folder / "fw_env.config", *arguments],
                           capture_output=True, text=True, check=False)
 

@@ -15,7 +15,7 @@ def test_restarts_with_the_new_firmware_from_the_other_partition(router, flash):
     assert (answer["error_code"], answer["need_update"], answer["version"]) == ("0", "1", "r1300")
 
     assert update(device, "firmware2")["error_code"] == "0"
-    device.wait_console("installer: writing [0-9]+ bytes into firmware2")
+    device.wait_console("installer: on tmpfs, writing [0-9]+ bytes into firmware2")
     device.wait_up()
 
     assert facts(device) == {"revision": "r1300", "booted": "firmware2", "bootpart": "firmware2"}
@@ -42,7 +42,7 @@ def test_image_as_large_as_the_partition_replaces_the_running_firmware(router, f
     image = enlarge(machine.FIRMWARE, PARTITION_SIZE, tmp_path / "large.bin")
     device = router(image)
     assert update(device, "firmware")["error_code"] == "0"
-    device.wait_console("installer: writing 25165824 bytes into firmware.")
+    device.wait_console("installer: on tmpfs, writing 25165824 bytes into firmware.")
     device.wait_up()
     assert facts(device) == {"revision": "r1300", "booted": "firmware", "bootpart": "firmware"}
     device.quit()
