@@ -80,8 +80,9 @@ class UpdateServer(Router):
     def restart(self):
         """nginx reloads by itself only with a master process, which a sandbox cannot have."""
         if self.running:
-            # Its socket goes last, after its pid file: a new one must not be there yet.
-            self.must("p=$(cat /var/run/nginx-update.pid); kill $p; while kill -0 $p 2>/dev/null; do sleep 0.01; done")
+            # Its socket goes last, after its pid file: a new one must not be there yet. A signal
+            # that comes right before it waits for events is not seen until the next one.
+            self.must("p=$(cat /var/run/nginx-update.pid) && while kill $p 2>/dev/null; do sleep 0.01; done")
         self.must(f"rm -f {self.socket}; /host/usr/sbin/nginx -c {self.folder}/nginx.conf")
         self.running = True
 
