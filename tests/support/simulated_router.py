@@ -178,6 +178,18 @@ class Router:
         wait_until(succeeds, lambda: f"'{command}' does not succeed: {last.output}", seconds, pause=0.05)
         return last.output
 
+    # --- A daemon that stands still
+
+    def stop_daemon(self):
+        """Until continue_daemon(); its worker goes on. Only the oldest of its name is the daemon: a
+        command that it is about to run has its name too, and stopped there, would have another one
+        when continue_daemon() looks for it."""
+        self._stopped = self.must("pidof fwupdate | tr ' ' '\\n' | sort -n | head -n 1")
+        self.must(f"kill -STOP {self._stopped}")
+
+    def continue_daemon(self):
+        self.must(f"kill -CONT {self._stopped}")
+
     # --- Downloads that last as long as the test wants
 
     def hold_downloads(self, size="known"):

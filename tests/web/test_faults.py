@@ -71,10 +71,10 @@ def test_check_that_takes_longer_than_the_gateway_waits(make_router, make_page):
     router = make_router("--web-limit", "5")
     page = make_page(router)
     page.open_and_sign_in()
-    router.run("p=$(pidof fwupdate) && kill -STOP $p")
+    router.machine.stop_daemon()
     page.click("check")
     page.await_text("verdict", "The router did not answer in time.")
-    router.run("kill -CONT $(pidof fwupdate)")
+    router.machine.continue_daemon()
 
 
 BROKEN = {

@@ -107,9 +107,9 @@ def test_restart_forgets_sessions(router, sid):
 def test_call_has_a_limit_and_goes_on(make_router):
     router = make_router("--web-limit", "3")
     sid = sign_in(router, "root", "router")
-    router.run("p=$(pidof fwupdate) && kill -STOP $p")
+    router.machine.stop_daemon()
     assert code(router.call(sid, "fwupdate", "check", {})) == -32003
-    router.run("kill -CONT $(pidof fwupdate)")
+    router.machine.continue_daemon()
     router.wait_for("ubus call fwupdate state | grep -q XML_DONE")
 
 
