@@ -29,7 +29,9 @@ class Program:
         self._ended = False
         self._news = threading.Condition()
         self._wake = os.pipe()
-        environment = {**os.environ, **(environment or {})}
+        # Its kind does not depend on where the tests were started.
+        terminal = {"TERM": "xterm"} if columns else {}
+        environment = {**os.environ, **terminal, **(environment or {})}
         if columns:
             self._pid, self._fd = self._fork_on_terminal(columns)
         else:
