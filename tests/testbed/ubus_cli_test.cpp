@@ -189,9 +189,12 @@ TEST_F(Ubus, FailsWithAReason)
 TEST_F(Ubus, SaysWhenThereIsNoBroker)
 {
 	const auto result = router_test::run({tool("ubus"), "-s", path("none"), "list"});
+	const auto simple = router_test::run({tool("ubus"), "-s", path("none"), "-S", "list"});
 
 	EXPECT_EQ(result.status.code, 255);
 	EXPECT_EQ(result.errors, "Failed to connect to ubus\n");
+	EXPECT_EQ(simple.status.code, 255);
+	EXPECT_EQ(simple.errors, "");
 }
 
 TEST_F(Ubus, SendsEvents)

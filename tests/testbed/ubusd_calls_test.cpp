@@ -69,6 +69,20 @@ TEST_F(UbusDCalls, ACallerCannotGiveItselfAName)
 	EXPECT_EQ(call.text(A_GROUP), getgrgid(getgid())->gr_name);
 }
 
+TEST_F(UbusDCalls, AnOwnerIsNotToldWhetherItsAnswerIsWanted)
+{
+	RawClient owner(socket());
+	const auto object = owner.add_object("one");
+	RawClient caller(socket());
+
+	caller.send(message(INVOKE, 1, object,
+			    number(A_OBJID, object) + text(A_METHOD, "go") +
+				    attribute(A_NO_REPLY, std::string(1, 1)) +
+				    attribute(A_DATA, "")));
+
+	EXPECT_EQ(owner.receive().attributes.count(A_NO_REPLY), 0U);
+}
+
 TEST_F(UbusDCalls, OnlyTheOwnerAnswersForAnObject)
 {
 	RawClient owner(socket());
