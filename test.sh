@@ -86,6 +86,7 @@ excluded=  # tests that are left out, as GTEST_FILTER takes them
 passed=0
 failed=0
 complaints=()
+early= # what runs beside the tests
 
 heading() {
 	printf '\n== %s\n' "$*"
@@ -177,23 +178,28 @@ check_tidy() {
 }
 
 # What comes next begins early, at a low priority: the tests wait half of their time.
-# begin_early NAME COMMAND...: prints to build/NAME.log; sets `early` to the process.
+# begin_early NAME COMMAND...: prints to build/NAME.log; sets `early` to the process, which leads
+# a group of its own, so that nothing of it is left when this script is interrupted.
 begin_early() {
 	local name=$1
+	set -m
 	(
 		renice -n 10 "$BASHPID" >/dev/null
 		"${@:2}"
-	) >"build/$name.log" 2>&1 &
+	) >"build/$name.log" 2>&1 </dev/null &
 	early=$!
+	set +m
 }
 
 # end_early NAME: its output and its status.
 end_early() {
 	local status=0
 	wait "$early" || status=$?
+	early=
 	cat "build/$1.log"
 	return "$status"
 }
+trap '[ -z "$early" ] || kill -- "-$early"' EXIT
 
 # Tests that the emulator is known to fail: one that passes has to leave the list.
 check_not_emulated() {
