@@ -7,6 +7,8 @@ machine was doing, it did to both.
 import dataclasses
 import statistics
 
+FEWEST_FOR_SPREAD = 4  # samples; fewer have no quartiles worth the name
+
 
 @dataclasses.dataclass
 class Row:
@@ -16,7 +18,9 @@ class Row:
     ours: list              # samples of the daemon
     baseline: list          # samples of the baseline, in the same order
     baseline_name: str
-    goal: str = ""          # the ratio aimed at: "<= 1.05", ">= 0.97"; for `check`
+    # The ratio aimed at, "<= 1.05" or ">= 0.97"; or the most that the figure itself may be,
+    # "at most 61".
+    goal: str = ""
     x: float = None         # place on the axis of a plot, for rows that show growth
     series: str = ""        # which plot this row is a point of
     note: str = ""
@@ -27,17 +31,21 @@ class Row:
         return statistics.median(self.ours) / base if base else 0.0
 
     def met(self):
-        """True, False, or None when there is no goal."""
+        """True, False, or None: without a goal, or without the ratio that it is about."""
         if not self.goal:
             return None
-        sign, bound = self.goal.split()
+        sign, _, bound = self.goal.rpartition(" ")
+        if sign == "at most":
+            return statistics.median(self.ours) <= float(bound)
+        if not self.ratio():
+            return None
         return self.ratio() <= float(bound) if sign == "<=" else self.ratio() >= float(bound)
 
 
 def spread(samples):
     """Half the distance between the quartiles, in percent of the median."""
     middle = statistics.median(samples)
-    if len(samples) < 4 or not middle:
+    if len(samples) < FEWEST_FOR_SPREAD or not middle:
         return 0.0
     low, _, high = statistics.quantiles(samples, n=4)
     return 50.0 * (high - low) / middle
@@ -69,20 +77,22 @@ def number(value):
 
 def table(rows):
     """The rows as lines of a Markdown table."""
-    lines = ["| what | fwupdate | baseline | ratio | goal |", "|---|---|---|---|---|"]
+    lines = ["| what | fwupdate | baseline | ratio | samples | goal |", "|---|---|---|---|---|---|"]
     for row in rows:
         ours = f"{number(statistics.median(row.ours))} {row.unit}"
-        if len(row.ours) > 1:
+        if len(row.ours) >= FEWEST_FOR_SPREAD:
             ours += f" ±{spread(row.ours):.1f} %"
         base = ratio = "-"
         if row.baseline:
             base = f"{number(statistics.median(row.baseline))} {row.unit}"
-            if len(row.baseline) > 1:
+            if len(row.baseline) >= FEWEST_FOR_SPREAD:
                 base += f" ±{spread(row.baseline):.1f} %"
             base += f" ({row.baseline_name})"
             ratio = f"{row.ratio():.3f}" if row.ratio() else "-"
         goal = row.goal
         if row.met() is not None:
             goal += ", met" if row.met() else ", missed"
-        lines.append(f"| {row.what} | {ours} | {base} | {ratio} | {goal} |")
+        elif goal:
+            goal += ", no ratio"
+        lines.append(f"| {row.what} | {ours} | {base} | {ratio} | {len(row.ours)} | {goal} |")
     return lines

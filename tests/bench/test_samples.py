@@ -29,14 +29,33 @@ def test_goals_hold_from_above_and_from_below():
     assert row([1], [1]).met() is None
 
 
+def test_a_goal_without_a_ratio_is_not_met():
+    for goal in ("<= 1.1", ">= 0.97"):
+        assert row([1], [0], goal).met() is None
+        assert row([1], [], goal).met() is None
+        assert table([row([1], [0], goal)])[-1].endswith(f"| 1 | {goal}, no ratio |")
+
+
+def test_a_goal_for_the_figure_itself_needs_no_baseline():
+    assert row([0], [0], "at most 0").met()
+    assert not row([1], [0], "at most 0").met()
+    assert row([61], [], "at most 61").met()
+    assert table([row([2], [0], "at most 0")])[-1].endswith("| - | 1 | at most 0, missed |")
+
+
 def test_a_missed_goal_says_so():
-    assert table([row([12], [10], "<= 1.1")])[-1].endswith("| 1.200 | <= 1.1, missed |")
-    assert table([row([11], [10], "<= 1.1")])[-1].endswith("| 1.100 | <= 1.1, met |")
+    assert table([row([12], [10], "<= 1.1")])[-1].endswith("| 1.200 | 1 | <= 1.1, missed |")
+    assert table([row([11], [10], "<= 1.1")])[-1].endswith("| 1.100 | 1 | <= 1.1, met |")
 
 
 def test_spread_is_half_the_distance_of_the_quartiles():
     assert spread([10, 10, 10, 10]) == 0
     assert round(spread([8, 9, 10, 11, 12]), 1) == 15.0
+
+
+def test_a_spread_is_told_of_four_samples_and_more():
+    assert "±" not in table([row([8, 9, 12], [8, 9, 12])])[-1]
+    assert table([row([8, 9, 11, 12], [8, 9, 11, 12])])[-1].count("±") == 2
 
 
 def test_numbers_keep_the_digits_that_count():
