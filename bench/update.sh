@@ -10,6 +10,7 @@ folder=$(dirname "$0")
 
 sh "$folder/check.sh"
 df /tmp | grep tmpfs | awk '{ printf "%d",int($4*1024) }'
+/usr/sbin/fw_printenv | grep bootpart | awk -F= '{ print $2 }' | tr -d '\r\n'
 sync && echo 3 >/proc/sys/vm/drop_caches
 echo 1024 >/proc/sys/vm/min_free_kbytes
 echo 1 >/proc/sys/vm/panic_on_oom

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: ISC
-// Runs the daemon's download worker once, as the daemon forks it, and prints the seconds until it
-// ended and the most memory it had resident, in KiB.
+// Runs the daemon's download worker once, as the daemon forks it, and prints the seconds until its
+// pipe was closed and the most memory it had resident, in KiB. What is timed: fork, a new file, the
+// transfer, and the closing of the file. The daemon goes on when the pipe is closed; it does not
+// wait for the worker's exit.
 //
 //	download_time URL TARGET
 //
@@ -33,6 +35,8 @@ int main(int argc, char **argv)
 		return 1;
 	}
 	uloop_init(); // the worker takes leave of the loop it was forked in
+	// The daemon's query has set the library up before a worker is forked.
+	curl_global_init(CURL_GLOBAL_DEFAULT);
 	const double started = seconds_now();
 	const pid_t child = fork();
 	if (child == 0) {
@@ -43,6 +47,7 @@ int main(int argc, char **argv)
 	fwupdate::ProgressRecord record = {};
 	while (child > 0 && read(ends[0], &record, sizeof(record)) > 0) {
 	}
+	const double took = seconds_now() - started;
 	rusage usage = {};
 	int status = 0;
 	if (child < 0 || wait4(child, &status, 0, &usage) != child || status != 0 ||
@@ -50,6 +55,6 @@ int main(int argc, char **argv)
 		std::fprintf(stderr, "download_time: the transfer of %s failed\n", argv[1]);
 		return 1;
 	}
-	std::printf("%.6f %ld\n", seconds_now() - started, usage.ru_maxrss);
+	std::printf("%.6f %ld\n", took, usage.ru_maxrss);
 	return 0;
 }

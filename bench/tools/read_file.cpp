@@ -4,6 +4,7 @@
 //
 //	read_file touch FILE   reads one byte of each page
 //	read_file crc FILE     computes the CRC-32 of everything behind the first 64 bytes
+//	read_file model FILE   the same, and then asks for the router's model as the daemon does
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -30,13 +31,25 @@ unsigned long touch(const unsigned char *bytes, std::size_t size)
 	return sum;
 }
 
+// Started as the daemon starts it, by popen.
+bool ask_for_model()
+{
+	char line[64];
+	FILE *answer = popen(
+		"ubus call system board | jsonfilter -e '@[\"product_name\"]' | tr -d '\r\n'", "r");
+	const bool delivered =
+		answer != nullptr && std::fgets(line, sizeof(line), answer) != nullptr;
+	return answer != nullptr && pclose(answer) == 0 && delivered;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
-	const bool crc = argc == 3 && std::strcmp(argv[1], "crc") == 0;
+	const bool model = argc == 3 && std::strcmp(argv[1], "model") == 0;
+	const bool crc = model || (argc == 3 && std::strcmp(argv[1], "crc") == 0);
 	if (argc != 3 || (!crc && std::strcmp(argv[1], "touch") != 0)) {
-		std::fputs("Usage: read_file touch|crc FILE\n", stderr);
+		std::fputs("Usage: read_file touch|crc|model FILE\n", stderr);
 		return 2;
 	}
 	const double started = seconds_now();
@@ -55,6 +68,10 @@ int main(int argc, char **argv)
 	const auto *bytes = static_cast<const unsigned char *>(memory);
 	const unsigned long result =
 		crc ? mz_crc32(MZ_CRC32_INIT, bytes + HEADER, size - HEADER) : touch(bytes, size);
+	if (model && !ask_for_model()) {
+		std::fputs("read_file: the router does not tell its model\n", stderr);
+		return 1;
+	}
 	munmap(memory, size);
 	close(descriptor);
 	std::printf("%.6f %lu\n", seconds_now() - started, result);
