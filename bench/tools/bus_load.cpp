@@ -2,8 +2,10 @@
 // Calls one method from several clients at once and prints what they saw, as one line of JSON:
 // calls per second of all together, and the latency of one call in microseconds.
 //
-//	bus_load OBJECT METHOD CLIENTS SECONDS
+//	bus_load OBJECT METHOD CLIENTS SECONDS ROUNDS
 //
+// Each round has clients of its own and lasts SECONDS: where the kernel puts a process decides a
+// good part of its latency, and stays as it is for as long as the process lives.
 // Each client is a process with a connection of its own that calls, waits, and calls again. A call
 // that is not answered with status 0 is counted as failed.
 #include <algorithm>
@@ -71,9 +73,36 @@ double percentile(const std::vector<std::uint32_t> &sorted, double share)
 	return sorted[place] / 1000.0;
 }
 
+// One round: all clients at once. False when one of them failed.
+bool run_clients(char **argv, int clients, double seconds, Seen *seen)
+{
+	// All have connected by then; a client that is late simply calls less often.
+	const std::int64_t begin = nanoseconds_now() + 2000000LL * clients + 20000000LL;
+	const std::int64_t end = begin + static_cast<std::int64_t>(seconds * 1e9);
+	for (int i = 0; i < clients; i++) {
+		seen[i].calls = 0;
+		seen[i].failed = 0;
+		const pid_t child = fork();
+		if (child == 0) {
+			_exit(run_client(argv[1], argv[2], begin, end, seen[i]));
+		}
+		if (child < 0) {
+			std::perror("bus_load: fork");
+			return false;
+		}
+	}
+	int status = 0;
+	for (int left = clients; left > 0; left--) {
+		int ended = 0;
+		wait(&ended);
+		status |= ended;
+	}
+	return status == 0;
+}
+
 int misuse()
 {
-	std::fputs("Usage: bus_load OBJECT METHOD CLIENTS SECONDS\n", stderr);
+	std::fputs("Usage: bus_load OBJECT METHOD CLIENTS SECONDS ROUNDS\n", stderr);
 	return 2;
 }
 
@@ -81,12 +110,13 @@ int misuse()
 
 int main(int argc, char **argv)
 {
-	if (argc != 5) {
+	if (argc != 6) {
 		return misuse();
 	}
 	const int clients = std::atoi(argv[3]);
 	const double seconds = std::atof(argv[4]);
-	if (clients < 1 || clients > MOST_CLIENTS || seconds <= 0) {
+	const int rounds = std::atoi(argv[5]);
+	if (clients < 1 || clients > MOST_CLIENTS || seconds <= 0 || rounds < 1) {
 		return misuse();
 	}
 
@@ -97,40 +127,26 @@ int main(int argc, char **argv)
 		return 1;
 	}
 	auto *seen = static_cast<Seen *>(memory);
-	// All have connected by then; a client that is late simply calls less often.
-	const std::int64_t begin = nanoseconds_now() + 2000000LL * clients + 20000000LL;
-	const std::int64_t end = begin + static_cast<std::int64_t>(seconds * 1e9);
-	for (int i = 0; i < clients; i++) {
-		const pid_t child = fork();
-		if (child == 0) {
-			_exit(run_client(argv[1], argv[2], begin, end, seen[i]));
-		}
-		if (child < 0) {
-			std::perror("bus_load: fork");
-			return 1;
-		}
-	}
-	int status = 0;
-	for (int left = clients; left > 0; left--) {
-		int ended = 0;
-		wait(&ended);
-		status |= ended;
-	}
-
 	std::vector<std::uint32_t> latencies;
 	std::uint32_t failed = 0;
-	for (int i = 0; i < clients; i++) {
-		latencies.insert(latencies.end(), seen[i].nanoseconds,
-				 seen[i].nanoseconds + seen[i].calls);
-		failed += seen[i].failed;
+	for (int round = 0; round < rounds; round++) {
+		if (!run_clients(argv, clients, seconds, seen)) {
+			return 1;
+		}
+		for (int i = 0; i < clients; i++) {
+			latencies.insert(latencies.end(), seen[i].nanoseconds,
+					 seen[i].nanoseconds + seen[i].calls);
+			failed += seen[i].failed;
+		}
 	}
-	if (status != 0 || latencies.empty()) {
+	if (latencies.empty()) {
 		return 1;
 	}
 	std::sort(latencies.begin(), latencies.end());
 	std::printf("{\"calls\": %zu, \"failed\": %u, \"per_second\": %.1f, \"p50\": %.1f, "
 		    "\"p99\": %.1f}\n",
-		    latencies.size(), failed, static_cast<double>(latencies.size()) / seconds,
+		    latencies.size(), failed,
+		    static_cast<double>(latencies.size()) / (seconds * rounds),
 		    percentile(latencies, 0.50), percentile(latencies, 0.99));
 	return 0;
 }
