@@ -75,20 +75,27 @@ def memory(pid):
 
 
 def activity(pid):
-    """CPU seconds and how often the process woke up, since it began. The kernel counts a wake-up
-    as a voluntary change of context."""
-    stat = pathlib.Path(f"/realproc/{pid}/stat").read_text().rpartition(")")[2].split()
-    ticks = int(stat[11]) + int(stat[12])
+    """CPU nanoseconds and how often the process woke up, since it began. The kernel counts a
+    wake-up as a voluntary change of context."""
+    nanoseconds = int(pathlib.Path(f"/realproc/{pid}/schedstat").read_text().split()[0])
     status = pathlib.Path(f"/realproc/{pid}/status").read_text()
     wakes = next(int(line.split()[1]) for line in status.splitlines()
                  if line.startswith("voluntary_ctxt_switches"))
-    return ticks / os.sysconf("SC_CLK_TCK"), wakes
+    return nanoseconds, wakes
 
 
 def children(pid):
     """Process ids of its children."""
     text = pathlib.Path(f"/realproc/{pid}/task/{pid}/children").read_text()
     return [int(word) for word in text.split()]
+
+
+def replace_tool(path, body):
+    """Puts a script in the place of one of the router's tools."""
+    tool = pathlib.Path(path)
+    tool.unlink()
+    tool.write_text(f"#!/bin/sh\n{body}\n")
+    tool.chmod(0o755)
 
 
 def offer(name):
