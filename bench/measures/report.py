@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: ISC
 """docs/benchmarks.md: the tables of one run, where and with what they were measured, the plots.
-What a figure means stands in docs/benchmarks-notes.md, which people write."""
+What a figure means stands in docs/benchmark-notes.md, which people write."""
 import datetime
 import pathlib
 import platform
@@ -15,15 +15,28 @@ TITLES = {
     "check": "`check`", "download": "Download", "verify": "Image check",
     "update": "A whole update", "waiting": "Waiting", "functions": "Single functions",
 }
-# file -> (title, label of x, label of y, the series drawn, logarithmic axes)
+# file -> (title, label of x, label of y, the series drawn, the logarithmic axes)
 PLOTS = {
-    "image-size": ("Throughput by image size", "MiB", "MB/s", ("download", "verify"), True),
-    "worker-memory": ("Most memory of the download worker", "MiB", "KiB", ("worker memory",),
-                      False),
-    "clients": ("Latency of state by clients, median", "clients", "us", ("clients p50",), False),
-    "manifest": ("Reading a manifest", "bytes", "ns", ("manifest_parse",), False),
-    "mtd": ("Looking up a partition", "lines of /proc/mtd", "ns", ("partition_size",), False),
-    "log": ("Log lines", "lines", "ns", ("log_lines/debug:1", "log_lines/debug:0"), False),
+    "image-size": ("Throughput by image size", "MiB", "MB/s", ("download", "verify"), "x"),
+    "worker-memory": ("Most memory of the download worker", "MiB", "KiB", ("worker memory",), ""),
+    "clients": ("Latency of state by clients, median", "clients", "us",
+                ("clients p50", "clients p50 download"), ""),
+    "manifest": ("Reading a manifest", "bytes", "ns", ("manifest_parse",), ""),
+    "mtd": ("Looking up a partition", "lines of /proc/mtd", "ns", ("partition_size",), ""),
+    "log": ("Log lines", "lines", "ns", ("log_lines/debug:1", "log_lines/debug:0"), "xy"),
+}
+# series -> (how the daemon's line is called, how the baseline's; None: its rows' own name for it,
+# "": not drawn)
+LEGENDS = {
+    "download": ("download", None),
+    "verify": ("test", None),
+    "worker memory": ("the worker", ""),
+    "clients p50": ("fwupdate, idle", "least object"),
+    "clients p50 download": ("fwupdate, during a download", "least object, during a download"),
+    "manifest_parse": ("fwupdate", None),
+    "partition_size": ("fwupdate", None),
+    "log_lines/debug:1": ("with --debug", None),
+    "log_lines/debug:0": ("without", None),
 }
 
 
@@ -49,7 +62,7 @@ def header(build, runs, load):
                 "swupdate")
     cores = subprocess.run(["nproc"], check=True, stdout=subprocess.PIPE, text=True).stdout.strip()
     return [
-        f"- Date: {datetime.date.today()}; samples of each variant: {runs}, in turn.",
+        f"- Date: {datetime.date.today()}; {runs} runs, the variants in turn.",
         f"- Machine: {cpu}, {cores} cores, Linux {platform.release()}; load average at the "
         f"start: {load:.2f}.",
         f"- libubox, libubus, miniz: {origins(build)}.",
@@ -62,21 +75,20 @@ def plot(folder, name, measured):
     title, x_label, y_label, wanted, logarithmic = PLOTS[name]
     lines = []
     for series in wanted:
-        for kind in ("ours", "baseline"):
+        for kind, legend in zip(("ours", "baseline"), LEGENDS[series]):
             points = [(row.x, statistics.median(getattr(row, kind)), row.baseline_name)
                       for rows in measured.values() for row in rows
                       if row.series == series and getattr(row, kind)]
-            if points:
-                label = series if kind == "ours" else points[0][2]
-                lines.append((label, sorted(points)))
+            if points and legend != "":
+                lines.append((legend or points[0][2], sorted(points)))
     if not lines:
         return False
     script = [f"set terminal svg size 640,400 font 'sans,12' background 'white'",
               f"set output '{folder}/bench-{name}.svg'", f"set title '{title}'",
               f"set xlabel '{x_label}'", f"set ylabel '{y_label}'", "set key below",
-              "set yrange [0:*]", "set grid"]
-    if logarithmic:
-        script.append("set logscale x 2")
+              f"set yrange [{'1' if 'y' in logarithmic else '0'}:*]", "set grid"]
+    script += [f"set logscale {axis} {base}" for axis, base in (("x", 2), ("y", 10))
+               if axis in logarithmic]
     script.append("plot " + ", ".join(f"'-' with linespoints title '{label}' noenhanced"
                                       for label, _ in lines))
     for _, points in lines:
@@ -92,8 +104,10 @@ def write(project, build, measured, runs, load):
     lines = ["# Benchmarks", "",
              "Written by `bench/run --write`; [benchmark-notes.md](benchmark-notes.md) says what "
              "the figures mean.", "",
-             "Each figure is a median, with half the distance of the quartiles in percent. A "
-             "ratio is the daemon's figure divided by the baseline's of the same run.", ""]
+             "Each figure is the median of as many samples as its row says, with half the "
+             "distance of the quartiles in percent; a size, and a minute of waiting, is one "
+             "figure. A ratio is the daemon's figure divided by the baseline's of the same run.",
+             ""]
     lines += header(build, runs, load)
     for name, rows in measured.items():
         lines += ["", f"## {TITLES[name]}", "", *table(rows)]
