@@ -69,7 +69,7 @@ def main(arguments):
     try:
         if options.words[:1] == ["rollback"]:
             return rollback(options)
-        if not options.words and options.verify:
+        if not options.words and options.verify is not None:
             return verify_only(options)
         return publish(options)
     except Refusal as refusal:
@@ -106,6 +106,19 @@ def allow_only(options, names, what):
         raise Refusal(f"--force: {what} does not take it.", "Leave it out.")
 
 
+def check_verify(url):
+    if url is not None:
+        manifests.check_manifest_url("--verify", url)
+
+
+def existing_folder(options):
+    """For what needs no image: --out and --verify are checked before anything is done."""
+    folder = Folder(options.out)
+    folder.check_place()
+    check_verify(options.verify)
+    return folder
+
+
 def publish(options):
     if len(options.words) != 1:
         raise Refusal(f"{len(options.words)} images were named.", "Name one; see --help.")
@@ -124,7 +137,9 @@ def publish(options):
             (manifests.check_build, options.build),
             (manifests.check_version, options.version),
             (manifests.check_notes, notes),
-            (manifests.check_base_url, options.url)):
+            (manifests.check_base_url, options.url),
+            (folder.check_place,),
+            (check_verify, options.verify)):
         try:
             check(*values)
         except Refusal as refusal:
@@ -162,16 +177,18 @@ def write(options, folder, manifest, image):
     say(f"Version {manifest.version}, build {manifest.build}, for the model {model}:"
         f" {pathlib.Path(image).stat().st_size} bytes, manifest {len(text)} of {manifests.ANSWER_LIMIT}.")
     if options.dry_run:
-        return show(folder, manifest)
+        return show(options, folder, manifest)
     folder.publish(manifest, image)
     say(f"Written: {folder.path / image_place(manifest.build, image)}")
     say(f"Written: {folder.path / 'update.xml'}")
     return verify_written(options, folder, model)
 
 
-def show(folder, manifest):
+def show(options, folder, manifest):
     say(f"Would be written to {folder.path / 'update.xml'}:")
-    print(manifest.text().decode(), end="")
+    say(manifest.text().decode().removesuffix("\n"))
+    if options.verify is not None:
+        say(f"{options.verify} was not asked: a dry run writes nothing that could be compared.")
     return 0
 
 
@@ -180,13 +197,13 @@ def rollback(options):
         raise Refusal("rollback takes one build number.", "See --help.")
     allow_only(options, (), "rollback")
     need(options, ("out",), "rollback")
-    folder = Folder(options.out)
+    folder = existing_folder(options)
     manifest = folder.release_to_put_back(options.words[1] if len(options.words) == 2 else None)
     manifests.check_answer(manifest)
     say(f"Version {manifest.version}, build {manifest.build}, forced: routers with any other build"
         " are offered it.")
     if options.dry_run:
-        return show(folder, manifest)
+        return show(options, folder, manifest)
     folder.put_back(manifest)
     say(f"Written: {folder.path / 'update.xml'}")
     return verify_written(options, folder, "")
@@ -197,13 +214,18 @@ def verify_only(options):
     need(options, ("out",), "--verify")
     if options.dry_run:
         raise Refusal("--dry-run: --verify alone writes nothing.", "Leave it out.")
-    verify.verify(options.verify, Folder(options.out), options.model or "", say)
+    folder = existing_folder(options)
+    model = "" if options.model is None else options.model
+    if options.model is not None and not re.fullmatch("[ -~]+", model):
+        raise Refusal(f"--model '{manifests.printable(model)}': it is no model name.",
+                      "Give the model in plain letters and digits, such as MODEL-X, or leave it out.")
+    verify.verify(options.verify, folder, model, say)
     return 0
 
 
 def verify_written(options, folder, model):
-    if options.verify:
-        verify.verify(options.verify, folder, model.upper().replace(" ", "-"), say)
+    if options.verify is not None:
+        verify.verify(options.verify, folder, model, say)
     return 0
 
 

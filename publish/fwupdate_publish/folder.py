@@ -41,7 +41,18 @@ def check_image_name(image):
 
 class Folder:
     def __init__(self, path):
+        self.name = path
         self.path = pathlib.Path(path)
+
+    def check_place(self):
+        """Refuses a place where there is no folder and none can be made."""
+        remedy = "Give the folder that the server serves, such as /srv/update/model-x."
+        if self.name == "":
+            raise Refusal("--out '': it names no folder.", remedy)
+        parts = [self.path, *self.path.parents]
+        there = next(p for p in parts if p.exists() or p.is_symlink())
+        if not there.is_dir():
+            raise Refusal(f"--out '{self.name}': '{there}' is no folder.", remedy)
 
     def current(self):
         """The Manifest that routers get now, or None."""

@@ -19,6 +19,10 @@ SIGNATURE, METADATA = 0, 1
 SIZE_LIMIT = 32 * 1024 + TRAILER.size
 
 
+class NoMetadata(Refusal):
+    """The image is whole as far as fwtool can tell, but carries no metadata."""
+
+
 def crc_without_inversion(data, crc):
     return zlib.crc32(data, crc ^ 0xFFFFFFFF) ^ 0xFFFFFFFF
 
@@ -63,7 +67,7 @@ def read_metadata(name, image):
     except ValueError as error:
         raise Refusal(f"image '{name}': {error}; it is damaged.", remedy) from None
     if data is None:
-        raise Refusal(f"image '{name}': it carries no fwtool metadata.", remedy)
+        raise NoMetadata(f"image '{name}': it carries no fwtool metadata.", remedy)
     try:
         metadata = json.loads(data.decode())
     except (UnicodeDecodeError, json.JSONDecodeError, RecursionError) as error:

@@ -60,8 +60,6 @@ def check_image(path, model=None, partition_size=None):
                 found = uimage_model(path, header)
             else:
                 found = metadata_model(path, image)
-                if header.vouched_by_fwtool():
-                    fwtool.read_metadata(path, image)
     check_model(path, found, model)
     return found
 
@@ -91,7 +89,7 @@ def check_uimage(path, image, header):
     if zlib.crc32(image[HEADER.size:HEADER.size + header.size]) != header.data_crc:
         raise Refusal(f"image '{path}': the CRC of its data is wrong.", REBUILD)
     if header.vouched_by_fwtool():
-        fwtool.read_metadata(path, image)
+        check_vouched(path, image)
     elif zlib.crc32(image[HEADER.size:]) != header.data_crc:
         raise Refusal(
             f"image '{path}': {rest - header.size} bytes follow the data that its U-Boot header"
@@ -99,6 +97,16 @@ def check_uimage(path, image, header):
             " is wrong for them.",
             "Build it with nothing behind the data; or with equal load and entry addresses, a"
             " name of at most 28 bytes and fwtool metadata: then these count instead.")
+
+
+def check_vouched(path, image):
+    try:
+        fwtool.read_metadata(path, image)
+    except fwtool.NoMetadata:
+        raise Refusal(f"image '{path}': its load and entry address are equal, so a router asks fwtool"
+                      " instead of the data checksum, and it has no metadata.",
+                      "Give mkimage -a and -e that differ, or append metadata with 'fwtool -I META.json"
+                      " IMAGE'.") from None
 
 
 def uimage_model(path, header):
@@ -123,12 +131,12 @@ def metadata_model(path, image):
         if bytes(image[:2]) == b"PK":
             raise Refusal(f"image '{path}': it is a ZIP archive, which routers download but do"
                           " not unpack.", "Publish the image in it.") from None
-        if bytes(image[:4]) != UIMAGE_MAGIC.to_bytes(4, "big") and "no fwtool" in str(refusal):
-            raise Refusal(f"image '{path}': it is neither a U-Boot image nor carries fwtool"
-                          " metadata, and routers take nothing else.",
-                          "Make it with mkimage, or append metadata with 'fwtool -I META.json"
-                          " IMAGE'.") from None
-        raise
+        if not isinstance(refusal, fwtool.NoMetadata):
+            raise
+        raise Refusal(f"image '{path}': it is neither a U-Boot image nor carries fwtool"
+                      " metadata, and routers take nothing else.",
+                      "Make it with mkimage, or append metadata with 'fwtool -I META.json"
+                      " IMAGE'.") from None
     model = one_device(path, metadata.get("supported_devices"))
     check_customid(path, model, metadata.get("version"))
     return model

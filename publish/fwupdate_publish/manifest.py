@@ -136,6 +136,24 @@ def check_base_url(url):
     """The address at which routers find the folder."""
     name = f"base URL '{printable(url)}'"
     example = "Give an address such as http://update.example.com/model-x."
+    path = check_address(name, url, example)
+    if "?" in url or "#" in url:
+        raise Refusal(f"{name}: it has a '?' or '#', and a file name cannot follow these.", example)
+    if re.search(r"[\[\]]", path) or re.search(r"//|/\.\.?(/|$)", path):
+        raise Refusal(f"{name}: its path holds '//', '/./', '/../' or a bracket.", example)
+
+
+def check_manifest_url(option, url):
+    """The address at which routers ask for the manifest, as an option gives it."""
+    name = f"{option} '{printable(url)}'"
+    example = "Give the address of the manifest, such as http://update.example.com/update.xml."
+    check_address(name, url, example)
+    if "#" in url:
+        raise Refusal(f"{name}: it has a '#', and what a router asks cannot follow it.", example)
+
+
+def check_address(name, url, example):
+    """An address that routers can use as it is. Returns its path."""
     bad = re.search(r"[^A-Za-z0-9._~:/@!$&'()*+,;=%?#\[\]-]", url)
     if bad or re.search(r"%(?![0-9A-Fa-f]{2})", url):
         character = bad.group() if bad else "%"
@@ -151,10 +169,7 @@ def check_base_url(url):
     if "[" not in parts.netloc and not re.fullmatch(r"[A-Za-z0-9._~-]+(:[0-9]+)?", parts.netloc):
         raise Refusal(f"{name}: '{parts.netloc}' is no host name with or without a port; a user"
                       " name would be readable for everybody.", example)
-    if "?" in url or "#" in url:
-        raise Refusal(f"{name}: it has a '?' or '#', and a file name cannot follow these.", example)
-    if re.search(r"[\[\]]", parts.path) or re.search(r"//|/\.\.?(/|$)", parts.path):
-        raise Refusal(f"{name}: its path holds '//', '/./', '/../' or a bracket.", example)
+    return parts.path
 
 
 def check_url(url):

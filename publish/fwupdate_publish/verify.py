@@ -84,12 +84,17 @@ class Answer:
             raise Mismatch(f"{self.url}: the answer breaks off ({error or type(error).__name__}).") from None
 
 
+def asked_model(model):
+    """A board name as it may stand in an address: a router sends it in upper case."""
+    return model.upper().replace(" ", "-")
+
+
 def verify(url, folder, model, say):
     """Raises Mismatch, or says what was compared. `folder` is a Folder."""
     current = folder.current()
     if current is None:
         raise Mismatch(f"the folder '{folder.path}' has no manifest.")
-    answer = Answer(url + QUERY.format(model=model))
+    answer = Answer(url + QUERY.format(model=asked_model(model)))
     size = answer.compare(folder.path / "update.xml")
     say(f"{url}: the manifest, {size} bytes, is as in the folder.")
     if urlsplit(url).scheme == "http" and answer.head_size() + size > ONE_SEGMENT:

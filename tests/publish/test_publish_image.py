@@ -35,7 +35,8 @@ BAD = {
     "cut": ("announces 2048 bytes of data, 2047 follow", uimage(PAYLOAD)[:-1]),
     "appended": ("3 bytes follow the data", uimage(PAYLOAD) + b"xyz"),
     "metadata on a CRC image": ("bytes follow the data", with_metadata(uimage(PAYLOAD))),
-    "no metadata": ("no fwtool metadata", uimage(PAYLOAD, **EQUAL)),
+    "no metadata": ("load and entry address are equal, so a router asks fwtool instead of the data checksum,"
+                    " and it has no metadata", uimage(PAYLOAD, **EQUAL)),
     "damaged before metadata": ("CRC of its data", FWTOOL_UIMAGE[:100] + b"!" + FWTOOL_UIMAGE[101:]),
     "wrong fwtool CRC": ("CRC of its fwtool trailer", chunk(uimage(PAYLOAD, **EQUAL), b"{}", crc=1)),
     "other model": ("made for the model 'OTHER'", uimage(PAYLOAD, name=b"OTHER")),
@@ -97,6 +98,12 @@ def test_bad_image_is_refused_here_and_on_the_router(publisher, router, name):
     assert reason in result.text
     assert not publisher.out.exists()
     assert check_code(router, content) != 0
+
+
+def test_equal_addresses_have_two_remedies(publisher):
+    result = publish(publisher, uimage(PAYLOAD, **EQUAL))
+    assert "Give mkimage -a and -e that differ, or append metadata with 'fwtool -I META.json IMAGE'" in result.text
+    assert publish(publisher, uimage(PAYLOAD)).returncode == 0
 
 
 @pytest.mark.parametrize("name", BAD_FOR_OTHER_REASONS)

@@ -180,8 +180,28 @@ def test_help_ends_with_0(publisher):
     assert result.returncode == 0 and "rollback [BUILD]" in result.text
 
 
-def test_folder_that_cannot_be_written(publisher):
-    publisher.out.write_text("a file where the folder should be")
-    result = publisher.publish()
-    assert result.returncode == 1, result.text
-    assert str(publisher.out) in result.text
+def out_is_wrong(publisher, kind):
+    """The --out value of a kind that cannot be published into."""
+    if kind in ("a file", "below a file"):
+        publisher.out.write_text("a file where the folder should be")
+        return publisher.out if kind == "a file" else publisher.out / "below"
+    if kind == "a link to nowhere":
+        publisher.out.symlink_to("gone")
+        return publisher.out
+    return ""
+
+
+@pytest.mark.parametrize("form", ["publish", "publish --dry-run", "rollback", "alone"])
+@pytest.mark.parametrize("kind, reason", [
+    ("", "names no folder"), ("a file", "is no folder"), ("below a file", "is no folder"),
+    ("a link to nowhere", "is no folder")])
+def test_out_that_is_no_folder(publisher, form, kind, reason):
+    out = out_is_wrong(publisher, kind)
+    before = publisher.files()
+    words = {"publish": publisher.words(out=None), "rollback": ["rollback"],
+             "alone": ["--verify", "http://127.0.0.1:1/update.xml"]}[form.split()[0]]
+    result = publisher.run(*words, *form.split()[1:], f"--out={out}")
+    assert result.returncode == 2, result.text
+    assert f"--out '{out}': " in result.text and reason in result.text
+    assert "Give the folder that the server serves" in result.text
+    assert publisher.files() == before

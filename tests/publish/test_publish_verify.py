@@ -5,6 +5,7 @@ import pathlib
 import threading
 
 import pytest
+from make_images import uimage
 
 
 class Server(http.server.ThreadingHTTPServer):
@@ -141,10 +142,60 @@ def test_server_that_is_not_there(publisher, server):
     assert (publisher.out / "update.xml").exists()
 
 
-@pytest.mark.parametrize("url", ["127.0.0.1/update.xml", "ftp://127.0.0.1/", "http://"])
-def test_url_that_is_none(publisher, server, url):
-    result = publisher.publish(verify=url)
-    assert result.returncode == 1 and "no http:// or https://" in result.text
+@pytest.mark.parametrize("url, reason", [
+    ("127.0.0.1/update.xml", "does not begin with http://HOST"),
+    ("ftp://127.0.0.1/", "does not begin with http://HOST"),
+    ("http://", "does not begin with http://HOST"),
+    ("", "does not begin with http://HOST"),
+    ("http://127.0.0.1:x/", "Port could not be cast"),
+    ("http://127.0.0.1/a b", "' ' needs escaping"),
+    ("http://127.0.0.1/update.xml#x", "'#'"),
+])
+def test_url_that_is_none_is_refused(publisher, url, reason):
+    before = publisher.files()
+    result = publisher.run(*publisher.words(), f"--verify={url}")
+    assert result.returncode == 2, result.text
+    assert f"--verify '{url}': " in result.text and reason in result.text
+    assert "Give the address of the manifest, such as http://update.example.com/update.xml" in result.text
+    assert publisher.files() == before
+
+
+@pytest.mark.parametrize("form", ["publish", "publish --dry-run", "rollback", "rollback --dry-run", "alone"])
+@pytest.mark.parametrize("url", ["nonsense", ""])
+def test_url_is_looked_at_before_anything_is_written(publisher, form, url):
+    for build in ("174200000", "174200001"):
+        assert publisher.publish(build=build).returncode == 0
+    before = publisher.files()
+    words = {"publish": publisher.words(build="174200002"), "rollback": ["rollback", "--out", publisher.out],
+             "alone": ["--out", publisher.out]}[form.split()[0]]
+    result = publisher.run(*words, *form.split()[1:], f"--verify={url}")
+    assert result.returncode == 2 and f"--verify '{url}'" in result.text, result.text
+    assert result.stdout == b""
+    assert publisher.files() == before
+
+
+def test_dry_run_says_that_the_server_was_not_asked(publisher, server):
+    result = publish(publisher, server, dry_run=True)
+    assert result.returncode == 0 and server.requests == []
+    assert f"{server.url}/update.xml was not asked" in result.text
+
+
+def test_model_is_asked_for_alike_with_and_without_an_image(publisher, server):
+    publisher.image.write_bytes(uimage(b"kernel", name=b"Model x"))
+    assert publish(publisher, server, model="Model X").returncode == 0
+    result = publisher.run("--verify", server.url + "/update.xml", "--out", publisher.out, "--model", "Model X")
+    assert result.returncode == 0, result.text
+    asked = [path for path, _ in server.requests if path.startswith("/update.xml")]
+    assert len(asked) == 2 and asked[0] == asked[1] and "&model=MODEL-X&" in asked[0]
+
+
+@pytest.mark.parametrize("model", ["", "Mod\u00e8le", "a\nb"])
+def test_model_that_cannot_be_asked_for_is_refused(publisher, server, model):
+    assert publish(publisher, server).returncode == 0
+    server.requests.clear()
+    result = publisher.run("--verify", server.url + "/update.xml", "--out", publisher.out, f"--model={model}")
+    assert result.returncode == 2 and "--model '" in result.text and "Give the model" in result.text, result.text
+    assert server.requests == []
 
 
 def test_folder_without_a_manifest(publisher, server):
