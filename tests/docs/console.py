@@ -7,7 +7,8 @@ A block that begins with ```console holds commands and what they printed:
     # COMMAND     on the simulated router; one router for the whole document
     ...           a line of dots stands for any lines
 
-A command that ends in a backslash goes on in the next line. A comment in the document
+A command that ends in a backslash goes on in the next line. One that fails is followed
+by `echo $?` and its status; without that every command has to end with 0. A comment in the document
 changes how its commands are run:
 
     <!-- console: in=project -->    the workstation's commands run in the project's folder;
@@ -25,6 +26,8 @@ import subprocess
 import time
 
 from simulated_router import BUILD, PROJECT as project, WAIT, Router
+
+SHOW_STATUS = "echo $?"
 
 READERS = ("cat", "grep", "tail")
 
@@ -48,6 +51,21 @@ class Command:
     router: bool
     text: str
     expected: list = dataclasses.field(default_factory=list)
+    status_follows: bool = False  # the next command is `echo $?`
+
+    def fault(self, result):
+        """What differs from the document, or None."""
+        if not matches(self.expected, result.lines):
+            return "\n".join(["it printed:", *result.lines])
+        if result.status != 0 and not self.status_follows:
+            return f"it ended with {result.status}, and no 'echo $?' shows that"
+        return None
+
+
+@dataclasses.dataclass
+class Result:
+    lines: list
+    status: int
 
 
 @dataclasses.dataclass
@@ -102,7 +120,10 @@ def read_line(document, number, line, skip, fresh):
     if last is not None and last.text.endswith("\\"):
         last.text = last.text[:-1] + line.removeprefix("> ").strip()
     elif line[:2] in ("$ ", "# "):
-        document.commands.append(Command(number, line[0] == "#", line[2:]))
+        command = Command(number, line[0] == "#", line[2:])
+        if command.text == SHOW_STATUS and last is not None and last.router == command.router:
+            last.status_follows = True
+        document.commands.append(command)
     elif last is not None:
         last.expected.append(line)
     else:
@@ -129,6 +150,7 @@ class Runner:
         self.document = document
         self.folder = project / "build/docs" / document.path.stem
         self.router = None
+        self.status = 0  # of the command before
 
     def __enter__(self):
         shutil.rmtree(self.folder, ignore_errors=True)
@@ -140,18 +162,22 @@ class Runner:
             self.router.__exit__(*error)
 
     def run(self, command):
-        """What the command printed, as lines. A log or a record may be written a moment
-        later: whoever reads one looks again until it is as expected, for a while."""
+        """Its Result. A log or a record may be written a moment later: whoever reads one
+        looks again until it is as expected, for a while."""
         end = time.monotonic() + WAIT
-        output = self._run(command)
+        result = self._run(command)
         while (command.router and command.text.split()[0] in READERS and time.monotonic() < end
-               and not matches(command.expected, output)):
-            output = self._run(command)
-        return output
+               and not matches(command.expected, result.lines)):
+            result = self._run(command)
+        self.status = result.status
+        return result
 
     def _run(self, command):
-        text = self._on_router(command.text) if command.router else self._here(command.text)
-        return re.sub(r"\x1b\[[0-9;]*[A-Za-z]", "", text.replace("\r\n", "\n")).rstrip("\n").splitlines()
+        # Each command has a shell of its own: this one is told how the last one ended.
+        text = f"(exit {self.status}); {command.text}" if command.text == SHOW_STATUS else command.text
+        output, status = self._on_router(text) if command.router else self._here(text)
+        plain = re.sub(r"\x1b\[[0-9;]*[A-Za-z]", "", output.replace("\r\n", "\n"))
+        return Result(plain.rstrip("\n").splitlines(), status)
 
     def _here(self, text):
         environment = {**os.environ, "FWUPDATE_BUILD": str(BUILD), "LC_ALL": "C.UTF-8",
@@ -159,10 +185,11 @@ class Runner:
         folder = project if self.document.in_project else self.folder
         result = subprocess.run(["bash", "-c", text], cwd=folder, env=environment, stdin=subprocess.DEVNULL,
                                 stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=9 * WAIT)
-        return result.stdout.decode()
+        return result.stdout.decode(), result.returncode
 
     def _on_router(self, text):
         if self.router is None:
             served = self.folder / self.document.serve if self.document.serve else None
             self.router = Router(*self.document.options, server_root=served).__enter__()
-        return self.router.run(text).output
+        result = self.router.run(text)
+        return result.output, result.status

@@ -55,10 +55,31 @@ def test_commands_run_where_they_belong(tmp_path):
     with console.Runner(page) as runner:
         outputs = [runner.run(command) for command in page.commands]
         assert (runner.folder / "file").read_text() == "42\n"
-    assert outputs == [["42"], ["router"]]
+    assert [o.lines for o in outputs] == [["42"], ["router"]]
+
+
+@pytest.mark.parametrize("prompt", ["$", "#"])
+def test_command_that_fails_in_silence_is_a_fault(tmp_path, prompt):
+    page = document(tmp_path, f"```console\n{prompt} false\n{prompt} true\n```\n")
+    with console.Runner(page) as runner:
+        faults = [command.fault(runner.run(command)) for command in page.commands]
+    assert faults == ["it ended with 1, and no 'echo $?' shows that", None]
+
+
+@pytest.mark.parametrize("prompt", ["$", "#"])
+@pytest.mark.parametrize("shown, faults", [("3", [None, None]), ("0", [None, "it printed:\n3"])])
+def test_status_that_is_shown_is_compared(tmp_path, prompt, shown, faults):
+    page = document(tmp_path, f"```console\n{prompt} sh -c 'exit 3'\n{prompt} echo $?\n{shown}\n```\n")
+    with console.Runner(page) as runner:
+        assert [command.fault(runner.run(command)) for command in page.commands] == faults
+
+
+def test_status_shown_on_the_other_side_does_not_count(tmp_path):
+    page = document(tmp_path, "```console\n$ false\n# echo $?\n```\n")
+    assert not page.commands[0].status_follows
 
 
 def test_colours_are_taken_out(tmp_path):
     page = document(tmp_path, "```console\n$ printf '\\033[31mred\\033[0m\\r\\n'\nred\n```\n")
     with console.Runner(page) as runner:
-        assert runner.run(page.commands[0]) == ["red"]
+        assert runner.run(page.commands[0]).lines == ["red"]
