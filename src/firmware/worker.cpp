@@ -23,8 +23,10 @@ namespace
 {
 
 constexpr std::int32_t LONGEST_CONNECT = 10; // seconds
-constexpr std::int32_t EMPTY_FILE = 18;	     // status of a transfer that stored nothing
-constexpr int SETUP_FAILED = -1;	     // exit status 255
+constexpr useconds_t LOCK_PAUSE = 20000;
+constexpr int LOCK_TRIES = 250;
+constexpr std::int32_t EMPTY_FILE = 18; // status of a transfer that stored nothing
+constexpr int SETUP_FAILED = -1;	// exit status 255
 
 bool send_record(int descriptor, ProgressRecord record)
 {
@@ -57,11 +59,18 @@ bool reader_is_gone(int progress_pipe)
 // A worker that was given up and its successor use the same path for a while. Each holds
 // this lock from its look at the path until it has changed what is there. The lock lies on
 // the folder itself and leaves no trace. Returns the descriptor whose end is the lock's end;
-// without one the worker goes on unlocked.
+// without one the worker goes on unlocked. After five seconds it does, too: a stranger that
+// may read /tmp can hold the lock for ever, and a worker that waits keeps a new daemon from
+// starting.
 int lock_folder()
 {
 	const int folder = open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-	flock(folder, LOCK_EX);
+	for (int tries = folder < 0 ? 0 : LOCK_TRIES; tries > 0; tries--) {
+		if (flock(folder, LOCK_EX | LOCK_NB) == 0) {
+			break;
+		}
+		usleep(LOCK_PAUSE);
+	}
 	return folder;
 }
 

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 
 #include "core/base/bus.h"
+#include "core/base/guards.h"
 
 using namespace fwupdate;
 using namespace router_test;
@@ -257,10 +258,14 @@ protected:
 		WorkerTest::TearDown();
 	}
 
-	// In the kernel's list a lock that is waited for is marked by an arrow.
-	static bool somebody_waits()
+	// It opens the folder to lock it, and has the test's descriptor besides.
+	static bool waits(const Worker &worker)
 	{
-		return read_file("/realproc/locks").find("-> FLOCK") != std::string::npos;
+		int folders = 0;
+		for (const auto &[number, name] : open_descriptors(worker.pid())) {
+			folders += name == "/tmp";
+		}
+		return folders == 2;
 	}
 	// A worker has a copy of the descriptor: closing it would not be enough.
 	void unlock() const
@@ -275,7 +280,7 @@ private:
 TEST_F(WorkerLock, SuccessorsFileIsNotReplacedByAWorkerThatWasGivenUp)
 {
 	Worker worker(server.url("/f"));
-	ASSERT_TRUE(eventually(somebody_waits));
+	ASSERT_TRUE(eventually([&] { return waits(worker); }));
 	EXPECT_FALSE(exists(TARGET));
 	files.write(TARGET, "the successor's");
 	worker.give_up();
@@ -292,15 +297,25 @@ TEST_F(WorkerLock, SuccessorsFileIsNotDeletedBetweenLookAndDeed)
 	Worker worker(server.url("/f"), 30);
 	ASSERT_TRUE(server.wait_for_requests(1));
 	ASSERT_TRUE(wait_until_exists(TARGET));
-	const int folder = open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-	ASSERT_EQ(flock(folder, LOCK_EX), 0);
-	server.release_all();
-	ASSERT_TRUE(eventually(somebody_waits));
-	unlink(TARGET);
-	files.write(TARGET, "the successor's");
-	close(folder);
+	{
+		const DescriptorGuard folder(open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+		ASSERT_EQ(flock(folder.get(), LOCK_EX), 0);
+		server.release_all();
+		ASSERT_TRUE(eventually([&] { return waits(worker); }));
+		unlink(TARGET);
+		files.write(TARGET, "the successor's");
+	}
 	EXPECT_EQ(worker.end(), 0);
 	EXPECT_EQ(read_file(TARGET), "the successor's");
+}
+
+// A stranger that may read /tmp holds it for ever.
+TEST_F(WorkerLock, IsNotWaitedForWithoutEnd)
+{
+	server.on("/f", answer("image"));
+	Worker worker(server.url("/f"));
+	EXPECT_EQ(worker.end(), 0);
+	EXPECT_EQ(read_file(TARGET), "image");
 }
 
 // A link that leads nowhere and a pipe stay what they are, and nobody waits for the lock.
