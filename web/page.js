@@ -65,12 +65,7 @@ const TEXTS = {
 	cancel: ["Cancel", "Abbrechen"],
 	close: ["Close", "Schließen"],
 
-	stepLoad: ["Download", "Laden"],
-	stepVerify: ["Verify", "Prüfen"],
-	stepInstall: ["Install", "Installieren"],
-	stepRestart: ["Restart", "Neustart"],
-	stepBack: ["Back", "Zurück"],
-
+	steps: ["Download, Verify, Install, Restart, Back", "Laden, Prüfen, Installieren, Neustart, Zurück"],
 	asking: ["Starting the update", "Die Aktualisierung beginnt"],
 	loading: ["Downloading", "Die Firmware wird geladen"],
 	sizeUnknown: ["The size of the firmware is not known yet.", "Die Größe der Firmware ist noch nicht bekannt."],
@@ -87,7 +82,7 @@ const TEXTS = {
 	returned: ["The router answers again", "Der Router antwortet wieder"],
 	returnedText: ["Sign in, and this page shows whether the new version runs.", "Melden Sie sich an; dann zeigt diese Seite, ob die neue Version läuft."],
 	notRestarted: ["The router did not restart", "Der Router hat nicht neu gestartet"],
-	notRestartedText: ["The installer got the firmware {minutes} minutes ago, and the old system is still there. Probably it refused the firmware; the system log may say why. Restart the router before you try again: the file takes up memory.", "Das Installationsprogramm bekam die Firmware vor {minutes} Minuten, und das alte System ist noch da. Wahrscheinlich wurde sie abgelehnt; das Systemprotokoll sagt vielleicht, warum. Vor einem neuen Versuch starten Sie den Router neu: Die Datei belegt Speicher."],
+	notRestartedText: ["The installer got the firmware {minutes} minutes ago, and the old system is still there. Probably it refused the firmware: see the system log. Restart the router before you try again: the file takes up memory.", "Das Installationsprogramm bekam die Firmware vor {minutes} Minuten, und das alte System ist noch da. Wahrscheinlich wurde sie abgelehnt: siehe Systemprotokoll. Starten Sie den Router vor einem neuen Versuch neu: Die Datei belegt Speicher."],
 	backNew: ["Done: the offered version runs", "Fertig: Die angebotene Version läuft"],
 	backNewText: ["The router has restarted. It runs version {version} (build {build}).", "Der Router hat neu gestartet. Auf ihm läuft Version {version} (Build {build})."],
 	backOld: ["The router still runs the old version", "Auf dem Router läuft noch die alte Version"],
@@ -105,6 +100,7 @@ const TEXTS = {
 	failedOther: ["It ended with the unknown code {code}.", "Sie endete mit dem unbekannten Code {code}."],
 	daemonSays: ["The router says: {message}", "Der Router sagt: {message}"],
 	notStarted: ["Not started. {why}", "Nicht gestartet. {why}"],
+	unsure: ["No clear answer has come. If the update has begun, it appears here.", "Es kam keine klare Antwort. Hat die Aktualisierung begonnen, erscheint sie hier."],
 	foreign: ["Somebody else started this update.", "Diese Aktualisierung hat jemand anders gestartet."],
 	pageOnlyWatches: ["This page only watches. Closing it stops nothing.", "Diese Seite sieht nur zu. Sie zu schließen hält nichts an."],
 
@@ -116,7 +112,6 @@ const TEXTS = {
 	bus: ["The router could not do that (error {status}). Try again, or restart it.", "Das gelang dem Router nicht (Fehler {status}). Versuchen Sie es erneut oder starten Sie ihn neu."],
 };
 
-const ANYTHING = { scope: "ubus", object: "fwupdate", function: "state" };
 const NO_SESSION = "0".repeat(32);
 const POLL_LIMIT = 15; // seconds; the daemon is silent for ten at a time
 const LONG_LIMIT = 75; // for what the gateway itself gives up after 60
@@ -125,11 +120,9 @@ const PERIOD = { job: 1000, restart: 2000, idle: 10000 }; // milliseconds betwee
 const RESTART_LIMIT = 3; // minutes that an installer may take before the router goes away
 const AWAY_LIMIT = 10; // minutes
 const PATH = /^\/[A-Za-z0-9._/-]{1,111}$/;
-const MIB = 1024 * 1024;
 
 // The daemon's stages of a job; all others are of a query.
 const JOB_STATES = ["FIRMWARE_CONNECT", "FIRMWARE_CHECK", "FIRMWARE_UPDATE"];
-const STEPS = ["stepLoad", "stepVerify", "stepInstall", "stepRestart", "stepBack"];
 const STEP_OF = { asking: 0, loading: 0, verifying: 1, installing: 2, notRestarted: 2, restarting: 3, starting: 3, returned: 4 };
 const OPEN_STAGES = ["idle", "failed", "nothing", "lost", "notRestarted", "back"]; // nothing is under way
 
@@ -144,8 +137,8 @@ function text(key, values = {}) {
 	return one.replace(/\{(\w+)\}/g, (_, name) => `\u2068${values[name]}\u2069`);
 }
 
-function number(value) {
-	return value.toLocaleString(language, { minimumFractionDigits: 1, maximumFractionDigits: 1 });
+function mib(bytes) {
+	return (bytes / 1024 / 1024).toLocaleString(language, { minimumFractionDigits: 1, maximumFractionDigits: 1 });
 }
 
 // Controls, marks that change the writing direction, and what is no character become U+FFFD.
@@ -157,7 +150,7 @@ function shown(value) {
 
 const oneLine = (value) => shown(value).replace(/\s+/g, " ").trim();
 
-const known = (value) => value || text("unknown");
+const known = (value) => oneLine(value) || text("unknown");
 
 // Rewrites only what changed: screen readers speak every change.
 function setText(id, value) {
@@ -172,7 +165,7 @@ function show(id, yes) {
 
 function setNote(id, value) {
 	setText(id, value);
-	show(id, value !== "");
+	show(id, value);
 }
 
 // --- What outlives a reload, in this tab
@@ -214,8 +207,9 @@ const page = {
 	check: null, // the last one: {data} or {fault}
 	busy: "", // the button that is at work: check, file, start
 	verdict: null, // on the restart: {key, good, offered}
-	rate: null, // see measureRate
+	rate: null, // see rateText
 	startFault: "",
+	doubt: null, // the job before a start that was not answered clearly: another one settles it
 };
 
 const isTable = (value) => typeof value === "object" && value !== null && !Array.isArray(value);
@@ -244,15 +238,18 @@ async function call(object, method, args = {}, limit = POLL_LIMIT, sid = page.se
 }
 
 function understood(reply) {
-	if (isTable(reply) && isTable(reply.error))
-		return { fault: { "-32002": "denied", "-32000": "missing", "-32003": "late" }[reply.error.code] ?? "garbled" };
-	if (!isTable(reply) || !Array.isArray(reply.result) || !Number.isInteger(reply.result[0]))
+	const { error, result } = isTable(reply) ? reply : {};
+	if (isTable(error))
+		return { fault: { "-32002": "denied", "-32000": "missing", "-32003": "late" }[Number(error.code)] ?? "garbled" };
+	const [status, data] = Array.isArray(result) ? result : [];
+	if (!Number.isInteger(status))
 		return { fault: "garbled" };
-	const [status, data] = reply.result;
 	if (status !== 0)
 		return { fault: { 4: "missing", 7: "late" }[status] ?? "bus", status };
 	return { data: isTable(data) ? data : {} };
 }
+
+const mayCall = (object, method) => call("session", "access", { scope: "ubus", object, function: method });
 
 // --- Sessions
 
@@ -262,10 +259,8 @@ async function signIn(event) {
 	const user = byId("user").value;
 	const reply = await call("session", "login", { username: user, password: byId("password").value }, POLL_LIMIT, NO_SESSION);
 	const sid = field(reply.data, "ubus_rpc_session");
-	if (!/^[0-9a-f]{32}$/.test(sid)) {
-		setNote("sign-in-fault", text(reply.status === 6 ? "wrongPassword" : reply.fault ?? "garbled", reply));
-		return;
-	}
+	if (!/^[0-9a-f]{32}$/.test(sid))
+		return setNote("sign-in-fault", text(reply.status === 6 ? "wrongPassword" : reply.fault ?? "garbled", reply));
 	byId("password").value = "";
 	Object.assign(page, { board: null, check: null, fault: "", awaySince: null, fresh: true });
 	save("session", { sid, user });
@@ -282,6 +277,7 @@ function endSession(why) {
 	page.why = why;
 	byId("user").value = page.session?.user ?? "";
 	save("session", null);
+	byId("question").close();
 	render();
 	byId("password").focus();
 }
@@ -293,7 +289,7 @@ async function poll() {
 		await pollSignedIn();
 	else if (page.watch?.installing)
 		// Anybody may ask this: is anybody there?
-		noteAnswer(await call("session", "access", ANYTHING));
+		noteAnswer(await mayCall("fwupdate", "state"));
 }
 
 function noteAnswer({ fault = "" }) {
@@ -311,20 +307,20 @@ async function pollSignedIn() {
 	page.plugin = reply.fault !== "missing";
 	const gone = !page.plugin && page.watch?.installing && !page.fresh;
 	if (gone) // for the restart, or for good: does the session still hold?
-		reply = await call("session", "access", ANYTHING);
+		reply = await mayCall("fwupdate", "state");
 	if (!page.session)
 		return; // signed out meanwhile
 	noteAnswer(reply);
-	if (reply.fault === "denied") {
-		endSession("whyEnded");
-		return;
-	}
+	if (reply.fault === "denied")
+		return endSession("whyEnded");
 	if (gone)
 		page.fault ||= "missing";
 	if (gone || (reply.fault && page.plugin))
 		return;
 	page.fault = "";
 	page.job = readJob(reply.data);
+	if (page.doubt !== null && page.doubt !== page.job.id)
+		Object.assign(page, { startFault: "", doubt: null });
 	if (!page.board && !await readBoard())
 		return;
 	judgeRestart();
@@ -349,18 +345,19 @@ function readJob(data) {
 	};
 }
 
+// Kept for the session, so nothing is taken from an answer that is none.
 async function readBoard() {
 	const board = await call("system", "board");
-	const rights = await call("session", "access", { scope: "ubus", object: "fwupdate-job", function: "start" });
-	const fault = [board.fault, rights.fault].find((one) => one && one !== "missing" && one !== "bus");
-	if (fault) {
-		page.fault = fault;
+	const rights = await mayCall("fwupdate-job", "start");
+	const release = board.data?.release;
+	const access = rights.data?.access;
+	if (!isTable(release) || typeof access !== "boolean") {
+		page.fault = board.fault ?? rights.fault ?? "garbled";
 		return false;
 	}
-	page.mayUpdate = rights.data?.access === true;
-	const release = board.data?.release;
+	page.mayUpdate = access;
 	page.board = {
-		model: oneLine(board.data?.model),
+		model: oneLine(board.data.model),
 		version: oneLine(field(release, "revision") || field(release, "version")),
 		build: oneLine(field(release, "builddate")),
 	};
@@ -397,7 +394,7 @@ function follow() {
 	const same = watch?.job === job.id;
 	if (same && watch.installing === installing)
 		return;
-	const offer = isTable(job.answer) ? { version: oneLine(job.answer.version), build: oneLine(job.answer.buildtime) } : null;
+	const offer = { version: oneLine(job.answer?.version), build: oneLine(job.answer?.buildtime) };
 	save("watch", { job: job.id, boot: job.boot, installing, before: same ? watch.before : board, offer });
 	Object.assign(page, { verdict: null, wasAway: false, fresh: false, seenSince: performance.now() });
 }
@@ -407,13 +404,13 @@ function judgeRestart() {
 	const { watch, job, board } = page;
 	if (!watch?.installing)
 		return;
-	const changed = board.version !== watch.before.version || board.build !== watch.before.build;
+	const { before, offer } = watch;
+	const changed = board.version !== before.version || board.build !== before.build;
 	const restarted = watch.boot && job.boot ? watch.boot !== job.boot : changed || (page.fresh && page.wasAway);
 	if (!restarted) {
 		page.wasAway = false;
 		return;
 	}
-	const offer = watch.offer ?? { version: "", build: "" };
 	const good = board.build ? Number(board.build) === Number(offer.build) : changed && board.version === offer.version;
 	page.verdict = { key: good ? "backNew" : changed ? "backOther" : "backOld", good, offered: known(offer.build) };
 	save("watch", null);
@@ -501,32 +498,39 @@ function submitFile(event) {
 function ask(force) {
 	const { board, check } = page;
 	setText("question-text", text("questionText", {
-		version: known(oneLine(check.data.version)), build: oneLine(check.data.buildtime),
+		version: known(check.data.version), build: oneLine(check.data.buildtime),
 		old: known(board.version), oldBuild: known(board.build),
 	}));
 	byId("yes").onclick = () => {
 		byId("question").close();
-		act("start", () => start(force));
+		if (mayAct())
+			act("start", () => start(force));
+		else // another one was seen meanwhile
+			page.startFault = text("notStarted", { why: text("elsewhere") });
+		render();
 	};
 	byId("question").showModal();
-	byId("no").focus();
 }
 
 async function start(force) {
 	page.verdict = null;
+	const before = page.job.id;
 	const reply = await call("fwupdate-job", "start", { force });
-	page.startFault = startRefusal(reply);
+	page.doubt = Number.isInteger(reply.data?.status) ? null : before;
+	page.startFault = startFault(reply);
 	page.busy = "";
 	await look();
 	focusTitle();
 }
 
-// By fwupdate-cli's exit status. A late answer says nothing: the next look finds the job.
-function startRefusal({ fault, status, data }) {
-	if (data?.status === 0 || fault === "late")
+// By fwupdate-cli's exit status. Without one the update may have begun: the next looks tell.
+function startFault({ fault, data }) {
+	if (data?.status === 0)
 		return "";
-	const why = { 3: text("noDaemon"), 4: text("elsewhere") }[data?.status] ?? oneLine(data?.message);
-	return text("notStarted", { why: why || text(fault ?? "garbled", { status }) });
+	if (page.doubt !== null && fault !== "denied" && fault !== "missing")
+		return text("unsure");
+	const key = { 3: "noDaemon", 4: "elsewhere" }[data?.status] ?? fault;
+	return text("notStarted", { why: key ? text(key) : oneLine(data.message) });
 }
 
 function closeJob() {
@@ -544,14 +548,15 @@ function closeJob() {
 function render() {
 	const now = stage();
 	const waiting = now === "restarting" || now === "starting";
+	const inside = page.session && page.board;
 	show("sign-in", !page.session && !waiting);
 	show("who", page.session);
-	show("versions", page.session && page.board);
+	show("versions", inside);
 	setText("account", shown(page.session?.user));
 	setNote("sign-in-why", page.why && now !== "returned" ? text(page.why) : "");
 	setNote("connection", page.session && page.fault && !waiting ? text(page.fault, { status: "?" }) : page.startFault);
 	renderJob(now);
-	if (page.session && page.board)
+	if (inside)
 		renderVersions();
 }
 
@@ -564,7 +569,7 @@ function renderJob(now) {
 	const good = now === "back" && page.verdict.good;
 	const open = OPEN_STAGES.includes(now);
 	byId("job-title").className = good ? "good" : open && now !== "nothing" ? "bad" : "";
-	renderSteps(good ? STEPS.length : STEP_OF[now]);
+	renderSteps(good ? Infinity : STEP_OF[now]);
 	renderBar(now);
 	setText("job-text", jobText(now));
 	setNote("job-detail", now === "failed" ? daemonWords() : "");
@@ -587,9 +592,7 @@ function renderBar(now) {
 	show("bar", now === "loading" || now === "verifying");
 	if (total > 0 && got >= 0) {
 		bar.value = got / total * 100;
-		measureRate(got);
-		const rate = page.rate.perSecond ? text("rate", { rate: number(page.rate.perSecond / MIB) }) : "";
-		setText("figures", text("figures", { percent: Math.floor(bar.value), now: number(got / MIB), total: number(total / MIB) }) + rate);
+		setText("figures", text("figures", { percent: Math.floor(bar.value), now: mib(got), total: mib(total) }) + rateText(got));
 		return;
 	}
 	if (now === "verifying")
@@ -601,12 +604,13 @@ function renderBar(now) {
 }
 
 // Since this page first saw this download: one move of the counter says little.
-function measureRate(got) {
+function rateText(got) {
 	const time = performance.now();
 	if (!page.rate || got < page.rate.got)
 		page.rate = { start: got, since: time };
 	page.rate.got = got;
-	page.rate.perSecond = (got - page.rate.start) / (time - page.rate.since) * 1000;
+	const perSecond = (got - page.rate.start) / (time - page.rate.since) * 1000;
+	return perSecond ? text("rate", { rate: mib(perSecond) }) : "";
 }
 
 function jobText(now) {
@@ -646,7 +650,7 @@ function renderVersions() {
 	const due = field(reply, "need_update") === "1";
 	for (const name of ["version", "build", "model"])
 		setText(`here-${name}`, known(board[name]));
-	setText("offer-version", reply ? known(oneLine(reply.version)) : "–");
+	setText("offer-version", reply ? known(reply.version) : "–");
 	setText("offer-build", reply ? oneLine(reply.buildtime) : "–");
 	setText("verdict", verdictText(reply, due));
 	renderNotes(reply);
@@ -714,13 +718,9 @@ function begin() {
 	document.title = text("title");
 	for (const element of document.querySelectorAll("[data-text]"))
 		element.textContent = text(element.dataset.text);
-	if (window.top !== window.self) {
-		setNote("connection", text("inFrame"));
-		return;
-	}
-	byId("steps").append(...STEPS.map((key) => Object.assign(document.createElement("li"), { textContent: text(key) })));
-	for (const title of document.querySelectorAll("h2"))
-		title.tabIndex = -1;
+	if (window.top !== window.self)
+		return setNote("connection", text("inFrame"));
+	byId("steps").append(...text("steps").split(", ").map((textContent) => Object.assign(document.createElement("li"), { textContent })));
 	byId("sign-in-form").onsubmit = signIn;
 	byId("file-form").onsubmit = submitFile;
 	byId("sign-out").onclick = () => call("session", "destroy").then(() => endSession(""));

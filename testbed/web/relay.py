@@ -20,6 +20,7 @@ class Relay(http.server.ThreadingHTTPServer):
         super().__init__(("127.0.0.1", port), Handler)
         self.path = f"{folder}/http"
         self.fault = lambda name, method, browser: False
+        self.replaced = lambda method: None  # or bytes: the router does the call, the browser gets these
         self.missed = 0  # requests that found no router
 
     @property
@@ -38,8 +39,10 @@ class Handler(http.server.BaseHTTPRequestHandler):
     def handle_one(self):
         body = self.rfile.read(int(self.headers.get("Content-Length", 0)))
         self.close_connection = True
-        if self.server.fault(*called(body), self.connection):
+        name, method = called(body)
+        if self.server.fault(name, method, self.connection):
             return
+        replaced = self.server.replaced(method)
         with socket.socket(socket.AF_UNIX) as router:
             try:
                 router.connect(self.server.path)
@@ -50,7 +53,10 @@ class Handler(http.server.BaseHTTPRequestHandler):
             head = f"{self.command} {self.path} HTTP/1.1\r\nConnection: close\r\n{self.headers}"
             router.sendall(head.replace("\r\n", "\n").replace("\n", "\r\n").encode("latin-1") + body)
             while piece := router.recv(65536):
-                self.wfile.write(piece)
+                if replaced is None:
+                    self.wfile.write(piece)
+        if replaced is not None:
+            self.wfile.write(replaced)
 
     do_GET = do_HEAD = do_POST = handle_one
 

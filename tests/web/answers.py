@@ -2,6 +2,8 @@
 """What may come in place of the gateway's answer. Each returns a fault for Relay.fault."""
 import threading
 
+from simulated_router import WAIT
+
 
 def http(body, announced=None):
     length = len(body) if announced is None else announced
@@ -34,11 +36,14 @@ class Held:
         self.method = method
         self.came = threading.Event()
         self.freed = threading.Event()
+        self.others = []  # calls of other methods since then
 
     def __call__(self, _, called, browser):
         if called == self.method:
             self.came.set()
-            self.freed.wait(60)
+            self.freed.wait(WAIT)
+        else:
+            self.others.append(called)
         return False
 
     def release(self):

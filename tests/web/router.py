@@ -115,8 +115,22 @@ class Router:
     def release(self):
         self.machine.release()
 
+    def verify_slowly(self):
+        """What is offered is bad, and found so only when the function that is returned is called."""
+        checked = self.shared / "checked"
+        # What is no U-Boot image is left to fwtool: it takes its time.
+        (self.served / "firmware.bin").write_bytes(b"no U-Boot image" * 100)
+        self.run(f"printf '#!/bin/sh\\nuntil [ -e {checked} ]; do sleep 0.05; done; exit 1' "
+                 ">/usr/bin/fwtool; chmod 755 /usr/bin/fwtool")
+        return checked.touch
+
     def lose_the_daemon(self):
-        self.run('p=$(pidof fwupdate) && [ "$p" ] && kill -9 $p')
+        """The daemon's worker, or a command that it is about to run, has its name too and may just
+        have ended. A process that lives and cannot be ended fails the test."""
+        self.run("""pids=$(pidof fwupdate) || exit 1
+            for pid in $pids; do
+                [ "$pid" -gt 1 ] && { kill -9 "$pid" 2>/dev/null || [ ! -e "/proc/$pid" ]; } || exit 1
+            done""")
         self.wait_for("! ubus list fwupdate >/dev/null 2>&1")
 
     def bring_the_daemon_back(self):

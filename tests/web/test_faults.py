@@ -3,7 +3,7 @@
 import pytest
 
 import answers
-from browser import wait_until
+from browser import WAIT, wait_until
 
 
 def test_no_daemon(router, page):
@@ -39,9 +39,9 @@ def test_update_server_that_is_down(router, page):
 def test_gateway_that_is_down(router, page):
     """The router went away for another reason than an update."""
     page.open_and_sign_in()
-    page.script("document.dispatchEvent(new Event('visibilitychange'))")
+    page.look_now()
     router.power_off()
-    page.script("document.dispatchEvent(new Event('visibilitychange'))")
+    page.look_now()
     page.await_text("connection", "The router does not answer. This page keeps trying.")
     page.picture("no-answer")
     router.power_on()
@@ -71,6 +71,7 @@ def test_check_that_takes_longer_than_the_gateway_waits(make_router, make_page):
     router = make_router("--web-limit", "5")
     page = make_page(router)
     page.open_and_sign_in()
+    page.check_until("This router is up to date.")
     router.machine.stop_daemon()
     page.click("check")
     page.await_text("verdict", "The router did not answer in time.")
@@ -90,12 +91,13 @@ BROKEN = {
     "a text for a status": answers.http(b'{"result":["0",{}]}'),
     "an unknown error": answers.error(-1),
     "an error without a code": answers.http(b'{"error":{}}'),
+    "a text for an error's code": answers.http(b'{"error":{"code":"toString"}}'),
     "a list for the data": answers.result(b"[1]"),
     "no fields": answers.result(b"{}"),
     "null for the data": answers.result(b"null"),
     "fields of the wrong type": answers.result(
         b'{"version":{"a":1},"buildtime":[],"releasenotes":7,"need_update":true,"error_code":0,'
-        b'"update":"x","boot":5,"now":"y","state":[],"progress":3,"release":9,"access":"yes","model":{}}'),
+        b'"update":"x","boot":5,"now":"y","status":"toString","state":[],"progress":3,"release":9,"access":"yes","model":{}}'),
     "an HTTP error": b"HTTP/1.1 502 Bad Gateway\r\nContent-Length: 2\r\n\r\n{}",
     "a redirection": b"HTTP/1.1 302 Found\r\nLocation: http://127.0.0.1:9/\r\nContent-Length: 0\r\n\r\n",
     "a bus status": answers.http(b'{"jsonrpc":"2.0","id":1,"result":[9]}'),
@@ -111,25 +113,59 @@ def test_check_whose_answer_is_none(router, page):
         wait_until(lambda: page.find("check").is_enabled(), f"{what}: the check has ended")
         assert page.text("verdict") and "newer" not in page.text("verdict"), what
         assert not page.visible("update"), what
+        if what == "no JSON":
+            assert page.text("verdict") == "This page does not understand the router's answer."
+            page.picture("not-understood")
     assert page.text("verdict") == "The router could not do that (error 9). Try again, or restart it."
-    page.picture("not-understood")
     router.relay.fault = lambda *_: False
     page.click("check")
     page.await_text("verdict", "A newer version is available.")
 
 
 def test_start_whose_answer_is_none(router, page):
-    """Nothing has started: the router never saw the call."""
+    """Nothing has started, the router never saw the call; but the page cannot know that."""
     router.offer()
     page.open_and_sign_in()
     for what, raw in BROKEN.items():
         router.relay.fault = answers.instead_of("start", raw)
         page.start_update()
-        wait_until(lambda: page.text("connection").startswith("Not started. "), f"{what} is said")
+        wait_until(lambda: page.text("connection") == "No clear answer has come. If the update has begun, it appears here.",
+                   lambda: f"{what}: {page.text('connection')}")
         wait_until(lambda: page.find("update").is_enabled(), f"{what}: it can be tried again")
     router.relay.fault = lambda *_: False
     page.start_update()
     page.await_stage("Installing")
+
+
+def test_update_whose_start_was_not_answered_is_shown_alone(router, page):
+    """The router has started it; only the answer to the start was lost or broken on its way."""
+    router.make_image("MODEL-Y")
+    router.offer_slowly()
+    page.open_and_sign_in()
+    for what, raw in BROKEN.items():
+        router.machine.hold_again()
+        router.relay.replaced = lambda method, raw=raw: raw if method == "start" else None
+        page.start_update()
+        page.await_stage("Downloading")
+        wait_until(lambda: not page.visible("connection"), lambda: f"{what}: {page.text('connection')}")
+        router.release()
+        page.await_stage("The update failed")
+        assert not page.visible("connection"), what
+        page.click("close-job")
+        page.await_hidden("job")
+
+
+def test_refused_start_stays_refused(router, page):
+    """Another update that appears later does not take back that this one was refused."""
+    router.offer_slowly()
+    page.open_and_sign_in()
+    refusal = answers.result(b'{"status":4,"message":""}')
+    router.relay.fault = answers.instead_of("start", refusal)
+    page.start_update()
+    page.await_text("connection", "Not started. An update is running already.")
+    router.run("fwupdate-cli update --yes --detach")
+    page.await_stage("Downloading")
+    assert page.text("connection") == "Not started. An update is running already."
 
 
 @pytest.mark.parametrize("method", ["status", "state", "board", "access"])
@@ -137,14 +173,17 @@ def test_look_whose_answer_is_none(router, page, method):
     """The page says so or shows what it can, and goes on as soon as answers are answers again."""
     router.offer()
     page.open_and_sign_in()
-    for what in ("nothing", "no JSON", "cut", "an array", "no fields", "fields of the wrong type", "a bus status"):
+    for what in ("nothing", "no JSON", "cut", "an array", "null for the data", "a list for the data", "no fields",
+                 "fields of the wrong type", "a bus status"):
         router.relay.fault = answers.instead_of(method, BROKEN[what])
         page.open()
         wait_until(lambda: page.visible("connection") or page.text("verdict"), f"{what} is dealt with")
         assert not page.visible("job"), what
-    router.relay.fault = lambda *_: False
-    page.open()
-    page.await_text("verdict", "A newer version is available.")
+        if method in ("board", "access"):  # what is asked once for all is never taken from such an answer
+            assert page.visible("connection") and not page.visible("versions"), what
+        router.relay.fault = lambda *_: False
+        page.await_text("verdict", "A newer version is available.")
+        assert page.text("here-version") == "r1234" and page.visible("update"), what
 
 
 def test_late_answer_keeps_one_look_at_a_time(router, page):
@@ -158,11 +197,11 @@ def test_late_answer_keeps_one_look_at_a_time(router, page):
         return held(name, method, browser)
 
     router.relay.fault = fault
-    page.script("document.dispatchEvent(new Event('visibilitychange'))")
-    assert held.came.wait(20)
-    page.script("document.dispatchEvent(new Event('visibilitychange'))")
-    page.script("document.dispatchEvent(new Event('visibilitychange'))")
+    page.look_now()
+    assert held.came.wait(WAIT)
+    page.look_now()
+    page.look_now()
     held.release()
-    wait_until(lambda: "state" in asked, "the look goes on")
-    # A look that went on from before may have come to the state as well, but asks no status.
+    # A look that went on from before may come to the state as well, but asks no status.
+    wait_until(lambda: "status" in asked and "state" in asked[asked.index("status"):], "the look goes on")
     assert asked[:asked.index("state", asked.index("status"))].count("status") == 1

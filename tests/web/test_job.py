@@ -2,7 +2,8 @@
 """The update belongs to the router: pages, tabs and sessions come and go."""
 import json
 
-from browser import wait_until
+import answers
+from browser import WAIT, wait_until
 
 
 def downloading(router, page):
@@ -36,21 +37,45 @@ def test_second_tab_sees_the_same_update(router, page):
 
 
 def test_second_start_is_told_that_one_runs(router, page):
+    """The page has not seen the other one yet: it is the router that refuses."""
     router.offer_slowly()
     page.open_and_sign_in()
     page.click("update")
+    held = answers.Held("status")
+    router.relay.fault = held
+    page.look_now()
+    assert held.came.wait(WAIT)
     router.run("fwupdate-cli update --yes --detach")
+    assert not page.visible("job")
     page.click("yes")
+    wait_until(lambda: "start" in held.others, "the router is asked")
+    held.release()
     page.await_text("connection", "Not started. An update is running already.")
     page.await_stage("Downloading")
     page.picture("busy")
+
+
+def test_question_that_came_too_late_is_told_so(router, page):
+    """The page has seen the other one while its question was open: it asks the router for nothing."""
+    router.offer_slowly()
+    page.open_and_sign_in()
+    page.click("update")
+    asked = []
+    router.relay.fault = lambda name, method, browser: asked.append(method)
+    router.run("fwupdate-cli update --yes --detach")
+    page.look_now()
+    page.await_stage("Downloading")
+    page.click("yes")
+    page.await_hidden("question")
+    page.await_text("connection", "Not started. An update is running already.")
+    assert "start" not in asked
 
 
 def test_update_started_at_the_prompt_is_seen(router, page):
     router.offer_slowly()
     page.open_and_sign_in()
     router.run("fwupdate-cli update --yes --detach")
-    page.script("window.dispatchEvent(new Event('focus')); document.dispatchEvent(new Event('visibilitychange'))")
+    page.look_now()
     page.await_stage("Downloading")
     assert not page.visible("job-hint")
 
@@ -111,8 +136,12 @@ def test_answer_outlives_the_gateways_limit(make_router, make_page):
     """An update takes longer than the gateway waits for any call."""
     router = make_router("--web-limit", "5")
     page = make_page(router)
-    downloading(router, page)
-    router.run("sleep 6")
+    router.offer_slowly()
+    page.open_and_sign_in()
+    page.check_until("A newer version")
+    page.start_update()
+    page.await_stage("Downloading")
+    router.wait_for("[ $(($(date +%s) - $(fwupdate-cli result --json | jsonfilter -e @.started))) -gt 6 ]")
     page.await_stage("Downloading")
     router.release()
     page.await_stage("Installing")

@@ -58,6 +58,22 @@ def test_ended_session_asks_again(router, page):
     page.await_visible("versions")
 
 
+def test_question_ends_with_the_session(router, page):
+    """Nothing stands between the owner and the sign-in form."""
+    router.offer()
+    page.open_and_sign_in()
+    page.click("update")
+    page.await_visible("question")
+    router.end_session(page.session()["sid"])
+    page.look_now()
+    page.await_visible("sign-in")
+    assert not page.visible("question")
+    assert page.script("return document.activeElement.id") == "password"
+    page.sign_in()
+    page.await_visible("versions")
+    assert not page.visible("question")
+
+
 def test_signing_out_ends_the_session(router, page):
     page.open_and_sign_in()
     sid = page.session()["sid"]
