@@ -16,6 +16,8 @@ changes how its commands are run:
     <!-- console: serve=DIR -->     the router's update server serves DIR of that folder
     <!-- console: router=OPTION --> one more option for testbed/router
     <!-- console: not run: WHY -->  the next block is not run; test_documents.py lists these
+
+All other code is none that could be run: see code_blocks.py.
 """
 import dataclasses
 import os
@@ -115,7 +117,7 @@ def read_line(document, number, line, skip, fresh):
     last = document.commands[-1] if document.commands and not fresh else None
     if skip is not None:
         if line[:2] in ("$ ", "# "):
-            document.not_run.append((line[2:], skip))
+            document.not_run.append((re.split(r"\s+# ", line[2:])[0], skip))
         return False
     if last is not None and last.text.endswith("\\"):
         last.text = last.text[:-1] + line.removeprefix("> ").strip()

@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: ISC
 """The checker of the documents itself: a document that is wrong must not pass."""
+import code_blocks
 import console
 import pytest
 
@@ -83,3 +84,34 @@ def test_colours_are_taken_out(tmp_path):
     page = document(tmp_path, "```console\n$ printf '\\033[31mred\\033[0m\\r\\n'\nred\n```\n")
     with console.Runner(page) as runner:
         assert runner.run(page.commands[0]).lines == ["red"]
+
+
+@pytest.mark.parametrize("text, line, reason", [
+    ("Run\n\n    ls\n", 3, "an indented block"),
+    ("```sh\nls\n```\n", 1, "a block of 'sh'"),
+    ("```\nls\n```\n", 1, "a block of ''"),
+    ("```text\n/srv/update\ntestbed/router\n```\n", 3, "a command in a block of 'text'"),
+    ("```text\n$ ls\n```\n", 2, "a command in a block of 'text'"),
+    ("```uci\nuci set x.y=1\n```\n", 2, "a command in a block of 'uci'"),
+    ("- item\n\ntext\n\n    ls\n", 5, "an indented block"),
+])
+def test_command_outside_of_a_console_block_is_found(text, line, reason):
+    (number, found), = code_blocks.faults(text)
+    assert number == line and found.startswith(reason)
+
+
+@pytest.mark.parametrize("text", [
+    "```console\n$ ls\n```\n",
+    "```cpp\n#include <x>\n\n    int x;\n```\n",
+    "```uci\nconfig login\n\toption username 'viewer'\n```\n",
+    "- item\n    that goes on\n\n    and on\n",
+    "1. item\n\n    and on\n",
+    "a line\n    that goes on\n",
+])
+def test_other_code_is_left_alone(text):
+    assert list(code_blocks.faults(text)) == []
+
+
+def test_comment_behind_a_command_that_is_not_run_is_left_out(tmp_path):
+    page = document(tmp_path, "<!-- console: not run: why -->\n```console\n$ ./x --y    # a comment\n```\n")
+    assert page.not_run == [("./x --y", "why")]

@@ -6,16 +6,42 @@ import html
 import re
 import subprocess
 
+import code_blocks
 import console
 import pytest
 
-DOCUMENTS = sorted([*console.project.glob("*.md"), *console.project.glob("docs/*.md"), *console.project.glob("*/README.md")])
+DOCUMENTS = sorted([*console.project.glob("*.md"), *console.project.glob("*/*.md")])
 WITH_COMMANDS = [d for d in DOCUMENTS if "```console" in d.read_text()]
 
-# What cannot be run by a test, and why. A document's "not run" must stand here.
+# What no test of the documents runs, and why. Every "not run" stands here, and no more.
 NOT_RUN = {
-    "./test.sh": "is what runs this test",
-    "cmake --preset release && cmake --build --preset release": "has run before any test can",
+    "it runs this test, or has run before any test can": [
+        "./test.sh", "cmake --preset release && cmake --build --preset release"],
+    "it is a test run of its own, or takes many minutes": [
+        "./test.sh --vm", "./test.sh --mutants 40 --seed 7", "tests/mutate --count 10 --files 'src/verify/*' --jobs 2",
+        "bench/run --write", "bench/router-curl", "bench/soak", "bench/soak 300", "bench/load",
+        "fuzz/run mtd", "fuzz/run mtd 3600", "fuzz/run --all 60"],
+    "it installs packages that the tests do without": [
+        "./setup.sh --bench", "./setup.sh --fuzz", "./setup.sh --vm"],
+    "it boots a whole machine": [
+        "./demo.sh --vm", "./demo.sh --vm --fail", "testbed/vm", "testbed/vm -- ubus call fwupdate check",
+        "testbed/vm --flash FILE"],
+    "it waits for its user": [
+        "testbed/router", "./demo.sh --web", "pid=$(pidof fwupdate); ln -s /realproc/$pid /proc/",
+        "LD_LIBRARY_PATH=/host/usr/lib/x86_64-linux-gnu /host/usr/bin/gdb -p $pid"],
+    "the simulated router runs the daemon without the service": [
+        "uci set fwupdate.daemon.debug=1; uci commit fwupdate; /etc/init.d/fwupdate reload", "logread -e fwupdate"],
+    "it changes this machine's web server; tests/publish runs the same files with one of its own": [
+        "cp publish/server/update-server.conf /etc/nginx/conf.d/", "cp publish/server/rollout.conf /etc/nginx/",
+        "cp -r publish/server/nothing /srv/update/", "nginx -t && nginx -s reload"],
+    "it needs an account at an object store": [
+        "rclone copy /srv/update/model-x/stable store:updates/model-x/stable --include '/releases/**'",
+        "rclone copyto /srv/update/model-x/stable/update.xml store:updates/model-x/stable/update.xml",
+        "fwupdate-publish --verify https://updates.example.com/model-x/stable/update.xml \\"],
+    "it needs the router system's build tree": [
+        'echo "src-link fwupdate /path/to/the/clone/package" >>feeds.conf',
+        "./scripts/feeds update fwupdate && ./scripts/feeds install -p fwupdate -a", "make menuconfig",
+        "make package/fwupdate/compile"],
 }
 
 
@@ -32,10 +58,14 @@ def test_commands_print_what_the_document_says(path):
             assert fault is None, f"{name(path)}:{command.line}: {command.text}\n{fault}"
 
 
-@pytest.mark.parametrize("path", WITH_COMMANDS, ids=name)
-def test_commands_that_are_not_run_are_few_and_known(path):
-    for command, _ in console.read(path).not_run:
-        assert command in NOT_RUN
+@pytest.mark.parametrize("path", DOCUMENTS, ids=name)
+def test_commands_stand_nowhere_but_in_console_blocks(path):
+    assert list(code_blocks.faults(path.read_text())) == []
+
+
+def test_commands_that_are_not_run_are_known():
+    not_run = {command for path in WITH_COMMANDS for command, _ in console.read(path).not_run}
+    assert not_run == {command for commands in NOT_RUN.values() for command in commands}
 
 
 def test_readme_has_commands_and_less_than_120_lines():
