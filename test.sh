@@ -257,7 +257,7 @@ test_part() {
 	rm -rf "build/$part/reports"
 	FWUPDATE_BUILD=build/release /usr/bin/python3 -B -m pytest -q -rs -p no:cacheprovider "${@:2}" \
 		-k "${filter:-test}" --junitxml="build/$part/reports/$part.xml" "tests/$part" || status=$?
-	count_results "build/$part" "$status"
+	count_results "build/$part" "$((status != 0))"
 	return "$status"
 }
 

@@ -6,7 +6,7 @@
 jobs=/tmp/fwupdate-cli
 longest_call=2147483 # seconds; the most that the ubus command can count
 a_moment=10	     # seconds, for a slow router
-kept="arguments started object pid call answer.part error reason gone end.part"
+kept="arguments started object image pid call answer.part error reason gone end.part"
 look_every=5	     # seconds between two looks whether the daemon is still the same
 
 # Somebody else's folder, or a link to one, is not trusted with anything.
@@ -90,12 +90,18 @@ take_room() {
 	done
 }
 
+# The number of the firmware image's file: a download makes a new file.
+image_file() {
+	ls -i /tmp/fwupdate.bin 2>/dev/null
+}
+
 # Makes the folder of a job, with room for all that will be kept. The number of a process
 # comes last: from then on the job runs.
 make_job() {
 	job=$1
 	mkdir "$job" 2>/dev/null || return
-	if take_room 2>/dev/null && keep arguments "$2" && keep started "$(date +%s)" && keep pid $$; then
+	if take_room 2>/dev/null && keep arguments "$2" && keep started "$(date +%s)" &&
+		keep image "$(image_file)" && keep pid $$; then
 		return
 	fi
 	rm -rf "$job"
@@ -129,6 +135,11 @@ start_job() {
 	keep pid $!
 }
 
+is_older() {
+	# shellcheck disable=SC3013 # BusyBox has -ot
+	[ "$(image_file)" = "$(stored image)" ] && [ /tmp/fwupdate.bin -ot "$job/started" ]
+}
+
 # Makes the call and writes down what came of it.
 keep_job() {
 	ubus -S -t $longest_call call fwupdate update "$(stored arguments)" \
@@ -151,19 +162,18 @@ keep_job() {
 	keep end.part "$end $(date +%s)" && mv "$job/end.part" "$job/end"
 }
 
-# An answer of 0 is also given when there was nothing to do; the image it left tells. One
-# of an earlier update is at least two seconds older than this one's start. An answer of 1
-# names no reason; a daemon that logs has it in its state.
+# An answer of 0 is also given when there was nothing to do; the image it left tells: another
+# file than before, or one that is younger than the start. A clock that was set back meanwhile
+# makes it look older, and a file's number may come again: both together hardly happen. An
+# image of an earlier update is at least two seconds older than this one's start. An answer of
+# 1 names no reason; a daemon that logs has it in its state.
 keep_answer() {
 	reply=$(stored answer.part)
 	case $(raw_field @.error_code) in
 	'') end="lost daemon"
 		return ;;
 	0) end="answered nothing"
-		# shellcheck disable=SC3013 # BusyBox has -ot
-		if [ -e /tmp/fwupdate.bin ] && ! [ /tmp/fwupdate.bin -ot "$job/started" ]; then
-			end="answered installing"
-		fi ;;
+		[ ! -e /tmp/fwupdate.bin ] || is_older || end="answered installing" ;;
 	1) end="answered failed"
 		call state '{}' $look_every && keep reason "$(field @.message)" ;;
 	6) end="answered busy" ;;

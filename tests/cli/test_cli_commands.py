@@ -102,6 +102,13 @@ def test_test_hands_the_partition_on(router):
     assert f'call fwupdate test {{"file":"{path}","partition":"firmware2"}}' in calls
 
 
+def test_without_a_list_of_partitions_the_daemon_may_try(router):
+    router.must("cp /proc/mtd /tmp/mtd && rm /proc/mtd")
+    result = router.run(f"fwupdate-cli test {router.folder}/good.bin --partition firmware3")
+    router.must("mv /tmp/mtd /proc/mtd")
+    assert result.status != 2 and "--partition takes" not in result.output
+
+
 def test_status_tells_what_the_daemon_does(router):
     router.run("ubus call fwupdate check")
     result = router.run("fwupdate-cli status", 80)
@@ -143,6 +150,8 @@ def test_version_and_help(router):
     ("update --yes --partition '$(reboot)'", "letters, digits"),
     ("update --yes --partition -x", "no - in front"),
     ("update --yes --partition " + "p" * 32, "at most 31 characters"),
+    ("update --yes --partition firmware3", "one of u-boot u-boot-env firmware kernel rootfs firmware2; not 'firmware3'"),
+    ("test /bin/busybox --partition firm", "not 'firm'"),
     ("test", "takes the image's file name"),
     ("test /nowhere/at-all", "no file '/nowhere/at-all'"),
     ("test /tmp", "no file '/tmp'"),

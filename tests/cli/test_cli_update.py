@@ -4,7 +4,7 @@ import re
 
 import pytest
 
-from kept_answer import await_installer
+from kept_answer import await_download, await_installer
 from simulated_router import Router, make_server, wait_until
 
 OFFER = "Version 2.1.0 (build 174117600) is available; this router runs build 171000000."
@@ -139,6 +139,9 @@ def test_with_nothing_newer_there_is_nothing_to_do(tmp_path):
         assert "nothing to do" in router.run("fwupdate-cli watch").output
         assert router.run("fwupdate-cli result --json").json()["result"] == "nothing"
         assert router.run("test -e /tmp/fwupdate.bin").status == 1
+        router.run("echo old >/tmp/fwupdate.bin; touch -t 202001010000 /tmp/fwupdate.bin")
+        router.run("fwupdate-cli update --yes --detach")
+        assert "nothing to do" in router.run("fwupdate-cli watch").output
         result = router.run("fwupdate-cli update --yes --force")
         assert result.status == 0 and "was downloaded and is good" in result.output
         assert was_installed(router)
@@ -167,6 +170,16 @@ def test_detach_comes_back_at_once_and_keeps_the_answer(router):
     assert (job["job"], job["result"]) == ("answered", "installing")
     assert job["answer"]["error_code"] == "0" and job["ended"] >= job["started"]
     assert GOOD in router.run("fwupdate-cli result", 80).output
+
+
+def test_a_clock_that_is_set_back_does_not_hide_the_new_image(router):
+    router.run("echo old >/tmp/fwupdate.bin")
+    router.run("fwupdate-cli update --detach --yes")
+    await_download(router)
+    router.must("touch -t 203001010000 /tmp/fwupdate-cli/job.*/started")
+    router.release()
+    watched = router.run("fwupdate-cli watch")
+    assert watched.status == 0 and GOOD in watched.output
 
 
 def test_options_reach_the_daemon(fast_router):
