@@ -153,6 +153,7 @@ def test_version_and_help(router):
     ("update --yes --partition firmware3", "one of u-boot u-boot-env firmware kernel rootfs firmware2; not 'firmware3'"),
     ("test /bin/busybox --partition firm", "not 'firm'"),
     ("test", "takes the image's file name"),
+    ("test ''", "takes the image's file name"),
     ("test /nowhere/at-all", "no file '/nowhere/at-all'"),
     ("test /tmp", "no file '/tmp'"),
     ("test '/tmp/a b'", "letters, digits"),
