@@ -28,7 +28,7 @@ def start(runs):
         "bare": sample("least", router.TOOLS / "least_object"),
     }
     small = router.ROUTER_CURL
-    if small.exists():
+    if router.has_router_curl():
         variants["ours, small"] = sample("fwupdate", small / "fwupdate")
         variants["least, small"] = sample("least", small / "least_object", "--pidof")
     got = interleave(runs, variants)
@@ -39,7 +39,7 @@ def start(runs):
         Row("start of the least object: pidof's share", "ms", got["least"], got["bare"],
             "without pidof"),
     ]
-    if small.exists():
+    if router.has_router_curl():
         rows += [
             Row("start, router's libcurl", "ms", got["ours, small"], got["least"],
                 "least object and one pidof", "<= 1.1"),

@@ -138,7 +138,7 @@ def memory(runs):
         "peers": lambda: peers(into),
     }
     small = router.ROUTER_CURL
-    if small.exists():
+    if router.has_router_curl():
         suffix = ", router's libcurl"
         variants["least_object" + suffix] = lambda: stand_by(
             "least_object" + suffix, small / "least_object", into)

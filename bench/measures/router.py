@@ -9,7 +9,7 @@ import time
 
 BUILD = pathlib.Path(os.environ["BENCH_BUILD"])
 TOOLS = BUILD / "bench"
-ROUTER_CURL = BUILD.parent / "router-curl"  # when bench/router-curl has made it
+ROUTER_CURL = BUILD.parent / "router-curl"  # what bench/router-curl makes
 DAEMON = "/usr/sbin/fwupdate"
 SERVER_ROOT = pathlib.Path("/srv/update")
 LONGEST = 120  # seconds that anything here may take
@@ -63,6 +63,11 @@ def daemon(*arguments, program=DAEMON):
 def least_object(name="least_object"):
     """The baseline of everything on the bus."""
     return service(TOOLS / name, wait_for="least")
+
+
+def has_router_curl():
+    """Whether bench/router-curl has made its programs."""
+    return (ROUTER_CURL / "fwupdate").exists() and (ROUTER_CURL / "least_object").exists()
 
 
 def memory(pid):
