@@ -89,8 +89,9 @@ def plot(folder, name, measured):
               f"set yrange [{'1' if 'y' in logarithmic else '0'}:*]", "set grid"]
     script += [f"set logscale {axis} {base}" for axis, base in (("x", 2), ("y", 10))
                if axis in logarithmic]
+    quoted = [label.replace("'", "''") for label, _ in lines]
     script.append("plot " + ", ".join(f"'-' with linespoints title '{label}' noenhanced"
-                                      for label, _ in lines))
+                                      for label in quoted))
     for _, points in lines:
         script += [f"{x} {y}" for x, y, _ in points] + ["e"]
     subprocess.run(["gnuplot"], input="\n".join(script) + "\n", text=True, check=True)
