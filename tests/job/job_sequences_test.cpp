@@ -291,6 +291,15 @@ private:
 			}));
 	}
 
+	// -1 between the attempts; 0, unused, before the first job.
+	bool descriptor_is_right() const
+	{
+		if (model_.phase == Phase::downloading) {
+			return job_.watch.fd >= 0;
+		}
+		return job_.watch.fd == (model_.starts == 0 ? 0 : -1);
+	}
+
 	bool timer_is_right() const
 	{
 		const int expected = model_.timer();
@@ -321,9 +330,7 @@ private:
 		expect(job_.active == (model_.phase != Phase::idle), "active");
 		expect(job_.install == (model_.phase == Phase::delay), "install");
 		expect(job_.watch.registered == downloading, "watch");
-		expect((job_.watch.fd >= 0 && job_.watch.registered) == downloading ||
-			       job_.watch.fd == -1,
-		       "descriptor");
+		expect(descriptor_is_right(), "descriptor");
 		expect(open_pipes() == (downloading ? 1u : 0u), "open pipes");
 		expect(timer_is_right(), "timer");
 		if (live) {
