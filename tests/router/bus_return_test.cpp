@@ -137,16 +137,23 @@ protected:
 	}
 
 	// The bus goes while a job waits for its second attempt, whose download will hang until the
-	// server lets it go.
+	// server lets it go. Both that attempt and a new connection wait for the clock to go on.
 	PendingCall lose_bus_before_a_retry()
 	{
 		offer(answer(good_image()).hold());
 		break_starts(1, 1);
-		start_daemon();
+		start_without_time();
 		PendingCall pending = daemon().start_update({int32_field("attempts", 3)});
-		EXPECT_TRUE(files.wait_for_tool_calls(df_tool, 1));
-		lose_bus();
+		EXPECT_TRUE(syslog.wait_for("Error on reading tmpfs"));
+		lose_bus_to_a_sleeper();
 		return pending;
+	}
+
+	// Returns when the daemon knows.
+	void lose_bus_to_a_sleeper()
+	{
+		lose_bus();
+		EXPECT_TRUE(eventually([&] { return daemon_sleeps(); }));
 	}
 
 	// A job whose download hangs until the server lets it go.
@@ -166,19 +173,14 @@ protected:
 		manifest.url = server.url(firmware);
 		held_server_.on(manifest_path, answer(to_xml(manifest)).hold());
 		files.set_manifest_url(held_server_.url(manifest_path));
-		const PendingCall check("fwupdate", "check");
+		PendingCall check("fwupdate", "check");
 		ASSERT_TRUE(held_server_.wait_for_requests(1));
 		bus->pause_broker();
 		held_server_.release_all();
 		ASSERT_TRUE(held_server_.wait_for_closed(1));
 		ASSERT_TRUE(eventually([&] { return daemon_sleeps(); }));
 		lose_bus();
-	}
-
-	// The connection was closed, and nothing came before that.
-	static void expect_no_answer(PendingCall &pending)
-	{
-		EXPECT_EQ(pending.wait(milliseconds(0)).messages, 0);
+		expect_no_answer(check);
 	}
 
 private:
@@ -207,6 +209,26 @@ TEST_F(BusReturn, ComesBackHoweverOften)
 	}
 	bus->stop_routerd();
 	bus->start_routerd();
+}
+
+// Whenever the bus comes back, the daemon is there two seconds later: neither its first attempt nor
+// the one after an attempt that failed takes longer.
+TEST_F(BusReturn, TriesAgainWithinTwoSeconds)
+{
+	constexpr std::chrono::seconds promised(2);
+	start_without_time();
+	lose_bus_to_a_sleeper();
+	{
+		const FakeBroker broker;
+		for (int attempt = 0; attempt < 3; attempt++) {
+			clock.advance(promised);
+			ASSERT_TRUE(broker.hang_up());
+			ASSERT_TRUE(eventually([&] { return daemon_sleeps(); }));
+		}
+	}
+	restore_bus();
+	clock.advance(promised);
+	expect_back();
 }
 
 TEST_F(BusReturn, LossInsideAHandlersEventEndsNothing)
@@ -247,6 +269,7 @@ TEST_F(BusReturn, DownloadGoesOn)
 TEST_F(BusReturn, WaitForARetryGoesOn)
 {
 	const PendingCall pending = lose_bus_before_a_retry();
+	clock.go_on();
 	ASSERT_TRUE(server.wait_for_requests(firmware, 1));
 	restore_bus();
 	EXPECT_TRUE(wait_for_object("fwupdate"));
@@ -257,10 +280,11 @@ TEST_F(BusReturn, WaitForARetryGoesOn)
 TEST_F(BusReturn, DelayGoesOn)
 {
 	offer(answer(good_image()));
-	start_daemon();
+	start_without_time();
 	const PendingCall pending = daemon().start_update({int32_field("delay", 2)});
 	ASSERT_TRUE(daemon().wait_for_state("WAIT_DELAY"));
 	lose_bus();
+	clock.go_on();
 	restore_bus();
 	expect_back();
 	expect_installed();
@@ -272,6 +296,7 @@ TEST_F(BusReturn, JobThatFailsMeanwhileLeavesNothing)
 	lose_bus();
 	::kill(worker_of_download(1), SIGKILL);
 	expect_not_installed();
+	expect_no_answer(pending);
 	restore_bus();
 	EXPECT_TRUE(wait_for_object("fwupdate"));
 	EXPECT_EQ(daemon().state_name(), "NONE");
@@ -319,6 +344,7 @@ TEST_F(BusReturn, BrokerThatHangsUpDoesNotHarmADownload)
 	const PendingCall pending = lose_bus_before_a_retry();
 	{
 		const FakeBroker broker;
+		clock.go_on(); // half a second for the bus, a whole one for the job
 		ASSERT_TRUE(broker.hang_up());
 		ASSERT_TRUE(server.wait_for_requests(firmware, 1));
 		ASSERT_TRUE(broker.hang_up());

@@ -348,10 +348,12 @@ TEST_F(BadTmp, LinkToNowhereIsAFailedDownload)
 TEST_F(BadTmp, FolderInTheWayIsAFailedDownload)
 {
 	record_not_opened("/tmp/fwupdate.bin is a folder with something in it.", "the folder");
-	files.write(std::string(image_path) + "/in-the-way", "x");
+	const std::string content = std::string(image_path) + "/in-the-way";
+	files.write(content, "x");
 	offer(answer(good_image()));
 	start_daemon();
 	expect_not_opened(daemon().update());
+	EXPECT_TRUE(exists(content));
 	may_leave_image = true;
 }
 

@@ -6,7 +6,6 @@
 #include <sys/syscall.h>
 
 #include "router/update_fixture.h"
-#include "support/fake_clock.h"
 #include "support/fault_row.h"
 #include "support/refusals.h"
 
@@ -24,11 +23,12 @@ protected:
 	// The daemon starts under a filter and is refused nothing yet. What it runs is filtered
 	// too: a signal that finds BusyBox's shell waiting for our word fails its fork, so the
 	// shell is one that holds signals off meanwhile.
-	void start_under(const std::vector<int> &calls)
+	void start_under(const std::vector<int> &calls,
+			 const std::vector<std::string> &settings = {})
 	{
 		files.write("/bin/sh",
 			    "#!/host/usr/bin/bash\nexec /host/usr/bin/bash --posix \"$@\"\n", 0755);
-		refusals_.emplace(calls, [this] { start_daemon(); });
+		refusals_.emplace(calls, [&] { start_daemon({"--debug"}, settings); });
 	}
 
 	// After a `check`, an update makes no call but those of its own start.
@@ -94,6 +94,7 @@ TEST_F(RefusedDaemon, WithoutAProcessForTheWorkerIsAFailedStart)
 							    "Error, couldn't get CURL pipe"}));
 	EXPECT_EQ(daemon().state_name(), "FIRMWARE_CONNECT");
 	allow();
+	expect_outcome(daemon().update(), {.code = 6, .text = already_updating});
 }
 
 TEST_F(RefusedDaemon, WorkerIsStartedWhenThereIsAProcessAgain)
@@ -124,6 +125,7 @@ TEST_F(RefusedDaemon, WithoutAPipeForTheWorkerIsAFailedStart)
 	EXPECT_EQ(syslog.texts(), (std::vector<std::string>{"Error, couldn't open pipe!",
 							    "Error, couldn't get CURL pipe"}));
 	allow();
+	expect_outcome(daemon().update(), {.code = 6, .text = already_updating});
 }
 
 TEST_F(RefusedDaemon, WithoutProcessesRefusesTheImage)
@@ -146,11 +148,13 @@ TEST_F(RefusedDaemon, WithoutAProcessForTheInstallerInstallsNothing)
 	record({.fault = "No process to be had for the installer.",
 		.caller = "`update`: code 0, nothing logged",
 		.left = "the image, not installed"});
+	clock.stop();
 	offer(answer(good_image()));
-	start_under(processes);
+	start_under(processes, FakeClock::settings());
 	PendingCall pending = daemon().start_update({int32_field("delay", 1)});
 	ASSERT_TRUE(daemon().wait_for_state("WAIT_DELAY"));
 	refuse(EAGAIN);
+	clock.go_on();
 	expect_outcome(pending.wait(), {});
 	// An answer says that the callback before it is over.
 	EXPECT_EQ(daemon().state_name(), "WAIT_DELAY");
@@ -316,8 +320,6 @@ protected:
 	{
 		start_daemon({"--debug"}, FakeClock::settings());
 	}
-
-	FakeClock clock_;
 };
 
 TEST_P(ClockThatIsSet, ChangesNothingAboutTheDownload)
@@ -329,7 +331,7 @@ TEST_P(ClockThatIsSet, ChangesNothingAboutTheDownload)
 	start();
 	PendingCall pending = daemon().start_update();
 	ASSERT_TRUE(daemon().wait_for_progress(0));
-	clock_.set_wall_clock(GetParam().seconds);
+	clock.set_wall_clock(GetParam().seconds);
 	server.release();
 	EXPECT_TRUE(daemon().wait_for_progress(1000));
 	server.release_all();
@@ -346,7 +348,7 @@ TEST_P(ClockThatIsSet, ChangesNothingAboutTheQuery)
 	start();
 	PendingCall pending("fwupdate", "check");
 	ASSERT_TRUE(server.wait_for_requests(manifest_path, 1));
-	clock_.set_wall_clock(GetParam().seconds);
+	clock.set_wall_clock(GetParam().seconds);
 	server.release_all();
 	EXPECT_EQ(text_of(pending.wait().fields, "error_code"), "0");
 }
@@ -357,11 +359,15 @@ TEST_P(ClockThatIsSet, ChangesNothingAboutTheDelay)
 		.caller = "`update`: code 0, when the delay is over",
 		.left = "the installed image"});
 	offer(answer(good_image()));
+	clock.stop();
 	start();
 	PendingCall pending = daemon().start_update({int32_field("delay", 1)});
 	ASSERT_TRUE(daemon().wait_for_state("WAIT_DELAY"));
-	clock_.set_wall_clock(GetParam().seconds);
+	clock.set_wall_clock(GetParam().seconds);
+	// An answer says that the daemon has looked at its clock.
+	EXPECT_EQ(daemon().state_name(), "WAIT_DELAY");
 	EXPECT_FALSE(pending.finished());
+	clock.go_on();
 	expect_outcome(pending.wait(), {});
 	expect_installed();
 }

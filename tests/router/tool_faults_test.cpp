@@ -166,6 +166,11 @@ protected:
 		return row.code == 0 && row.tool != "sysupgrade";
 	}
 
+	static bool is_stuck(const ToolFault &row)
+	{
+		return row.code == 2;
+	}
+
 	static void record_row(const ToolFault &row)
 	{
 		std::string caller = "`update`: code " + std::to_string(row.code);
@@ -176,7 +181,7 @@ protected:
 		if (row.code == 0) {
 			left = is_handed_over(row) ? "the installed image"
 						   : "the image, not installed";
-		} else if (row.code == 2) {
+		} else if (is_stuck(row)) {
 			left = "a daemon that answers further updates with code 6 until it is "
 			       "restarted";
 		}
@@ -233,6 +238,9 @@ TEST_P(ToolFaults, DoNoMoreHarmThanThis)
 			daemon().process().output();
 			return !files.tool_calls(installer).empty();
 		}));
+	}
+	if (is_stuck(row)) {
+		EXPECT_EQ(code_of(update_and_read_along()), 6);
 	}
 	// A bad image goes when the answer has gone.
 	EXPECT_TRUE(row.code == 0 ? exists(image_path) : wait_until_gone(image_path));

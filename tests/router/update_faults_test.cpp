@@ -19,11 +19,17 @@ protected:
 	{
 		const std::string image = good_image(20000);
 		offer(answer(image).cut_at({10000}).hold());
-		start_daemon();
+		start_daemon({"--debug"}, FakeClock::settings());
 		PendingCall pending = daemon().start_update(arguments);
 		server.release();
 		EXPECT_TRUE(server.wait_for_pieces(firmware, 1));
 		return pending;
+	}
+
+	// Longer than `seven_tenths` and `under_two`; a worker reports once a second.
+	void let_time_pass()
+	{
+		clock.advance(std::chrono::seconds(2));
 	}
 
 	// The fixture counts descriptors at the end: a daemon that looks for a bus has one less.
@@ -79,9 +85,11 @@ TEST_F(UpdateFaults, KilledWorkerIsReplacedWhileAttemptsAreLeft)
 
 TEST_F(UpdateFaults, StoppedWorkerIsGivenUpAndEndsByItself)
 {
+	clock.stop();
 	PendingCall pending = start_hanging_job({int32_field("timeout", seven_tenths)});
 	const pid_t worker = worker_of_download(1);
 	::kill(worker, SIGSTOP);
+	let_time_pass();
 	expect_outcome(pending.wait(),
 		       {.code = 2, .text = "Unable to download firmware: timeout\n"});
 	EXPECT_TRUE(is_alive(worker));
@@ -99,10 +107,12 @@ TEST_F(UpdateFaults, StoppedWorkerIsGivenUpAndEndsByItself)
 TEST_F(UpdateFaults, WorkerThatWasGivenUpDeletesItsArchive)
 {
 	offer(answer("archive").cut_at({3}).hold(), {.archive = "1", .file_name = "image.bin"});
-	start_daemon();
+	start_without_time();
 	PendingCall pending = daemon().start_update({int32_field("timeout", seven_tenths)});
 	ASSERT_TRUE(server.wait_for_requests(firmware, 1));
+	let_time_pass();
 	EXPECT_EQ(code_of(pending.wait()), 2);
+	let_time_pass(); // its next report finds no reader
 	EXPECT_TRUE(daemon().wait_for_workers(0));
 	EXPECT_FALSE(exists(archive_path));
 }
@@ -112,11 +122,13 @@ TEST_F(UpdateFaults, WorkerThatWasGivenUpDeletesItsArchive)
 TEST_F(UpdateFaults, WorkerThatWasGivenUpKeepsItsHandsOffTheSuccessorsImage)
 {
 	const std::string image = good_image(5000);
+	clock.stop();
 	PendingCall pending =
 		start_hanging_job({int32_field("timeout", under_two), int32_field("attempts", 2)});
 	const pid_t worker = worker_of_download(1);
 	::kill(worker, SIGSTOP);
 	server.on(firmware, answer(image));
+	let_time_pass();
 	expect_outcome(pending.wait(), {});
 	expect_installed();
 	server.release_all();
@@ -129,12 +141,13 @@ TEST_F(UpdateFaults, WorkerThatWasGivenUpKeepsItsHandsOffTheSuccessorsImage)
 TEST_F(UpdateFaults, WorkerThatWasGivenUpKeepsItsHandsOffTheSuccessorsArchive)
 {
 	offer(answer("old archive").cut_at({3}).hold(), {.archive = "1", .file_name = "image.bin"});
-	start_daemon();
+	start_without_time();
 	PendingCall pending = daemon().start_update(
 		{int32_field("timeout", under_two), int32_field("attempts", 2)});
 	const pid_t worker = worker_of_download(1);
 	::kill(worker, SIGSTOP);
 	server.on(firmware, answer("the new archive"));
+	let_time_pass();
 	expect_outcome(pending.wait(), {.code = 3, .text = "Can't open image [-2]"});
 	::kill(worker, SIGCONT);
 	EXPECT_TRUE(daemon().wait_for_workers(0));
@@ -231,6 +244,7 @@ TEST_F(UpdateFaults, ImageIsRefusedWhenTheBusHasGone)
 	EXPECT_TRUE(wait_until_gone(image_path));
 	EXPECT_EQ(files.tool_calls(installer), Calls{});
 	EXPECT_TRUE(daemon().running());
+	expect_no_answer(pending);
 	restore_broker();
 }
 

@@ -4,11 +4,13 @@
 // answer, an installation and a failed start look like.
 #pragma once
 
+#include <csignal>
 #include <cstdint>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "support/fake_clock.h"
 #include "support/fixture.h"
 
 namespace router_test
@@ -54,6 +56,12 @@ inline void expect_outcome(const Reply &reply, const Outcome &outcome)
 					string_field("error_message", outcome.text)}));
 }
 
+// Nothing has come by now, nor will it when the connection is gone.
+inline void expect_no_answer(PendingCall &call)
+{
+	EXPECT_EQ(call.wait(milliseconds(0)).messages, 0);
+}
+
 inline int code_of(const Reply &reply)
 {
 	const std::string code = text_of(reply.fields, "error_code");
@@ -82,6 +90,13 @@ protected:
 		RouterTest::TearDown();
 	}
 
+	// For this daemon, time passes only when the test says so.
+	Daemon &start_without_time()
+	{
+		clock.stop();
+		return start_daemon({"--debug"}, FakeClock::settings());
+	}
+
 	Manifest nothing_newer() const
 	{
 		return {.buildtime = router_builddate()};
@@ -99,6 +114,22 @@ protected:
 		arguments.insert(arguments.end(), more.begin(), more.end());
 		return daemon().update(arguments);
 	}
+
+	void stop_daemon()
+	{
+		const pid_t pid = daemon().pid();
+		daemon().process().signal(SIGSTOP);
+		EXPECT_TRUE(eventually([&] {
+			for (const ProcessEntry &entry : all_processes()) {
+				if (entry.pid == pid) {
+					return entry.state == 'T';
+				}
+			}
+			return false;
+		}));
+	}
+
+	FakeClock clock;
 
 	std::size_t downloads() const
 	{

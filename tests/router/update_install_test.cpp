@@ -159,10 +159,14 @@ TEST_F(UpdateInstall, RecordsThePartitionBeforeTheDelay)
 TEST_F(UpdateInstall, AnswersAfterTheDelay)
 {
 	offer(answer(good_image()));
-	start_daemon();
+	start_without_time();
 	PendingCall pending = daemon().start_update({int32_field("delay", 1)});
 	ASSERT_TRUE(daemon().wait_for_state("WAIT_DELAY"));
+	clock.advance(milliseconds(999));
+	// An answer says that the daemon has looked at its clock.
+	EXPECT_EQ(daemon().state_name(), "WAIT_DELAY");
 	EXPECT_FALSE(pending.finished());
+	clock.advance(milliseconds(1));
 	expect_outcome(pending.wait(), {});
 	expect_installed();
 }
@@ -170,13 +174,15 @@ TEST_F(UpdateInstall, AnswersAfterTheDelay)
 TEST_F(UpdateInstall, DelayIsNotStoppedByCheckAndTest)
 {
 	offer(answer(good_image()));
-	start_daemon();
+	start_without_time();
 	PendingCall pending = daemon().start_update({int32_field("delay", 1)});
 	ASSERT_TRUE(daemon().wait_for_state("WAIT_DELAY"));
 	daemon().check();
 	EXPECT_EQ(daemon().state_name(), "XML_DONE");
 	daemon().test();
 	EXPECT_EQ(daemon().state_name(), "NONE");
+	EXPECT_FALSE(pending.finished());
+	clock.go_on();
 	expect_outcome(pending.wait(), {});
 	EXPECT_EQ(daemon().state_name(), "NONE");
 	expect_installed();

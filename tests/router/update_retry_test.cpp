@@ -15,6 +15,26 @@ constexpr const char *timed_out = "Unable to download firmware: timeout\n";
 
 class UpdateRetry : public UpdateTest
 {
+protected:
+	// Of 704 milliseconds each.
+	PendingCall start_two_attempts(const Fields &more = {})
+	{
+		Fields arguments = {int32_field("attempts", 2),
+				    int32_field("timeout", seven_tenths)};
+		arguments.insert(arguments.end(), more.begin(), more.end());
+		return daemon().start_update(arguments);
+	}
+
+	// The call is answered when so much time has passed, and not a millisecond before.
+	void expect_end_after(PendingCall &call, milliseconds time)
+	{
+		clock.advance(time - milliseconds(1));
+		// An answer says that the daemon has looked at its clock.
+		EXPECT_EQ(daemon().state().status, 0);
+		EXPECT_FALSE(call.finished());
+		clock.advance(milliseconds(1));
+		EXPECT_EQ(call.wait().messages, 1);
+	}
 };
 
 TEST_F(UpdateRetry, DownloadsAgainUntilItSucceeds)
@@ -85,10 +105,10 @@ TEST_F(UpdateRetry, InstallsAtOnceForADelayThatIsNotPositive)
 TEST_F(UpdateRetry, DelayWrapsAroundAt32Bits)
 {
 	offer(answer(good_image()));
-	start_daemon();
+	start_without_time();
 	PendingCall pending = daemon().start_update({int32_field("delay", seven_tenths)});
 	ASSERT_TRUE(daemon().wait_for_state("WAIT_DELAY"));
-	EXPECT_FALSE(pending.finished());
+	expect_end_after(pending, milliseconds(704));
 	expect_outcome(pending.wait(), {});
 	expect_installed();
 }
@@ -125,12 +145,13 @@ TEST_F(UpdateRetry, TimeoutIsAnsweredWithTheFixedTextWithoutDebug)
 TEST_F(UpdateRetry, TimeoutEndsADownloadThatIsUnderWay)
 {
 	offer(answer(good_image()).cut_at({100}).hold());
-	start_daemon();
+	start_without_time();
 	PendingCall pending = daemon().start_update({int32_field("timeout", seven_tenths)});
 	server.release();
 	ASSERT_TRUE(server.wait_for_pieces(firmware, 1));
-	EXPECT_FALSE(pending.finished());
+	expect_end_after(pending, milliseconds(704));
 	expect_outcome(pending.wait(), {.code = 2, .text = timed_out});
+	clock.advance(std::chrono::seconds(1)); // the worker reports once a second
 	EXPECT_TRUE(daemon().wait_for_workers(0));
 	expect_not_installed();
 }
@@ -138,10 +159,10 @@ TEST_F(UpdateRetry, TimeoutEndsADownloadThatIsUnderWay)
 TEST_F(UpdateRetry, TimeoutWrapsAroundAt32Bits)
 {
 	offer(silence());
-	start_daemon();
+	start_without_time();
 	PendingCall pending = daemon().start_update({int32_field("timeout", seven_tenths)});
 	ASSERT_TRUE(server.wait_for_requests(firmware, 1));
-	EXPECT_FALSE(pending.finished());
+	expect_end_after(pending, milliseconds(704));
 	expect_outcome(pending.wait(), {.code = 2, .text = timed_out});
 	EXPECT_TRUE(daemon().wait_for_workers(0));
 }
@@ -158,9 +179,11 @@ TEST_F(UpdateRetry, TimeoutIsLoggedOnlyForTheFirstAttempt)
 TEST_F(UpdateRetry, TimeoutAfterAnotherFailureIsNotLogged)
 {
 	offer_one_after_another({answer(404, ""), silence()});
-	start_daemon();
-	expect_outcome(update(2, {int32_field("timeout", seven_tenths)}),
-		       {.code = 2, .text = download_failed});
+	start_without_time();
+	PendingCall pending = start_two_attempts();
+	ASSERT_TRUE(server.wait_for_requests(firmware, 2));
+	expect_end_after(pending, milliseconds(704));
+	expect_outcome(pending.wait(), {.code = 2, .text = download_failed});
 	EXPECT_EQ(downloads(), 2u);
 	EXPECT_EQ(syslog.count("Unable to download firmware: timeout"), 0u);
 	EXPECT_TRUE(daemon().wait_for_workers(0));
@@ -169,9 +192,11 @@ TEST_F(UpdateRetry, TimeoutAfterAnotherFailureIsNotLogged)
 TEST_F(UpdateRetry, TimeoutAfterABadImageMakesItADownloadFailure)
 {
 	offer_one_after_another({answer("no firmware"), silence()});
-	start_daemon();
-	expect_outcome(update(2, {int32_field("timeout", seven_tenths)}),
-		       {.code = 2, .text = "Bad Magic Number [-5]"});
+	start_without_time();
+	PendingCall pending = start_two_attempts();
+	ASSERT_TRUE(server.wait_for_requests(firmware, 2));
+	expect_end_after(pending, milliseconds(704));
+	expect_outcome(pending.wait(), {.code = 2, .text = "Bad Magic Number [-5]"});
 	EXPECT_EQ(syslog.count("Unable to download firmware: timeout"), 0u);
 	EXPECT_TRUE(daemon().wait_for_workers(0));
 }
@@ -179,9 +204,11 @@ TEST_F(UpdateRetry, TimeoutAfterABadImageMakesItADownloadFailure)
 TEST_F(UpdateRetry, SucceedsAfterATimeout)
 {
 	offer_one_after_another({silence(), answer(good_image())});
-	start_daemon();
-	expect_outcome(update(2, {int32_field("timeout", seven_tenths), int32_field("delay", 600)}),
-		       {});
+	start_without_time();
+	PendingCall pending = start_two_attempts({int32_field("delay", 600)});
+	ASSERT_TRUE(server.wait_for_requests(firmware, 1));
+	expect_end_after(pending, milliseconds(704));
+	expect_outcome(pending.wait(), {});
 	EXPECT_EQ(syslog.count("Unable to download firmware: timeout"), 1u);
 	expect_installed();
 	EXPECT_TRUE(daemon().wait_for_workers(0));

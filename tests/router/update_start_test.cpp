@@ -79,6 +79,7 @@ TEST_F(UpdateStart, FreeSpaceThatCannotBeMeasuredIsAFailedStart)
 		offer();
 		start_daemon();
 		expect_outcome(daemon().update(), {.code = 2, .text = "Error on reading tmpfs\n"});
+		expect_outcome(daemon().update(), {.code = 6, .text = already_updating});
 	}
 	files.remove(df_tool);
 	start_daemon();

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: ISC
 #include "support/fake_clock.h"
 
+#include <ctime>
 #include <fcntl.h>
 #include <stdexcept>
 #include <sys/mman.h>
@@ -50,6 +51,25 @@ std::vector<std::string> FakeClock::settings()
 void FakeClock::set_wall_clock(std::int64_t seconds_ahead)
 {
 	control_->wall_offset = seconds_ahead;
+}
+
+void FakeClock::stop()
+{
+	timespec now = {};
+	clock_gettime(CLOCK_MONOTONIC, &now);
+	const auto true_time =
+		std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+	control_->stopped_at = std::chrono::nanoseconds(true_time).count() * control_->speed;
+}
+
+void FakeClock::advance(std::chrono::milliseconds time)
+{
+	control_->stopped_at += std::chrono::nanoseconds(time).count();
+}
+
+void FakeClock::go_on()
+{
+	control_->stopped_at = 0;
 }
 
 } // namespace router_test

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: ISC
-// A fault as docs/reliability.md tells it. A test that makes it records the row, with words made
-// of the very values that it compares with; tests/check_reliability holds the document to them.
+// A fault as docs/reliability.md tells it. A test that makes it records the row, next to what
+// it compares and, where it can, with words made of the same values; tests/check_reliability holds
+// the document to them.
 #pragma once
 
 #include <gtest/gtest.h>

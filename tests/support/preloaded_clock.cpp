@@ -63,7 +63,11 @@ int clock_gettime(clockid_t clock, timespec *time) noexcept
 	if (tells_time_of_day(clock)) {
 		time->tv_sec += static_cast<time_t>(changes->wall_offset);
 	}
-	if (tells_time_since_start(clock)) {
+	const std::int64_t stopped_at = changes->stopped_at;
+	if (tells_time_since_start(clock) && stopped_at != 0) {
+		time->tv_sec = static_cast<time_t>(stopped_at / nanoseconds);
+		time->tv_nsec = static_cast<long>(stopped_at % nanoseconds);
+	} else if (tells_time_since_start(clock)) {
 		const std::int64_t total = time->tv_nsec * changes->speed;
 		time->tv_sec =
 			static_cast<time_t>(time->tv_sec * changes->speed + total / nanoseconds);
