@@ -283,6 +283,11 @@ check_documents() {
 		tests/check_reliability docs/reliability.md build/release
 }
 
+check_arch_size() {
+	grep -q "^$arch " bench/size-budget || return 0
+	step "size: $arch" bench/size --check "$arch"
+}
+
 mkdir -p build
 parts=()
 case $mode in web | vm) parts=("--$mode") ;; arch*) parts=(--arch) ;; esac
@@ -325,9 +330,11 @@ vm)
 	;;
 arch)
 	step "libraries: $arch" prepare_arch && test_arch
+	check_arch_size
 	;;
 arch-quick)
 	step "libraries: $arch" prepare_arch && step "test: $arch" test_arch_quickly
+	check_arch_size
 	;;
 coverage)
 	build_and_test coverage
