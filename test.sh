@@ -5,6 +5,7 @@
 # shellcheck disable=SC2317 # steps are called by their names
 set -uo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")" || exit 1
+export PYTHONDONTWRITEBYTECODE=1 # nothing is left in the tree
 
 usage() {
 	cat <<'TEXT'
