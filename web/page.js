@@ -119,7 +119,7 @@ const SILENCE = 2000; // milliseconds
 const PERIOD = { job: 1000, restart: 2000, idle: 10000 }; // milliseconds between two looks
 const RESTART_LIMIT = 3; // minutes that an installer may take before the router goes away
 const AWAY_LIMIT = 10; // minutes
-const PATH = /^\/[A-Za-z0-9._/-]{1,111}$/;
+const PATH = /^\/[\w./-]{1,111}$/;
 
 // The daemon's stages of a job; all others are of a query.
 const JOB_STATES = ["FIRMWARE_CONNECT", "FIRMWARE_CHECK", "FIRMWARE_UPDATE"];
@@ -293,19 +293,16 @@ async function poll() {
 }
 
 function noteAnswer({ fault = "" }) {
+	const away = fault === "away" || fault === "late";
 	page.fault = fault;
-	if (fault !== "away" && fault !== "late") {
-		page.awaySince = null;
-		return;
-	}
-	page.awaySince ??= performance.now();
-	page.wasAway ||= Boolean(page.watch?.installing);
+	page.awaySince = away ? page.awaySince ?? performance.now() : null;
+	page.wasAway ||= away && page.watch?.installing;
 }
 
 async function pollSignedIn() {
 	let reply = await call("fwupdate-job", "status");
-	page.plugin = reply.fault !== "missing";
-	const gone = !page.plugin && page.watch?.installing && !page.fresh;
+	const missing = reply.fault === "missing";
+	const gone = missing && page.watch?.installing && !page.fresh;
 	if (gone) // for the restart, or for good: does the session still hold?
 		reply = await mayCall("fwupdate", "state");
 	if (!page.session)
@@ -315,10 +312,14 @@ async function pollSignedIn() {
 		return endSession("whyEnded");
 	if (gone)
 		page.fault ||= "missing";
-	if (gone || (reply.fault && page.plugin))
+	if (gone || (reply.fault && !missing))
 		return;
 	page.fault = "";
+	page.plugin = !missing;
+	const before = page.job?.kind;
 	page.job = readJob(reply.data);
+	if (page.job.kind === "nothing" && before !== "nothing")
+		page.check = null; // another offer than the one shown
 	if (page.doubt !== null && page.doubt !== page.job.id)
 		Object.assign(page, { startFault: "", doubt: null });
 	if (!page.board && !await readBoard())
@@ -357,7 +358,7 @@ async function readBoard() {
 	}
 	page.mayUpdate = access;
 	page.board = {
-		model: oneLine(board.data.model),
+		model: board.data.model,
 		version: oneLine(field(release, "revision") || field(release, "version")),
 		build: oneLine(field(release, "builddate")),
 	};
@@ -451,7 +452,7 @@ function jobStage() {
 
 // --- What the buttons do
 
-const mayAct = () => Boolean(page.session && page.board && !page.busy && OPEN_STAGES.includes(stage()));
+const mayAct = () => page.session && page.board && !page.busy && OPEN_STAGES.includes(stage());
 
 async function act(name, action) {
 	if (!mayAct())
@@ -515,22 +516,14 @@ function ask(force) {
 async function start(force) {
 	page.verdict = null;
 	const before = page.job.id;
-	const reply = await call("fwupdate-job", "start", { force });
-	page.doubt = Number.isInteger(reply.data?.status) ? null : before;
-	page.startFault = startFault(reply);
+	const { data } = await call("fwupdate-job", "start", { force });
+	const ended = data?.status; // of fwupdate-cli; without it the update may have begun: the next looks tell
+	page.doubt = Number.isInteger(ended) ? null : before;
+	const why = { 3: text("noDaemon"), 4: text("elsewhere") }[ended] ?? oneLine(data?.message);
+	page.startFault = ended === 0 ? "" : page.doubt === null ? text("notStarted", { why }) : text("unsure");
 	page.busy = "";
 	await look();
 	focusTitle();
-}
-
-// By fwupdate-cli's exit status. Without one the update may have begun: the next looks tell.
-function startFault({ fault, data }) {
-	if (data?.status === 0)
-		return "";
-	if (page.doubt !== null && fault !== "denied" && fault !== "missing")
-		return text("unsure");
-	const key = { 3: "noDaemon", 4: "elsewhere" }[data?.status] ?? fault;
-	return text("notStarted", { why: key ? text(key) : oneLine(data.message) });
 }
 
 function closeJob() {

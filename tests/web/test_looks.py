@@ -7,6 +7,7 @@ from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 
 from browser import await_rate, wait_until
+from router import OLD
 from simulated_router import PROJECT
 
 AXE = PROJECT / "build/web/node_modules/axe-core/axe.min.js"
@@ -32,22 +33,49 @@ def tab_to(page, name):
 def states(router, page):
     """Yields in each of the page's states, as far as they differ in what is on it."""
     router.offer_slowly()
+    yield from states_before_the_update(router, page)
+    yield from states_of_an_update(router, page)
+    yield from states_of_a_failed_update(router, page)
+    yield from states_of_the_same_build(router, page)
+
+
+def states_before_the_update(router, page):
     page.open()
     page.sign_in(password="wrong")
     page.await_visible("sign-in-fault")
     yield "sign-in"
+    page.open_and_sign_in("viewer", "look")
+    yield "read-only"
+    router.end_session(page.session()["sid"])
+    page.look_now()
+    page.await_text("sign-in-why", "Your session has ended.")
+    yield "session-ended"
     page.open_and_sign_in()
+    page.find("file-part").click()
+    page.type("file", "/tmp/none")
+    page.click("file-button")
+    page.await_text("file-result", "/tmp/none: no such file")
+    yield "file-checked"
+    page.open()
+    page.await_text("verdict", "A newer version")
     page.find("file-part").click()
     yield "available"
     page.click("update")
     page.await_visible("question")
     yield "question"
-    page.click("yes")
+    page.click("no")
+
+
+def states_of_an_update(router, page):
+    page.start_update()
     await_rate(router, page)
     yield "downloading"
     router.release()
     page.await_stage("Installing")
     yield "installing"
+    page.put_clock_forward(3.1)
+    page.await_stage("The router did not restart")
+    yield "did-not-restart"
     router.power_off()
     page.await_stage("Restarting")
     page.put_clock_forward(11)
@@ -60,10 +88,47 @@ def states(router, page):
     page.await_stage("The router still runs the old version")
     yield "still-old"
     page.click("close-job")
-    router.make_image("MODEL-Y")
+
+
+def states_of_a_failed_update(router, page):
+    router.offer_slowly()
     page.start_update()
+    page.await_stage("Downloading")
+    router.lose_the_daemon()
+    page.await_stage("The answer of the update was lost")
+    yield "lost"
+    router.bring_the_daemon_back()
+    page.click("close-job")
+    finish_verifying = router.verify_slowly()
+    router.machine.hold_again()
+    page.start_update()
+    page.await_stage("Downloading")
+    router.release()
+    page.await_stage("Verifying")
+    yield "verifying"
+    finish_verifying()
     page.await_stage("The update failed")
     yield "failed"
+    page.click("close-job")
+
+
+def states_of_the_same_build(router, page):
+    router.make_image()
+    router.offer(build=OLD["build"], version=OLD["revision"])
+    page.click("check")
+    page.await_text("verdict", "This router is up to date.")
+    page.find("anyway-part").click()
+    yield "anyway"
+    page.start_update("anyway")
+    page.await_stage("Installing")
+    router.await_installer()
+    router.power_off()
+    page.await_stage("Restarting")
+    router.power_on()
+    page.await_stage("The router answers again")
+    page.sign_in()
+    page.await_stage("Done: the offered version runs")
+    yield "done"
 
 
 def test_narrow_screen_cuts_nothing_off(router, page):

@@ -1,0 +1,100 @@
+# SPDX-License-Identifier: ISC
+"""States of the page that last a moment on a router, or that a router seldom comes to."""
+import json
+
+import answers
+from router import OLD
+
+
+def signal_update_server(router, signal):
+    router.run(f"""pids=$(pidof nginx) || exit 1
+        for pid in $pids; do [ "$pid" -gt 1 ] && kill -{signal} "$pid" || exit 1; done""")
+
+
+def test_update_server_is_asked_first(router, page):
+    """By a daemon that has not checked itself: it was restarted. The server is slow to answer."""
+    router.offer_slowly()
+    page.open_and_sign_in()
+    router.lose_the_daemon()
+    router.bring_the_daemon_back()
+    signal_update_server(router, "STOP")
+    page.start_update()
+    page.await_stage("Starting the update")
+    assert page.text("job-text") == "Asking the update server …"
+    assert not page.visible("bar") and not page.visible("job-buttons")
+    page.picture("starting")
+    signal_update_server(router, "CONT")
+    page.await_stage("Downloading")
+
+
+def test_router_whose_services_are_not_there_yet(router, page):
+    """After the restart the web server comes first."""
+    router.offer()
+    page.open_and_sign_in()
+    page.start_update()
+    page.await_stage("Installing")
+    router.await_installer()
+    router.power_off()
+    page.await_stage("Restarting")
+    router.relay.fault = lambda name, method, browser: bool(method) and not browser.sendall(answers.error(-32000))
+    router.power_on(OLD)
+    page.await_text("job-text", "The router answers, but not all of its services do yet.")
+    assert page.text("job-title") == "Restarting"
+    for name in ("sign-in", "connection", "read-only"):
+        assert not page.visible(name), name
+    page.picture("services-not-yet")
+    router.relay.fault = lambda *_: False
+    page.await_stage("The router answers again")
+
+
+def test_offer_that_was_withdrawn_before_the_start(router, page):
+    router.offer()
+    page.open_and_sign_in()
+    router.offer(build=OLD["build"], version=OLD["revision"])
+    router.run("ubus call fwupdate check")
+    page.start_update()
+    page.await_stage("There was nothing to install")
+    assert page.text("job-text") == "This router is up to date."
+    assert not page.visible("job-detail")
+    page.await_text("verdict", "This router is up to date.")
+    assert not page.visible("update"), "the page has asked again"
+    page.picture("nothing-to-install")
+    page.click("close-job")
+    page.await_hidden("job")
+
+
+def outcome(started, **update):
+    status = {"boot": "b", "now": 1, "update": {"started": started, **update}}
+    return answers.instead_of("status", answers.result(json.dumps(status).encode()))
+
+
+def answered(code, message):
+    return {"job": "answered", "result": "busy" if code == "6" else "failed", "ended": 1,
+            "answer": {"error_code": code, "error_message": message}}
+
+
+def test_each_outcome_has_its_sentence(router, page):
+    page.open_and_sign_in()
+    for number, (update, sentence, words) in enumerate([
+            (answered("1", "No Error"), "The update server could not be asked, or its answer was of no use.", ""),
+            (answered("6", "Busy"), "Another update is running. If none is to be seen, restart the router.",
+             "The router says: Busy"),
+            (answered("42", "x\x1by"), "It ended with the unknown code 42.", "The router says: x\ufffdy"),
+            (answered("toString", ""), "It ended with the unknown code toString.", ""),
+            ({"job": "refused", "status": 9}, "The router could not do that (error 9).", "")]):
+        router.relay.fault = outcome(number + 1, **update)
+        page.look_now()
+        page.await_text("job-text", sentence)
+        assert page.text("job-title") == "The update failed"
+        assert page.text("job-detail") == words
+
+
+def test_refused_check_says_so(router, page):
+    """A right that was taken away meanwhile."""
+    page.open_and_sign_in()
+    router.relay.fault = answers.instead_of("check", answers.error(-32002))
+    page.click("check")
+    page.await_text("verdict", "This account may not do that.")
+    router.relay.fault = answers.instead_of("check", answers.error(-32000))
+    page.click("check")
+    page.await_text("verdict", "A service does not run on the router.")
