@@ -353,6 +353,8 @@ TEST_F(BadTmp, FolderInTheWayIsAFailedDownload)
 	offer(answer(good_image()));
 	start_daemon();
 	expect_not_opened(daemon().update());
+	// An answer says that the daemon has tidied up.
+	EXPECT_EQ(daemon().state_name(), "NONE");
 	EXPECT_TRUE(exists(content));
 	may_leave_image = true;
 }

@@ -151,7 +151,8 @@ protected:
 		case Phase::querying:
 			return server.wait_for_requests(manifest_path, 1);
 		case Phase::retry_wait:
-			return syslog.wait_for("Error on reading tmpfs").has_value();
+			return syslog.wait_for("Error on reading tmpfs") &&
+			       daemon().state().status == 0; // the handler is over
 		case Phase::connected:
 			return server.wait_for_requests(firmware, 1);
 		case Phase::receiving:

@@ -97,6 +97,13 @@ protected:
 		return start_daemon({"--debug"}, FakeClock::settings());
 	}
 
+	// Returns when the daemon has done what is due: it looks at its clock after the first call.
+	void await_due_timers()
+	{
+		EXPECT_EQ(daemon().state().status, 0);
+		EXPECT_EQ(daemon().state().status, 0);
+	}
+
 	Manifest nothing_newer() const
 	{
 		return {.buildtime = router_builddate()};
