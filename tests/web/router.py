@@ -129,7 +129,7 @@ class Router:
         have ended. A process that lives and cannot be ended fails the test."""
         self.run("""pids=$(pidof fwupdate) || exit 1
             for pid in $pids; do
-                [ "$pid" -gt 1 ] && { kill -9 "$pid" 2>/dev/null || [ ! -e "/proc/$pid" ]; } || exit 1
+                [ "$pid" -gt 1 ] && { kill -9 "$pid" 2>/dev/null || [ ! -e "/realproc/$pid" ]; } || exit 1
             done""")
         self.wait_for("! ubus list fwupdate >/dev/null 2>&1")
 
