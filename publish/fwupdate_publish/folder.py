@@ -23,6 +23,8 @@ from .refusal import Refusal
 MANIFEST = "update.xml"
 RELEASES = "releases"
 
+FOLDER_REMEDY = "Give the folder that the server serves, such as /srv/update/model-x."
+
 
 def image_place(build, image):
     """The image's path below the folder, which is also the end of its URL."""
@@ -41,18 +43,30 @@ def check_image_name(image):
 
 class Folder:
     def __init__(self, path):
-        self.name = path
+        self.name = str(path)
         self.path = pathlib.Path(path)
 
-    def check_place(self):
-        """Refuses a place where there is no folder and none can be made."""
-        remedy = "Give the folder that the server serves, such as /srv/update/model-x."
+    def check_place(self, *written):
+        """Refuses a place where there is no folder and none can be made. `written` are
+        the folders below it, or ".", that have to be writable."""
         if self.name == "":
-            raise Refusal("--out '': it names no folder.", remedy)
-        parts = [self.path, *self.path.parents]
-        there = next(p for p in parts if p.exists() or p.is_symlink())
+            raise Refusal("--out '': it names no folder.", FOLDER_REMEDY)
+        for name in (".", *written):
+            self._check_folder(self.path / name, bool(written))
+
+    def _check_folder(self, path, writing):
+        try:
+            path.stat()
+        except (FileNotFoundError, NotADirectoryError):
+            pass
+        except OSError as error:
+            raise Refusal(f"--out '{self.name}': {error.strerror}.", FOLDER_REMEDY) from None
+        there = next(p for p in (path, *path.parents) if os.path.lexists(p))
         if not there.is_dir():
-            raise Refusal(f"--out '{self.name}': '{there}' is no folder.", remedy)
+            raise Refusal(f"--out '{self.name}': '{there}' is no folder.", FOLDER_REMEDY)
+        if writing and not os.access(there, os.W_OK | os.X_OK):
+            raise Refusal(f"--out '{self.name}': the folder '{there}' cannot be written.",
+                          "Make it writable for you, or give another --out folder.")
 
     def current(self):
         """The Manifest that routers get now, or None."""
@@ -85,7 +99,7 @@ class Folder:
     def publish(self, manifest, image):
         """Image first, manifest last: what the manifest names is always there."""
         place = self.path / image_place(manifest.build, image)
-        with self._locked():
+        with self._new_folders_removed(place.parent), self._locked():
             self.check_new(manifest, image)
             place.parent.mkdir(parents=True, exist_ok=True)
             if not place.exists():
@@ -126,9 +140,25 @@ class Folder:
             return manifests.parse(path.read_bytes())
         except FileNotFoundError:
             return None
+        except OSError as error:
+            raise Refusal(f"manifest '{path}': it cannot be read ({error.strerror}).",
+                          "Make it readable for you, or give another --out folder.") from None
         except ValueError as error:
             raise Refusal(f"manifest '{path}': it {error}.",
                           "Move it away, or give another --out folder.") from None
+
+    @staticmethod
+    @contextlib.contextmanager
+    def _new_folders_removed(path):
+        """Folders that a failure leaves empty go again, when they were not there before."""
+        new = [folder for folder in (path, *path.parents) if not folder.exists()]
+        try:
+            yield
+        except BaseException:
+            with contextlib.suppress(OSError):
+                for folder in new:
+                    folder.rmdir()
+            raise
 
     @contextlib.contextmanager
     def _locked(self):
@@ -143,7 +173,14 @@ class Folder:
 
 def replace(path, write):
     """The file appears under its name whole and on disk, or not at all."""
-    part = path.with_name(f".{path.name}.part")
+    try:
+        replace_part(path, path.with_name(f".{path.name}.part"), write)
+    except OSError as error:
+        # A full disk does not say which file did not fit.
+        raise OSError(error.errno, error.strerror, str(path)) from None
+
+
+def replace_part(path, part, write):
     try:
         with open(part, "wb") as target:
             write(target)
