@@ -126,7 +126,7 @@ build_and_test() {
 	# The pattern is GoogleTest's; a Python test alone is run by pytest itself.
 	[ -z "$filter" ] || choice=(-LE python)
 	GTEST_FILTER=${filter:-*}${excluded:+-$excluded} GTEST_OUTPUT=xml:$PWD/$build/reports/ \
-		"${emulate[@]}" ctest --test-dir "$build" --output-on-failure -j $((2 * jobs)) --no-tests=error "${choice[@]}" |
+		"${emulate[@]}" ctest --test-dir "$build" --output-on-failure -j $((3 * jobs)) --no-tests=error "${choice[@]}" |
 		tee "$output"
 	status=$?
 	failed_entries=$(sed -n 's/.* \([0-9]*\) tests failed out of .*/\1/p' "$output")
