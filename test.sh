@@ -225,10 +225,10 @@ test_arch() {
 # goes over the bus is understood in both byte orders.
 test_arch_quickly() {
 	local program status=0
-	step "build: $arch" build_preset "$arch" fwupdate core_tests discovery_tests firmware_tests verify_tests &&
+	step "build: $arch" build_preset "$arch" fwupdate base_tests daemon_tests discovery_tests firmware_tests verify_tests &&
 		step "build: release" build_preset release fwupdate ubusd ubus jsonfilter fwtool routerd router_tests || return
 	rm -rf "build/$arch/reports"
-	for program in core_tests discovery_tests firmware_tests verify_tests; do
+	for program in base_tests daemon_tests discovery_tests firmware_tests verify_tests; do
 		GTEST_FILTER="*-$excluded" tests/in_router --tools build/release "build/$arch" "$program" --gtest_brief=1 || status=1
 	done
 	tests/in_router --daemon "build/$arch" build/release router_tests --gtest_brief=1 \
@@ -297,6 +297,7 @@ case $mode in
 full)
 	step "format" check_format
 	step "scripts" check_scripts
+	step "floors" tests/check_floors
 	begin_early build-asan build_preset asan
 	build_and_test release
 	end_early build-asan >/dev/null # what is wrong with it, the next step shows
@@ -315,6 +316,7 @@ full)
 static)
 	step "format" check_format
 	step "scripts" check_scripts
+	step "floors" tests/check_floors
 	step "build: asan" build_preset asan && step "clang-tidy" check_tidy 'src|testbed|tests|fuzz|bench'
 	;;
 quick)

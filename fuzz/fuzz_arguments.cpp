@@ -3,10 +3,10 @@
 // says whether there are fw_printenv and fw_setenv (bit 0: not), /proc/mtd (bit 1: not) and files
 // that can be opened (bit 2: not). Then come calls: a byte for the method, and its arguments as
 // they lie in the message, their length in front.
-#include "core/base/bus.h"
-#include "core/base/records.h"
-#include "core/state_method.h"
-#include "core/update_job.h"
+#include "base/bus.h"
+#include "base/records.h"
+#include "daemon/state_method.h"
+#include "daemon/update_job.h"
 #include "discovery/check_method.h"
 #include "fuzz_input.h"
 #include "fuzz_target.h"

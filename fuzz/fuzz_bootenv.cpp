@@ -4,7 +4,7 @@
 // what the pipeline prints.
 #include <cstring>
 
-#include "core/base/records.h"
+#include "base/records.h"
 #include "fuzz_input.h"
 #include "fuzz_target.h"
 #include "outside.h"

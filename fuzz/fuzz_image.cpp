@@ -6,7 +6,7 @@
 #include <string>
 #include <zlib.h>
 
-#include "core/base/records.h"
+#include "base/records.h"
 #include "fuzz_input.h"
 #include "fuzz_target.h"
 #include "outside.h"

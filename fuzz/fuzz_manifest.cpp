@@ -6,7 +6,7 @@
 #include <array>
 #include <cstring>
 
-#include "core/base/records.h"
+#include "base/records.h"
 #include "discovery/check_method.h"
 #include "fuzz_input.h"
 #include "fuzz_target.h"

@@ -3,7 +3,7 @@
 // says how fwtool ends (bits 0 and 1; 0 is success), then custom ID, model and product name.
 #include <cstring>
 
-#include "core/base/records.h"
+#include "base/records.h"
 #include "fuzz_input.h"
 #include "fuzz_target.h"
 #include "outside.h"

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string>
 
-#include "core/base/records.h"
+#include "base/records.h"
 #include "fuzz_input.h"
 #include "fuzz_target.h"
 #include "outside.h"

@@ -4,10 +4,10 @@
 // attempts the job has (bits 0 and 1), whether the image is good (bit 2) and whether fw_setenv
 // fails (bit 3); each further byte is an event: bits 0 to 2 say which, and for what comes through
 // the pipe bits 3 to 7 are the number of the bytes that follow.
-#include "core/base/bus.h"
-#include "core/base/records.h"
-#include "core/state_method.h"
-#include "core/update_job.h"
+#include "base/bus.h"
+#include "base/records.h"
+#include "daemon/state_method.h"
+#include "daemon/update_job.h"
 #include "fuzz_input.h"
 #include "fuzz_target.h"
 #include "outside.h"

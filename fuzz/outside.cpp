@@ -14,9 +14,9 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
-#include "core/base/bus_and_loop.h"
-#include "core/base/log.h"
-#include "core/base/records.h"
+#include "base/bus_and_loop.h"
+#include "base/log.h"
+#include "base/records.h"
 #include "discovery/device_facts.h"
 #include "discovery/manifest.h"
 #include "firmware/worker.h"

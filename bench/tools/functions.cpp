@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "core/base/log.h"
-#include "core/base/records.h"
-#include "core/base/text.h"
+#include "base/log.h"
+#include "base/records.h"
+#include "base/text.h"
 #include "discovery/manifest.h"
 #include "discovery/mxml_load.h"
 #include "firmware/worker.h"

@@ -13,8 +13,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "base/miniz_headers.h"
 #include "clock.h"
-#include "core/base/miniz_headers.h"
 
 namespace
 {

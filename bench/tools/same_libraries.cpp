@@ -5,7 +5,7 @@
 #include <curl/curl.h>
 #include <mxml.h>
 
-#include "core/base/miniz_headers.h"
+#include "base/miniz_headers.h"
 
 namespace
 {

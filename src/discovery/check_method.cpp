@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: ISC
 #include "discovery/check_method.h"
 
-#include "core/base/bus.h"
-#include "core/base/records.h"
-#include "core/base/update_error.h"
+#include "base/bus.h"
+#include "base/records.h"
+#include "base/update_error.h"
 #include "discovery/manifest.h"
 
 namespace fwupdate

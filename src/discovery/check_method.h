@@ -4,7 +4,7 @@
 // the caller and, as the event "fwupdate.avaliable", everybody else.
 #pragma once
 
-#include "core/base/bus_and_loop.h"
+#include "base/bus_and_loop.h"
 
 namespace fwupdate
 {

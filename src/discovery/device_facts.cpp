@@ -4,8 +4,8 @@
 #include <cstddef>
 #include <cstring>
 
-#include "core/base/shell.h"
-#include "core/base/text.h"
+#include "base/shell.h"
+#include "base/text.h"
 
 namespace fwupdate
 {

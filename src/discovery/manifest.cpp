@@ -3,9 +3,9 @@
 
 #include <cstring>
 
-#include "core/base/log.h"
-#include "core/base/records.h"
-#include "core/base/text.h"
+#include "base/log.h"
+#include "base/records.h"
+#include "base/text.h"
 #include "discovery/device_facts.h"
 #include "discovery/mxml_load.h"
 

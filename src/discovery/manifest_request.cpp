@@ -2,8 +2,8 @@
 #include <cstring>
 #include <curl/curl.h>
 
-#include "core/base/log.h"
-#include "core/base/records.h"
+#include "base/log.h"
+#include "base/records.h"
 #include "discovery/manifest.h"
 #include "discovery/mxml_load.h"
 

@@ -6,10 +6,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "core/base/log.h"
-#include "core/base/records.h"
-#include "core/base/shell.h"
-#include "core/base/text.h"
+#include "base/log.h"
+#include "base/records.h"
+#include "base/shell.h"
+#include "base/text.h"
 #include "firmware/worker.h"
 #include "verify/boot_partition.h"
 

@@ -4,8 +4,8 @@
 #include <cstddef>
 #include <cstdio>
 
-#include "core/base/guards.h"
-#include "core/base/log.h"
+#include "base/guards.h"
+#include "base/log.h"
 #include "firmware/download.h"
 #include "firmware/zip.h"
 

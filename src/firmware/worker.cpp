@@ -12,9 +12,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "core/base/bus.h"
-#include "core/base/guards.h"
-#include "core/base/log.h"
+#include "base/bus.h"
+#include "base/guards.h"
+#include "base/log.h"
 
 namespace fwupdate
 {

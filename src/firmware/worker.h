@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <curl/curl.h>
 
-#include "core/base/records.h"
+#include "base/records.h"
 
 namespace fwupdate
 {

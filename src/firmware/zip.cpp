@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <cstring>
 
-#include "core/base/miniz_headers.h"
-#include "core/base/text.h"
+#include "base/miniz_headers.h"
+#include "base/text.h"
 
 namespace fwupdate
 {

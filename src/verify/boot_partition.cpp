@@ -6,11 +6,11 @@
 #include <cstring>
 #include <unistd.h>
 
-#include "core/base/guards.h"
-#include "core/base/log.h"
-#include "core/base/records.h"
-#include "core/base/shell.h"
-#include "core/base/text.h"
+#include "base/guards.h"
+#include "base/log.h"
+#include "base/records.h"
+#include "base/shell.h"
+#include "base/text.h"
 
 namespace fwupdate
 {

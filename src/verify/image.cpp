@@ -12,12 +12,12 @@
 #include <unistd.h>
 #include <utility>
 
-#include "core/base/guards.h"
-#include "core/base/log.h"
-#include "core/base/miniz_headers.h"
-#include "core/base/records.h"
-#include "core/base/shell.h"
-#include "core/base/text.h"
+#include "base/guards.h"
+#include "base/log.h"
+#include "base/miniz_headers.h"
+#include "base/records.h"
+#include "base/shell.h"
+#include "base/text.h"
 #include "discovery/device_facts.h"
 #include "verify/signature.h"
 

@@ -4,9 +4,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "core/base/log.h"
-#include "core/base/shell.h"
-#include "core/base/text.h"
+#include "base/log.h"
+#include "base/shell.h"
+#include "base/text.h"
 
 namespace fwupdate
 {

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: ISC
 #include "verify/test_method.h"
 
-#include "core/base/bus.h"
-#include "core/base/log.h"
-#include "core/base/records.h"
-#include "core/base/update_error.h"
+#include "base/bus.h"
+#include "base/log.h"
+#include "base/records.h"
+#include "base/update_error.h"
 #include "verify/boot_partition.h"
 #include "verify/image.h"
 

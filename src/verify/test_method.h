@@ -6,7 +6,7 @@
 
 #include <cstddef>
 
-#include "core/base/bus_and_loop.h"
+#include "base/bus_and_loop.h"
 
 namespace fwupdate
 {

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "core/base/log.h"
-#include "core/base/records.h"
+#include "base/log.h"
+#include "base/records.h"
 #include "discovery/device_facts.h"
 #include "discovery/manifest.h"
 #include "support/fixture.h"

@@ -9,8 +9,8 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
-#include "core/base/log.h"
-#include "core/base/records.h"
+#include "base/log.h"
+#include "base/records.h"
 #include "support/debug_fixture.h"
 #include "support/refusals.h"
 

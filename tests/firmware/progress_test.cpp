@@ -6,7 +6,7 @@
 #include <optional>
 #include <unistd.h>
 
-#include "core/base/log.h"
+#include "base/log.h"
 #include "firmware/worker.h"
 #include "support/debug_fixture.h"
 

@@ -5,7 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "core/base/log.h"
+#include "base/log.h"
 #include "support/debug_fixture.h"
 
 using namespace fwupdate;

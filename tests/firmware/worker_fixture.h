@@ -12,7 +12,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "core/base/log.h"
+#include "base/log.h"
 #include "firmware/worker.h"
 #include "support/debug_fixture.h"
 

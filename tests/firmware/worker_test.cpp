@@ -7,8 +7,8 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
-#include "core/base/bus.h"
-#include "core/base/guards.h"
+#include "base/bus.h"
+#include "base/guards.h"
 
 using namespace fwupdate;
 using namespace router_test;

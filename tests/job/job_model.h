@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: ISC
-// What the update job should do: the transition table of core/update_job.h once more, as a program
-// of its own. It decides by its own fields alone and never looks at the daemon's.
+// What the update job should do: the transition table of daemon/update_job.h once more, as a
+// program of its own. It decides by its own fields alone and never looks at the daemon's.
 #pragma once
 
 #include <array>

@@ -14,10 +14,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "core/base/bus.h"
-#include "core/base/records.h"
-#include "core/state_method.h"
-#include "core/update_job.h"
+#include "base/bus.h"
+#include "base/records.h"
+#include "daemon/state_method.h"
+#include "daemon/update_job.h"
 #include "discovery/manifest.h"
 #include "job_choices.h"
 #include "job_world.h"
@@ -410,7 +410,7 @@ TEST_F(JobSequences, LongJobs)
 // The table in the header is the one that was tested.
 TEST(JobTable, StandsInTheHeader)
 {
-	std::ifstream file(std::string(FWUPDATE_SOURCE_DIR) + "/core/update_job.h");
+	std::ifstream file(std::string(FWUPDATE_SOURCE_DIR) + "/daemon/update_job.h");
 	std::vector<std::string> found;
 	for (std::string line; std::getline(file, line);) {
 		const std::string indent = "//   ";

@@ -9,10 +9,10 @@
 #include <stdexcept>
 #include <unistd.h>
 
-#include "core/base/bus.h"
-#include "core/base/log.h"
-#include "core/base/records.h"
-#include "core/update_reply.h"
+#include "base/bus.h"
+#include "base/log.h"
+#include "base/records.h"
+#include "daemon/update_reply.h"
 #include "discovery/manifest.h"
 #include "firmware/download.h"
 #include "verify/boot_partition.h"

@@ -4,8 +4,8 @@
 // objects.
 #pragma once
 
-#include "core/base/log.h"
-#include "core/base/records.h"
+#include "base/log.h"
+#include "base/records.h"
 #include "support/fixture.h"
 
 namespace router_test

@@ -6,7 +6,7 @@
 
 #include <stdexcept>
 
-#include "core/base/bus.h"
+#include "base/bus.h"
 #include "support/bus_services.h"
 
 namespace router_test

@@ -5,8 +5,8 @@
 #include <gtest/gtest.h>
 #include <limits>
 
-#include "core/base/log.h"
-#include "core/base/records.h"
+#include "base/log.h"
+#include "base/records.h"
 #include "support/debug_fixture.h"
 #include "support/process.h"
 #include "support/refusals.h"

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <gtest/gtest.h>
 
-#include "core/base/log.h"
-#include "core/base/records.h"
+#include "base/log.h"
+#include "base/records.h"
 #include "support/debug_fixture.h"
 #include "support/refusals.h"
 #include "verify/boot_partition.h"

@@ -2,8 +2,8 @@
 // The scan of /proc/mtd for the partition that holds the running firmware, whatever stands there.
 #include <gtest/gtest.h>
 
-#include "core/base/log.h"
-#include "core/base/records.h"
+#include "base/log.h"
+#include "base/records.h"
 #include "support/debug_fixture.h"
 #include "verify/boot_partition.h"
 

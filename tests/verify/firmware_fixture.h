@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "core/base/log.h"
-#include "core/base/records.h"
+#include "base/log.h"
+#include "base/records.h"
 #include "support/debug_fixture.h"
 #include "support/images.h"
 #include "verify/image.h"

@@ -3,7 +3,7 @@
 // looked at before and after.
 #include "firmware_fixture.h"
 
-#include "core/base/update_error.h"
+#include "base/update_error.h"
 #include "support/bus.h"
 #include "support/served_object.h"
 #include "verify/test_method.h"
