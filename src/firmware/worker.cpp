@@ -6,14 +6,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <fcntl.h>
 #include <poll.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "base/bus.h"
-#include "base/guards.h"
 #include "base/log.h"
 
 namespace fwupdate
@@ -23,8 +20,6 @@ namespace
 {
 
 constexpr std::int32_t LONGEST_CONNECT = 10; // seconds
-constexpr useconds_t LOCK_PAUSE = 20000;
-constexpr int LOCK_TRIES = 250;
 constexpr std::int32_t EMPTY_FILE = 18; // status of a transfer that stored nothing
 constexpr int SETUP_FAILED = -1;	// exit status 255
 
@@ -56,37 +51,17 @@ bool reader_is_gone(int progress_pipe)
 	return poll(&end, 1, 0) > 0;
 }
 
-// A worker that was given up and its successor use the same path for a while. Each holds
-// this lock from its look at the path until it has changed what is there. The lock lies on
-// the folder itself and leaves no trace. Returns the descriptor whose end is the lock's end;
-// without one the worker goes on unlocked. After five seconds it does, too: a stranger that
-// may read /tmp can hold the lock for ever, and a worker that waits keeps a new daemon from
-// starting.
-int lock_folder()
-{
-	const int folder = open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-	for (int tries = folder < 0 ? 0 : LOCK_TRIES; tries > 0; tries--) {
-		if (flock(folder, LOCK_EX | LOCK_NB) == 0) {
-			break;
-		}
-		usleep(LOCK_PAUSE);
-	}
-	return folder;
-}
-
-// A predecessor that was given up may still be writing the older file: it keeps
-// that one, and this worker begins a file of its own. Ends the process when this worker
-// has been given up itself: then the older file may be its successor's.
+// A predecessor that was given up may still be writing the older file: it keeps that one, and
+// this worker begins a file of its own. A worker that has been given up itself ends here: the
+// older file may be its successor's. (One that is given up between the look and the deed costs
+// its successor an attempt.)
 std::FILE *open_target(const char *target, int progress_pipe)
 {
 	struct stat older;
-	const bool replaceable = lstat(target, &older) != 0 || S_ISREG(older.st_mode);
-	// No lock for anything else: to open a named pipe may take for ever.
-	const DescriptorGuard lock(replaceable ? lock_folder() : -1);
 	if (reader_is_gone(progress_pipe)) {
 		std::exit(0);
 	}
-	if (replaceable) {
+	if (lstat(target, &older) == 0 && S_ISREG(older.st_mode)) {
 		unlink(target);
 	}
 	return std::fopen(target, "wb");
@@ -123,21 +98,12 @@ std::int32_t transfer_status(CURLcode code, long position)
 	return 0;
 }
 
-// False when a successor has put a file of its own in the place of this one.
-bool path_is_own_file(const char *path, std::FILE *file)
-{
-	struct stat own = {};
-	struct stat found = {};
-	fstat(fileno(file), &own);
-	return stat(path, &found) == 0 && found.st_dev == own.st_dev && found.st_ino == own.st_ino;
-}
-
-// Deletes the file, unless the path has become a successor's. The file is still open: until
-// it is closed no other file can get its inode number.
+// Deletes the file, unless a successor has put its own in the place of it: this one then has
+// no name any more.
 void remove_own_file(std::FILE *file, const char *target)
 {
-	const DescriptorGuard lock(lock_folder());
-	if (path_is_own_file(target, file)) {
+	struct stat own = {};
+	if (fstat(fileno(file), &own) == 0 && own.st_nlink > 0) {
 		std::remove(target);
 	}
 }

@@ -3,12 +3,10 @@
 #include "worker_fixture.h"
 
 #include <cstdlib>
-#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
 #include "base/bus.h"
-#include "base/guards.h"
 
 using namespace fwupdate;
 using namespace router_test;
@@ -241,93 +239,6 @@ TEST_F(WorkerTest, WorkerThatIsGivenUpBeforeItStartsTouchesNothing)
 	EXPECT_EQ(worker.end(), 0);
 	EXPECT_EQ(read_file(TARGET), "the successor's");
 	EXPECT_TRUE(server.requests().empty());
-}
-
-// The lock of the workers in this test's hands: a worker waits before it changes anything.
-class WorkerLock : public WorkerTest
-{
-protected:
-	void SetUp() override
-	{
-		WorkerTest::SetUp();
-		ASSERT_EQ(flock(folder_, LOCK_EX), 0);
-	}
-	void TearDown() override
-	{
-		close(folder_);
-		WorkerTest::TearDown();
-	}
-
-	// It opens the folder to lock it, and has the test's descriptor besides.
-	static bool waits(const Worker &worker)
-	{
-		int folders = 0;
-		for (const auto &[number, name] : open_descriptors(worker.pid())) {
-			folders += name == "/tmp";
-		}
-		return folders == 2;
-	}
-	// A worker has a copy of the descriptor: closing it would not be enough.
-	void unlock() const
-	{
-		flock(folder_, LOCK_UN);
-	}
-
-private:
-	int folder_ = open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-};
-
-TEST_F(WorkerLock, SuccessorsFileIsNotReplacedByAWorkerThatWasGivenUp)
-{
-	Worker worker(server.url("/f"));
-	ASSERT_TRUE(eventually([&] { return waits(worker); }));
-	EXPECT_FALSE(exists(TARGET));
-	files.write(TARGET, "the successor's");
-	worker.give_up();
-	unlock();
-	EXPECT_EQ(worker.end(), 0);
-	EXPECT_EQ(read_file(TARGET), "the successor's");
-	EXPECT_TRUE(server.requests().empty());
-}
-
-TEST_F(WorkerLock, SuccessorsFileIsNotDeletedBetweenLookAndDeed)
-{
-	unlock();
-	server.on("/f", answer("half").announce(8).hold());
-	Worker worker(server.url("/f"), 30);
-	ASSERT_TRUE(server.wait_for_requests(1));
-	ASSERT_TRUE(wait_until_exists(TARGET));
-	{
-		const DescriptorGuard folder(open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-		ASSERT_EQ(flock(folder.get(), LOCK_EX), 0);
-		server.release_all();
-		ASSERT_TRUE(eventually([&] { return waits(worker); }));
-		unlink(TARGET);
-		files.write(TARGET, "the successor's");
-	}
-	EXPECT_EQ(worker.end(), 0);
-	EXPECT_EQ(read_file(TARGET), "the successor's");
-}
-
-// A stranger that may read /tmp holds it for ever.
-TEST_F(WorkerLock, IsNotWaitedForWithoutEnd)
-{
-	server.on("/f", answer("image"));
-	Worker worker(server.url("/f"));
-	EXPECT_EQ(worker.end(), 0);
-	EXPECT_EQ(read_file(TARGET), "image");
-}
-
-// A link that leads nowhere and a pipe stay what they are, and nobody waits for the lock.
-TEST_F(WorkerLock, WhatIsNoFileIsNotReplaced)
-{
-	server.on("/f", answer("image"));
-	ASSERT_EQ(symlink("/tmp/elsewhere", TARGET), 0);
-	Worker worker(server.url("/f"));
-	EXPECT_EQ(worker.end(), 0);
-	EXPECT_EQ(read_file("/tmp/elsewhere"), "image");
-	EXPECT_EQ(unlink(TARGET), 0);
-	EXPECT_EQ(unlink("/tmp/elsewhere"), 0);
 }
 
 // The loop's end may give the signal its usual effect again.

@@ -178,7 +178,6 @@ inline constexpr Text texts[] = {
 	// The download
 	{"path", "/tmp/fwupdate.bin", "the firmware"},
 	{"path", "/tmp/fwupdate.zip", "the firmware in an archive"},
-	{"path", "/tmp", "locked while a worker replaces or deletes its file"},
 	{"command", "df /tmp | grep tmpfs | awk '{ printf \"%d\",int($4*1024) }'", "free space"},
 	{"command", "sync && echo 3 > /proc/sys/vm/drop_caches", "memory"},
 	{"command", "echo 1024 > /proc/sys/vm/min_free_kbytes", "memory"},

@@ -2,7 +2,10 @@
 // What happens around the update job: no room, tools that are missing, and processes that go away:
 // the caller, the worker, the broker, the daemon itself.
 #include <csignal>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "router/update_fixture.h"
 
@@ -60,6 +63,18 @@ TEST_F(UpdateFaults, SmallImageThatDoesNotFitIsABadImage)
 	expect_outcome(daemon().update({string_field("partition", "unlisted")}),
 		       {.code = 3, .text = "Can't mmap image [-4]"});
 	expect_not_installed();
+}
+
+// Everybody may lock a folder that they can read.
+TEST_F(UpdateFaults, LockOnTmpThatAStrangerHoldsTakesNoTimeAway)
+{
+	const int folder = open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+	ASSERT_EQ(flock(folder, LOCK_EX), 0);
+	offer(answer(good_image()));
+	start_daemon();
+	expect_outcome(update(2, {int32_field("timeout", 4)}), {});
+	expect_installed();
+	close(folder);
 }
 
 TEST_F(UpdateFaults, KilledWorkerIsAFailedDownload)
