@@ -20,8 +20,8 @@ namespace
 {
 
 constexpr std::int32_t LONGEST_CONNECT = 10; // seconds
-constexpr std::int32_t EMPTY_FILE = 18; // status of a transfer that stored nothing
-constexpr int SETUP_FAILED = -1;	// exit status 255
+constexpr std::int32_t EMPTY_FILE = 18;	     // status of a transfer that stored nothing
+constexpr int SETUP_FAILED = -1;	     // exit status 255
 
 bool send_record(int descriptor, ProgressRecord record)
 {
