@@ -3,6 +3,8 @@
 # the Makefiles in package/ use, and no compiler. STAGE is where everything goes.
 INCLUDE_DIR:=$(TOPDIR)/include
 STAGE?=$(error STAGE is not set: the folder to install into)
+# What `make menuconfig` writes in a real one: CONFIG_NAME="VALUE" in each line.
+-include $(CONFIG)
 
 INSTALL_DIR:=install -d -m0755
 INSTALL_BIN:=install -m0755

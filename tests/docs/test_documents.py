@@ -40,7 +40,7 @@ NOT_RUN = {
         "fwupdate-publish --verify https://updates.example.com/model-x/stable/update.xml \\"],
     "it needs the router system's build tree": [
         'echo "src-link fwupdate /path/to/the/clone/package" >>feeds.conf',
-        "./scripts/feeds update fwupdate && ./scripts/feeds install -p fwupdate -a", "make menuconfig",
+        "./scripts/feeds update -a && ./scripts/feeds install -a -p fwupdate", "make menuconfig",
         "make package/fwupdate/compile"],
 }
 

@@ -26,3 +26,15 @@ SESSION_SCHEMA = {"type": "object", "minProperties": 1, "additionalProperties": 
 def install_package(*arguments):
     return subprocess.run([PROJECT / "testbed/install-package", "--build", BUILD, *arguments],
                           check=True, capture_output=True, text=True).stdout
+
+
+def make(package, stage, *words, goal="install", check=False, **variables):
+    """Runs a package's Makefile in the stand-in feed, as testbed/install-package does; the values
+    are handed over as a build system's .config has them."""
+    stage.mkdir(exist_ok=True)
+    config = stage / "config.mk"
+    config.write_text("".join(f"{name}={value}\n" for name, value in variables.items()))
+    return subprocess.run(
+        ["make", "-s", "--no-print-directory", "-C", PROJECT / "package" / package, f"TOPDIR={PROJECT}/testbed/feed",
+         f"STAGE={stage}", f"BUILD={BUILD}", f"CONFIG={config}", f"FWUPDATE_SOURCE={PROJECT}", *words, goal],
+        capture_output=True, text=True, check=check)

@@ -1,13 +1,11 @@
 # SPDX-License-Identifier: ISC
 """What package/fwupdate says and installs, by its own Makefile."""
-import json
 import re
 import subprocess
 
-import jsonschema
 import pytest
 
-from packages import BUS_SCHEMA, SESSION_SCHEMA, install_package
+from packages import install_package, make
 from simulated_router import BUILD, PROJECT, Router
 
 PACKAGE = "fwupdate"
@@ -17,15 +15,7 @@ INSTALLED = {
     "etc/uci-defaults/90-fwupdate": 0o755,
     "usr/bin/fwupdate-cli": 0o755,
     "usr/sbin/fwupdate": 0o755,
-    "usr/share/acl.d/fwupdate.json": 0o644,
-    "usr/share/fwupdate-cli/bus.sh": 0o644,
-    "usr/share/fwupdate-cli/hints.sh": 0o644,
-    "usr/share/fwupdate-cli/job.sh": 0o644,
-    "usr/share/fwupdate-cli/screen.sh": 0o644,
-    "usr/share/fwupdate-cli/update.sh": 0o644,
-    "usr/share/fwupdate-cli/watch.sh": 0o644,
-    "usr/share/rpcd/acl.d/fwupdate.json": 0o644,
-}
+} | {f"usr/share/fwupdate-cli/{part.name}": 0o644 for part in (PROJECT / "cli/lib").glob("*.sh")}
 URL = "http://update.example.com/update.xml"
 
 
@@ -33,6 +23,11 @@ def test_installs_these_files_and_no_others(root):
     files = {str(path.relative_to(root)): path.stat().st_mode & 0o777
              for path in root.rglob("*") if not path.is_dir()}
     assert files == INSTALLED
+
+
+def test_grants_nobody_anything(root):
+    """The bus lets root in. Who else needs the daemon brings a list: the page's package does."""
+    assert not list(root.rglob("*acl.d*"))
 
 
 def test_installs_what_the_build_made(root, tmp_path):
@@ -67,7 +62,7 @@ def test_depends_on_what_the_daemon_needs_but_no_cxx_runtime(fields):
     depends = fields["fwupdate.DEPENDS"].split()
     assert "libstdcpp" not in fields["fwupdate.DEPENDS"]
     assert all(re.fullmatch(r"\+[a-z0-9-]+", name) for name in depends)
-    assert {"+libubox", "+libubus", "+libcurl", "+libmxml", "+miniz"} <= set(depends)
+    assert {"+libubox", "+libubus", "+libcurl", "+mxml", "+zlib"} <= set(depends)
     # The programs that it and fwupdate-cli call, where they are packages of their own.
     assert {"+ubus", "+uci", "+jsonfilter", "+fwtool", "+uboot-envtools"} <= set(depends)
 
@@ -75,8 +70,7 @@ def test_depends_on_what_the_daemon_needs_but_no_cxx_runtime(fields):
 def test_builds_src_alone_with_the_configured_url(fields):
     options = fields["CMAKE_OPTIONS"]
     assert options.split() == ["-DBUILD_TESTING=OFF", "-DFWUPDATE_LIBRARIES=system",
-                               f'-DFWUPDATE_MANIFEST_URL="{URL}"']
-    assert fields["PKG_CONFIG_DEPENDS"] == "CONFIG_FWUPDATE_MANIFEST_URL"
+                               "-DFWUPDATE_HARDENING=OFF", f'-DFWUPDATE_MANIFEST_URL="{URL}"']
     config = fields["fwupdate.config"]
     assert config.startswith("config FWUPDATE_MANIFEST_URL string ")
     assert f'default "{URL}"' in config and "depends on PACKAGE_fwupdate" in config
@@ -90,33 +84,46 @@ def test_version_is_the_same_everywhere(fields):
     assert f"\nversion={version}\n" in command
 
 
+def test_every_entry_of_the_menu_rebuilds_the_package(fields):
+    entries = set(re.findall(r"config (FWUPDATE_\w+)", fields["fwupdate.config"]))
+    assert len(entries) == 2
+    assert fields["PKG_CONFIG_DEPENDS"].split() == [f"CONFIG_{entry}" for entry in sorted(entries, reverse=True)]
+
+
 def test_without_sources_the_build_says_what_is_missing(tmp_path):
-    make = subprocess.run(
-        ["make", "-s", "-C", PROJECT / "package/fwupdate", f"TOPDIR={PROJECT}/testbed/feed",
-         f"STAGE={tmp_path}", f"BUILD={BUILD}", "FWUPDATE_SOURCE=/nowhere"],
-        capture_output=True, text=True, check=False)
-    assert make.returncode != 0
-    assert "no sources in /nowhere" in make.stderr
+    made = make("fwupdate", tmp_path, "FWUPDATE_SOURCE=/nowhere")
+    assert made.returncode != 0
+    assert "no sources in /nowhere" in made.stderr
 
 
-def test_bus_access_list(root):
-    access = json.loads((root / "usr/share/acl.d/fwupdate.json").read_text())
-    jsonschema.validate(access, BUS_SCHEMA)
-    assert access == {"user": "uhttpd", "access": {
-        "fwupdate": {"methods": ["check", "state", "update", "test"]}}}
+@pytest.mark.parametrize("name", ["libmxml", "miniz", "libc"])
+def test_a_name_that_no_feed_has_is_refused(tmp_path, name):
+    """A real build system warns, and leaves the package out."""
+    source = (PROJECT / "package/fwupdate/Makefile").read_text()
+    package = tmp_path / "package/fwupdate"
+    package.mkdir(parents=True)
+    (package / "Makefile").write_text(source.replace("+mxml", f"+{name}"))
+    made = make(package, tmp_path, goal="fields")
+    assert made.returncode != 0
+    assert f"fwupdate depends on what no feed has: {name}" in made.stderr
 
 
-def test_session_access_list(root):
-    groups = json.loads((root / "usr/share/rpcd/acl.d/fwupdate.json").read_text())
-    jsonschema.validate(groups, SESSION_SCHEMA)
-    assert groups["fwupdate"]["read"]["ubus"] == {"fwupdate": ["check", "state"]}
-    assert groups["fwupdate"]["write"]["ubus"] == {"fwupdate": ["update", "test"]}
+@pytest.mark.parametrize("url", ["http://h/o'clock", "http://h/a|b", "http://h/$b", "http://h/$(b)", "http://h/a`b`",
+                                 "http://h/a b", "http://h/#a", r"http://h/a\b", r"http://h/a\"b", "http://h/a;b",
+                                 "http://h/\u00e9"])
+def test_a_url_that_would_not_arrive_whole_is_refused(tmp_path, url):
+    made = make("fwupdate", tmp_path, **{"CONFIG_FWUPDATE_MANIFEST_URL": f'"{url}"'})
+    assert made.returncode != 0
+    assert "FWUPDATE_MANIFEST_URL may hold letters, digits and -._~:/?&=%+,@[] only" in made.stderr
+    assert "make menuconfig" in made.stderr
+    assert not (tmp_path / "fwupdate").exists()
 
 
-@pytest.mark.parametrize("text", ['{"acces": {}}', '{"user": "x"}', '{"user": "x", "access": []}'])
-def test_the_schema_refuses_what_the_broker_would_not_read(text):
-    with pytest.raises(jsonschema.ValidationError):
-        jsonschema.validate(json.loads(text), BUS_SCHEMA)
+def test_former_urls_are_looked_at_too_and_may_be_several(tmp_path):
+    option = "CONFIG_FWUPDATE_FORMER_MANIFEST_URLS"
+    refused = make("fwupdate", tmp_path, **{option: '"http://h/a http://h/a|b"'})
+    assert refused.returncode != 0 and "FWUPDATE_FORMER_MANIFEST_URLS may hold" in refused.stderr
+    assert make("fwupdate", tmp_path, **{option: '"http://h/a http://h/b"'}).returncode == 0
 
 
 def test_scripts_pass_shellcheck():
@@ -127,34 +134,44 @@ def test_scripts_pass_shellcheck():
     subprocess.run(["shellcheck", *scripts], check=True)
 
 
+URL_WITH_SIGNS = "http://our.example/a?b=1&c=%20,@[::1]"
+
+
 @pytest.fixture
 def router(tmp_path):
-    install_package("--url", "http://our.example/a?b=1&c=2", "fwupdate", tmp_path)
-    with Router("--no-daemon", "--bind", tmp_path, "--no-server") as router:
-        router.must(f"cp -R {tmp_path}/. /")
+    make("fwupdate", tmp_path / "stage", check=True, CONFIG_FWUPDATE_MANIFEST_URL=f'"{URL_WITH_SIGNS}"',
+         CONFIG_FWUPDATE_FORMER_MANIFEST_URLS='"http://old.example/a http://older.example/?b=1&c=2"')
+    root = tmp_path / "stage/fwupdate"
+    with Router("--no-daemon", "--bind", root, "--no-server") as router:
+        router.must(f"cp -R {root}/. /")
         yield router
 
 
 OPTION = "system.@system[0].fwupdate_xml_url"
+# As the boot does it: read by another shell, which then deletes the script.
+DEFAULTS = "( cd /etc/uci-defaults && . ./90-fwupdate ) && rm /etc/uci-defaults/90-fwupdate"
 
 
-def test_defaults_write_the_url_that_was_built_in(router):
-    assert router.run(f"uci get {OPTION}").status == 1
-    assert router.run("sh /etc/uci-defaults/90-fwupdate").status == 0
-    assert router.run(f"uci get {OPTION}").output == "http://our.example/a?b=1&c=2\n"
-    assert router.run("uci get system.@system[0].hostname").output == "router\n"
-
-
-def test_defaults_never_overwrite_a_configured_url(router):
-    router.run(f"uci set {OPTION}=http://mine.example/; cp /etc/config/system /tmp/before")
-    assert router.run("sh /etc/uci-defaults/90-fwupdate").status == 0
+def test_defaults_write_no_url(router):
+    """It would hide the URL of every later firmware."""
+    router.run("cp /etc/config/system /tmp/before")
+    assert router.run(DEFAULTS).status == 0
     assert router.run("cmp /etc/config/system /tmp/before").status == 0
 
 
-def test_defaults_do_nothing_when_no_url_was_built_in(router):
-    router.run("sed -i \"s/^url=.*/url=''/\" /etc/uci-defaults/90-fwupdate")
-    assert router.run("sh /etc/uci-defaults/90-fwupdate").status == 0
+@pytest.mark.parametrize("url", [URL_WITH_SIGNS, "http://old.example/a", "http://older.example/?b=1&c=2"])
+def test_defaults_take_out_what_an_earlier_version_wrote(router, url):
+    router.must(f"uci set '{OPTION}={url}'")
+    assert router.run(DEFAULTS).status == 0
     assert router.run(f"uci get {OPTION}").status == 1
+    assert router.run("uci get system.@system[0].hostname").output == "router\n"
+
+
+@pytest.mark.parametrize("url", ["http://mine.example/", "http://old.example/ab", "http://old.example", "*"])
+def test_defaults_keep_what_somebody_has_set(router, url):
+    router.must(f"uci set '{OPTION}={url}'; cp /etc/config/system /tmp/before")
+    assert router.run(DEFAULTS).status == 0
+    assert router.run("cmp /etc/config/system /tmp/before").status == 0
 
 
 def test_the_feeds_own_test_passes_and_can_fail(router, fields):

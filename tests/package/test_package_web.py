@@ -5,8 +5,10 @@ import re
 
 import jsonschema
 
-from packages import BUS_SCHEMA, SESSION_SCHEMA, install_package
-from simulated_router import PROJECT
+import pytest
+
+from packages import BUS_SCHEMA, SESSION_SCHEMA, install_package, make
+from simulated_router import PROJECT, Router
 
 PACKAGE = "fwupdate-web"
 SOURCES = {
@@ -73,3 +75,21 @@ def test_access_lists_name_each_call_of_the_page_and_no_other(root):
 def test_only_looking_is_reading(root):
     rights = json.loads((root / "usr/share/rpcd/acl.d/fwupdate-web.json").read_text())["fwupdate-web"]
     assert rights["write"]["ubus"] == {"fwupdate": ["test"], "fwupdate-job": ["start"]}
+
+
+@pytest.mark.parametrize("text", ['{"acces": {}}', '{"user": "x"}', '{"user": "x", "access": []}'])
+def test_the_schema_refuses_what_the_broker_would_not_read(text):
+    with pytest.raises(jsonschema.ValidationError):
+        jsonschema.validate(json.loads(text), BUS_SCHEMA)
+
+
+@pytest.mark.parametrize("script", ["postinst", "postrm"])
+def test_rpcd_reads_its_lists_anew_and_keeps_its_sessions(script, tmp_path):
+    """Its `restart` would end every session. A script that runs while an image is built does nothing."""
+    make(PACKAGE, tmp_path, check=True)
+    with Router("--no-daemon", "--bind", tmp_path, "--no-server") as router:
+        router.must("mkdir -p /etc/init.d; printf '#!/bin/sh\\necho \"$*\" >>/tmp/asked\\n' >/etc/init.d/rpcd; chmod +x /etc/init.d/rpcd")
+        assert router.run(f"IPKG_INSTROOT=/image sh {tmp_path}/{PACKAGE}.{script}").status == 0
+        assert router.run("cat /tmp/asked").status != 0
+        assert router.run(f"sh {tmp_path}/{PACKAGE}.{script}").status == 0
+        assert router.run("cat /tmp/asked").output == "reload\n"

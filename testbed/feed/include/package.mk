@@ -15,10 +15,20 @@ endef
 define Build/Prepare
 endef
 
+# What a package may depend on: the packages of this clone and those of the feeds. A real
+# build system only warns about any other name, and leaves the package out.
+FEED_NAMES:=$(file <$(TOPDIR)/names) $(notdir $(patsubst %/Makefile,%,$(wildcard $(CURDIR)/../*/Makefile)))
+# "+NAME", "+SYMBOL:NAME" and "NAME" name a package, "@SYMBOL" does not.
+depended=$(lastword $(subst :, ,$(patsubst +%,%,$(1))))
+unknown=$(strip $(foreach word,$(filter-out @%,$(1)),$(filter-out $(FEED_NAMES),$(call depended,$(word)))))
+
 prepare:
 	$(call Build/Prepare)
 
-compile: prepare
+configure: prepare
+	$(call Build/Configure)
+
+compile: configure
 	$(call Build/Compile)
 
 fields:
@@ -31,12 +41,19 @@ fields:
 	$(info PKG_CONFIG_DEPENDS=$(PKG_CONFIG_DEPENDS))
 	$(info CMAKE_OPTIONS=$(strip $(CMAKE_OPTIONS)))
 
+# What runs on a router before and after a package comes and goes: STAGE/PACKAGE.SCRIPT,
+# empty where it has none.
+scripts:=preinst postinst prerm postrm
+
 # The fields stand in a definition of assignments; evaluated, they are variables.
 define BuildPackage
+$(eval DEPENDS:=)$(eval $(Package/$(1)))
+$(if $(call unknown,$(DEPENDS)),$(error $(1) depends on what no feed has: $(call unknown,$(DEPENDS))))
 install: install-$(1)
 install-$(1): compile
 	mkdir -p $$(STAGE)/$(1)
 	$$(call Package/$(1)/install,$$(STAGE)/$(1))
+	$$(foreach script,$(scripts),$$(file >$$(STAGE)/$(1).$$(script),$$(Package/$(1)/$$(script))))
 
 fields: fields-$(1)
 fields-$(1):
@@ -46,5 +63,5 @@ fields-$(1):
 	$$(info $(1).config=$$(call flat,$$(Package/$(1)/config)))
 	$$(info $(1).description=$$(call flat,$$(Package/$(1)/description)))
 
-.PHONY: install install-$(1) fields fields-$(1) prepare compile
+.PHONY: install install-$(1) fields fields-$(1) prepare configure compile
 endef
