@@ -98,7 +98,7 @@ class UpdateServer(Router):
 
     def publish(self, channel, image, build, *options):
         result = subprocess.run(
-            [PUBLISH, image, "--version", f"v{build}", "--build", build, "--out", self.server_root / "model-x" / channel,
+            [PUBLISH, "publish", image, "--version", f"v{build}", "--build", build, "--out", self.server_root / "model-x" / channel,
              "--url", f"http://192.0.2.1/model-x/{channel}", "--model", "MODEL-X", *options],
             capture_output=True, text=True)
         assert result.returncode == 0, result.stderr

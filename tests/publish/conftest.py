@@ -40,7 +40,7 @@ class Publisher:
         flags = ["--" + name.replace("_", "-") for name, value in changes.items() if value is True]
         values.update((k, v) for k, v in changes.items() if v is not True)
         image = values.pop("image")
-        words = [] if image is None else [image]
+        words = ["publish"] if image is None else ["publish", image]
         for name, value in values.items():
             if value is not None:
                 words += ["--" + name.replace("_", "-"), str(value)]

@@ -2,12 +2,14 @@
 """The served folder: image first, manifest last, earlier releases kept, rollback."""
 import os
 import stat
+import subprocess
 import xml.etree.ElementTree as ElementTree
 
 import pytest
-from fwupdate_publish import folder as folders
-from fwupdate_publish.folder import Folder
-from fwupdate_publish.manifest import Manifest
+from fwupdate_maker.publisher import command_line
+from fwupdate_maker.publisher import folder as folders
+from fwupdate_maker.publisher.folder import Folder
+from fwupdate_maker.publisher.manifest import Manifest
 from make_images import uimage
 
 
@@ -46,21 +48,28 @@ def test_manifest_begins_with_the_declaration(publisher):
     assert (publisher.out / "update.xml").read_bytes().startswith(b'<?xml version="1.0" encoding="utf-8"?>\n<update>')
 
 
+def put(folder, release, image):
+    """Publishes without the command line."""
+    with folder.locked(0, print):
+        folder.publish(release, image.name, lambda target: target.write(image.read_bytes()), lambda part: None)
+
+
 def test_image_comes_first_and_the_manifest_last_each_by_rename(publisher, monkeypatch):
     moved = []
     real = os.replace
     monkeypatch.setattr(os, "replace", lambda a, b: (moved.append((os.path.basename(a), str(b))), real(a, b)))
-    Folder(publisher.out).publish(manifest("5"), publisher.image)
+    put(Folder(publisher.out), manifest("5"), publisher.image)
     release = f"{publisher.out}/releases/5/"
-    assert moved == [(".firmware.bin.part", release + "firmware.bin"), (".update.xml.part", release + "update.xml"),
-                     (".update.xml.part", f"{publisher.out}/update.xml")]
+    assert moved == [(".firmware.bin.part", release + "firmware.bin"),
+                     (".firmware.bin.sha256.part", release + "firmware.bin.sha256"),
+                     (".update.xml.part", f"{publisher.out}/update.xml"), (".update.xml.part", release + "update.xml")]
 
 
 @pytest.mark.parametrize("step", [0, 1, 2])
 def test_failure_on_the_way_leaves_the_earlier_manifest(publisher, monkeypatch, step):
     folder = Folder(publisher.out)
-    folder.publish(manifest("5"), publisher.image)
-    before = (publisher.out / "update.xml").read_bytes()
+    put(folder, manifest("5"), publisher.image)
+    before = publisher.files()
     calls = []
 
     def failing(source, target):
@@ -71,20 +80,33 @@ def test_failure_on_the_way_leaves_the_earlier_manifest(publisher, monkeypatch, 
 
     monkeypatch.setattr(folders.os, "replace", failing)
     with pytest.raises(OSError):
-        folder.publish(manifest("6"), publisher.image)
-    assert (publisher.out / "update.xml").read_bytes() == before
-    assert not list(publisher.out.rglob("*.part"))
+        put(folder, manifest("6"), publisher.image)
+    assert publisher.files() == before
     # And it can be repeated.
     monkeypatch.undo()
-    folder.publish(manifest("6"), publisher.image)
+    put(folder, manifest("6"), publisher.image)
     assert offered(publisher)["buildtime"] == "6"
 
 
-def test_files_are_readable_for_the_server(publisher):
-    os.umask(0o022)
-    publish(publisher, "174200000")
-    for path in publisher.out.rglob("*"):
+@pytest.mark.parametrize("umask", [0, 0o022, 0o077, 0o777])
+def test_files_are_readable_for_the_server(publisher, umask):
+    before = os.umask(umask)
+    try:
+        result = publisher.publish(out=publisher.folder / "new/served")
+    finally:
+        os.umask(before)
+    assert result.returncode == 0, result.text
+    for path in (publisher.folder / "new").rglob("*"):
         assert stat.S_IMODE(path.stat().st_mode) == (0o755 if path.is_dir() else 0o644), path
+
+
+def test_files_keep_the_mode_they_had(publisher):
+    publish(publisher, "1")
+    (publisher.out / "update.xml").chmod(0o640)
+    (publisher.out / "releases").chmod(0o2750)
+    publish(publisher, "2")
+    assert stat.S_IMODE((publisher.out / "update.xml").stat().st_mode) == 0o640
+    assert stat.S_IMODE((publisher.out / "releases").stat().st_mode) == 0o2750
 
 
 def test_image_is_copied_byte_for_byte(publisher):
@@ -118,6 +140,49 @@ def test_build_number_is_not_given_to_another_image(publisher, name):
     other.unlink()
     publisher.image.write_bytes(uimage(b"1"))
     assert publisher.files() == before
+
+
+def test_image_of_a_build_that_was_never_offered_may_be_replaced(publisher):
+    """A publishing that was killed has left it there."""
+    release = publisher.out / "releases/2"
+    release.mkdir(parents=True)
+    (release / "firmware.bin").write_bytes(uimage(b"before it was built again"))
+    (release / "other.bin").write_bytes(b"left over")
+    publish(publisher, "2")
+    assert sorted(p.name for p in release.iterdir()) == ["firmware.bin", "firmware.bin.sha256", "update.xml"]
+    assert (release / "firmware.bin").read_bytes() == uimage(b"2")
+
+
+def test_release_that_a_kill_left_unkept_is_kept(publisher):
+    publish(publisher, "1")
+    publish(publisher, "2")
+    kept = publisher.out / "releases/2/update.xml"
+    before = kept.read_bytes()
+    kept.unlink()
+    publisher.image.write_bytes(uimage(b"another"))
+    assert "published with another image" in publisher.publish(build="2").text
+    publish(publisher, "3")
+    assert kept.read_bytes() == before
+
+
+@pytest.mark.parametrize("builds", [[], ["1"]])
+def test_image_that_changes_while_it_is_copied_is_not_published(publisher, monkeypatch, builds):
+    """What was checked is what is published: the copy is checked, not the source."""
+    for build in builds:
+        publish(publisher, build)
+    before = publisher.files()
+    real = command_line.copy
+
+    def copy(options, release, image, target):
+        publisher.image.write_bytes(uimage(b"2")[:-1] + b"?")
+        real(options, release, image, target)
+
+    monkeypatch.setattr(command_line, "copy", copy)
+    image_of(publisher, b"2")
+    assert command_line.main(list(map(str, publisher.words(build="2")))) == 2
+    publisher.image.write_bytes(uimage(b"1"))
+    assert {k: v for k, v in publisher.files().items() if k.startswith("served")} == \
+        {k: v for k, v in before.items() if k.startswith("served")}
 
 
 def test_lower_build_number_is_refused(publisher):
@@ -157,6 +222,111 @@ def test_rollback_to_a_named_release(publisher):
         publish(publisher, build)
     assert rollback(publisher, "1").returncode == 0
     assert offered(publisher)["buildtime"] == "1"
+
+
+def test_rollback_says_what_routers_are_offered_instead(publisher):
+    publish(publisher, "1")
+    publish(publisher, "2")
+    assert "Version v1, build 1, forced in place of version v2, build 2: every router" in rollback(publisher).text
+
+
+def test_rollback_after_a_rollback_needs_a_build(publisher):
+    """Said twice by mistake, it would go back one release more."""
+    for build in ("1", "2", "3"):
+        publish(publisher, build)
+    assert rollback(publisher).returncode == 0
+    result = rollback(publisher)
+    assert result.returncode == 2 and "build 2 was put back already" in result.text
+    assert offered(publisher)["buildtime"] == "2"
+    assert rollback(publisher, "1").returncode == 0
+    assert rollback(publisher, "1").returncode == 0
+    assert offered(publisher)["buildtime"] == "1"
+
+
+def test_rollback_of_a_damaged_image_is_refused(publisher):
+    """Its checksum is kept, so that a change is seen that the image's own CRC allows."""
+    publish(publisher, "1")
+    publish(publisher, "2")
+    image = publisher.out / "releases/1/firmware.bin"
+    image.write_bytes(uimage(b"3"))
+    before = publisher.files()
+    result = rollback(publisher)
+    assert result.returncode == 2 and "its checksum is another" in result.text
+    assert publisher.files() == before
+    # Published before checksums were kept: its CRC is all there is.
+    image.with_name("firmware.bin.sha256").unlink()
+    image.write_bytes(uimage(b"3")[:-1] + b"?")
+    assert "CRC of its data" in rollback(publisher).text
+    image.write_bytes(uimage(b"1"))
+    assert rollback(publisher).returncode == 0
+
+
+def test_checksum_is_as_sha256sum_reads_it(publisher):
+    publish(publisher, "1")
+    subprocess.run(["sha256sum", "-c", "firmware.bin.sha256"], cwd=publisher.out / "releases/1", check=True)
+
+
+def test_rollback_takes_the_present_address(publisher):
+    publish(publisher, "1")
+    publish(publisher, "2", url="http://moved.example.com/x")
+    assert rollback(publisher).returncode == 0
+    assert offered(publisher)["url"] == "http://moved.example.com/x/releases/1/firmware.bin"
+    assert rollback(publisher, "1", "--url", "http://192.0.2.9/").returncode == 0
+    assert offered(publisher)["url"] == "http://192.0.2.9/releases/1/firmware.bin"
+    assert rollback(publisher, "1", "--url", "ftp://x").returncode == 2
+
+
+def test_rollback_lists_only_what_is_there(publisher):
+    for build in ("1", "2", "3"):
+        publish(publisher, build)
+    (publisher.out / "releases/2/firmware.bin").unlink()
+    assert "Kept are: 1, 3." in rollback(publisher, "7").text
+
+
+def test_promote_offers_the_candidate_in_stable(publisher):
+    stable = publisher.folder / "stable"
+    publish(publisher, "1", out=stable, url="http://192.0.2.1/stable")
+    publish(publisher, "2", notes=publisher.notes("better"), url="http://192.0.2.1/candidate")
+    result = publisher.run("promote", "--from", publisher.out, "--to", stable)
+    assert result.returncode == 0, result.text
+    text = (stable / "update.xml").read_text()
+    assert "<url>http://192.0.2.1/stable/releases/2/firmware.bin</url>" in text
+    assert "<release_notes>better</release_notes>" in text and "<force_update>0<" in text
+    assert (stable / "releases/2/firmware.bin").read_bytes() == uimage(b"2")
+    # Into an empty folder only with its address; and a damaged candidate not at all.
+    new = publisher.folder / "new"
+    assert "Give --url" in publisher.run("promote", "--from", publisher.out, "--to", new).text
+    (publisher.out / "releases/2/firmware.bin").write_bytes(uimage(b"3"))
+    result = publisher.run("promote", "--from", publisher.out, "--to", new, "--url", "http://192.0.2.1")
+    assert result.returncode == 2 and "its checksum is another" in result.text and not new.exists()
+
+
+def test_list_and_status_tell_what_there_is(publisher):
+    publish(publisher, "1")
+    publish(publisher, "2")
+    (publisher.out / "releases/1/firmware.bin").unlink()
+    result = publisher.run("list", "--out", publisher.out)
+    assert result.text.splitlines() == ["           1  v1                   the image is gone",
+                                        "*          2  v2                   65 bytes"]
+    result = publisher.run("status", "--out", publisher.out)
+    assert result.returncode == 0 and "Offered: version v2, build 2\n" in result.text and "as published" in result.text
+    (publisher.out / "releases/2/firmware.bin").write_bytes(uimage(b"3"))
+    result = publisher.run("status", "--out", publisher.out)
+    assert result.returncode == 1 and "its checksum is another" in result.text
+    assert publisher.run("status", "--out", publisher.folder / "gone").returncode == 2
+
+
+def test_prune_keeps_the_newest_and_what_is_offered(publisher):
+    for build in ("1", "2", "3", "4", "5"):
+        publish(publisher, build)
+    assert rollback(publisher, "2").returncode == 0
+    before = publisher.files()
+    result = publisher.run("prune", "--keep", "2", "--out", publisher.out, "--dry-run")
+    assert result.text.splitlines()[:2] == ["Would be removed: release 1", "Would be removed: release 3"]
+    assert publisher.files() == before
+    assert publisher.run("prune", "--keep", "2", "--out", publisher.out).returncode == 0
+    assert Folder(publisher.out).kept() == ["2", "4", "5"]
+    assert sorted(p.name for p in (publisher.out / "releases").iterdir()) == ["2", "4", "5"]
 
 
 def test_rollback_leaves_the_kept_releases_as_they_are(publisher):

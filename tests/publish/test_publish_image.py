@@ -7,6 +7,16 @@ PAYLOAD = bytes(range(256)) * 8
 EQUAL = {"load": 0x80008000, "entry": 0x80008000}
 FWTOOL_UIMAGE = with_metadata(uimage(PAYLOAD, **EQUAL))
 
+
+
+def nested(levels):
+    """A value of so many levels."""
+    value = 1
+    for _ in range(levels - 1):
+        value = [value]
+    return value
+
+
 GOOD = {
     "uimage": uimage(PAYLOAD),
     "uimage in lower case": uimage(PAYLOAD, name=b"model-x"),
@@ -25,6 +35,7 @@ GOOD = {
     "second metadata count": with_metadata(with_metadata(PAYLOAD, devices=["A", "B"])),
     "metadata on equal words in the beginning": with_metadata(bytes(100)),
     "metadata on one byte": with_metadata(b"x"),
+    "metadata as deep as a router reads": with_metadata(PAYLOAD, deep=nested(31)),
 }
 
 # The reason, and the image.
@@ -63,12 +74,17 @@ BAD = {
     "trailer size": ("gives the size 10", chunk(PAYLOAD, b"{}", size=10)),
     "only a signature": ("neither a U-Boot image", chunk(PAYLOAD, b"signature", kind=0)),
     "no JSON": ("are no JSON", chunk(PAYLOAD, b"not JSON")),
+    "metadata too deep": ("more than 32 values within values", with_metadata(PAYLOAD, deep=nested(32))),
+    "metadata far too deep": ("more than 32 values within values",
+                              chunk(PAYLOAD, b'{"supported_devices": ["MODEL-X"], "a": ' + b"[" * 9000 + b"]" * 9000 + b"}")),
     "JSON list": ("no JSON object", chunk(PAYLOAD, b'["MODEL-X"]')),
 }
 
 # A router would take these, but cut the text, or not boot.
 BAD_FOR_OTHER_REASONS = {
     "long custom ID": ("keeps 7", with_metadata(PAYLOAD, customid="12345678")),
+    "wrong size in the header": ("a boot loader does, and would not start it", uimage(PAYLOAD, size=len(PAYLOAD) - 1)),
+    "larger size in the header": ("a boot loader does, and would not start it", uimage(PAYLOAD, size=len(PAYLOAD) + 1)),
     "data CRC beside metadata": ("CRC of its data", with_metadata(uimage(PAYLOAD, data_crc=1, **EQUAL))),
 }
 
@@ -133,3 +149,13 @@ def test_image_without_a_named_model_is_published_for_its_own(publisher):
     publisher.image.write_bytes(uimage(PAYLOAD, name=b"Other"))
     result = publisher.publish()
     assert result.returncode == 0 and "for the model Other" in result.text
+
+
+def test_image_for_another_model_than_the_last_is_refused(publisher):
+    assert publisher.publish(build="1").returncode == 0
+    before = (publisher.out / "update.xml").read_bytes()
+    publisher.image.write_bytes(uimage(PAYLOAD, name=b"OTHER"))
+    result = publisher.publish(build="2")
+    assert result.returncode == 2 and "made for the model 'OTHER'" in result.text and "--other-model" in result.text
+    assert (publisher.out / "update.xml").read_bytes() == before
+    assert publisher.publish(build="2", other_model=True).returncode == 0

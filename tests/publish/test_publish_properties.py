@@ -11,7 +11,7 @@ import re
 import string
 
 import pytest
-from fwupdate_publish import command_line, manifest
+from fwupdate_maker.publisher import command_line, manifest
 from hypothesis import HealthCheck, assume, given, settings
 from hypothesis import strategies as st
 from make_images import uimage
@@ -46,7 +46,7 @@ def run(folder, out, values):
     notes.write_bytes(values["notes"].encode("utf-8", "surrogateescape"))
     image = folder / "firmware.bin"
     image.write_bytes(uimage(b"kernel"))
-    words = [str(image), "--out", str(out), "--notes", str(notes), f"--version={values['version']}",
+    words = ["publish", str(image), "--out", str(out), "--notes", str(notes), f"--version={values['version']}",
              f"--build={values['build']}", f"--url={values['url']}"] + ["--force"] * values["force"]
     said = io.StringIO()
     with contextlib.redirect_stdout(said), contextlib.redirect_stderr(said):

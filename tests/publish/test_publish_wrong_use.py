@@ -1,12 +1,15 @@
 # SPDX-License-Identifier: ISC
 """Wrong uses of fwupdate-publish that are about files and the command line itself:
 what is wrong is said, and nothing is changed."""
+import contextlib
+import fcntl
 import os
+import signal
 import subprocess
 
 import pytest
-from make_images import uimage
-from simulated_router import PROJECT
+from make_images import uimage, with_metadata
+from simulated_router import PROJECT, wait_until
 
 PROGRAM = str(PROJECT / "publish/fwupdate-publish")
 
@@ -128,7 +131,7 @@ def test_option_that_is_given_twice(publisher, option, value):
 
 @pytest.mark.parametrize("changes, reason", [
     ({"build": "9" * 5000}, "it has 5000 digits"), ({"partition_size": "9" * 5000}, "is no size"),
-    ({"version": "v" * 5000}, "it has 5000 bytes"), ({"url": "http://" + "h" * 5000}, "a router keeps 255"),
+    ({"version": "v" * 5000}, "it has 5000 bytes"), ({"url": "http://192.0.2.1/" + "h" * 5000}, "a router keeps 255"),
     ({"image": "i" * 5000}, "there is no such file"), ({"out": "o" * 5000}, "File name too long")])
 def test_overlong_value_is_shown_cut(publisher, changes, reason):
     before = publisher.files()
@@ -143,7 +146,7 @@ def test_control_characters_do_not_reach_the_terminal(publisher, changes):
     (publisher.folder / "firmware.bin\x1b").write_text("in the way")
     before = publisher.files()
     result = publisher.publish(**changes)
-    assert_refused(publisher, result, before, "\\x1b" if "version" not in changes else "'2\\x0a0'")
+    assert_refused(publisher, result, before, "\\x1b" if "version" not in changes else "'2\\n0'")
     assert "\x1b" not in result.text
 
 
@@ -158,3 +161,65 @@ def test_full_output_is_noticed_before_anything_is_written(publisher):
     assert result.returncode == 1, result.text
     assert result.text == "fwupdate-publish: standard output: No space left on device.\n"
     assert not publisher.out.exists()
+
+
+@pytest.mark.parametrize("number, status", [(signal.SIGINT, 130), (signal.SIGTERM, 143)])
+def test_signal_ends_it_cleanly(publisher, number, status):
+    """While it waits for the folder, and so before anything is written."""
+    assert publisher.publish(build="1").returncode == 0
+    before = publisher.files()
+    with locked(publisher.out):
+        process = subprocess.Popen([PROGRAM, *words(publisher)], stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        while b"waiting for it" not in (line := process.stdout.readline()):
+            assert line
+        process.send_signal(number)
+        text = process.communicate(timeout=60)[0].decode()
+    assert (process.returncode, text) == (status, "fwupdate-publish: ended by a signal.\n")
+    assert publisher.files() == before
+
+
+@pytest.mark.parametrize("number, status", [(signal.SIGINT, 130), (signal.SIGTERM, 143)])
+def test_signal_in_the_middle_leaves_what_was_offered(publisher, number, status):
+    """The image's copy is under way: a tool that signs it is waited for."""
+    publisher.image.write_bytes(with_metadata(b"squashfs"))
+    assert publisher.publish(build="1").returncode == 0
+    before = publisher.files()
+    tool = publisher.folder / "bin/usign"
+    tool.parent.mkdir()
+    tool.write_text("#!/bin/sh\necho signing >&2\nexec sleep 60\n")
+    tool.chmod(0o755)
+    (publisher.folder / "key.sec").write_text("untrusted comment: secret\nAAAA\n")
+    shown = publisher.folder / "shown"
+    with open(shown, "wb") as output:
+        process = subprocess.Popen([PROGRAM, *words(publisher, sign="key.sec")], cwd=publisher.folder, stdout=output,
+                                   stderr=output, env={**os.environ, "PATH": f"{tool.parent}:{os.environ['PATH']}"})
+        wait_until(lambda: list(publisher.out.rglob("*.part")), "the copy is under way")
+        process.send_signal(number)
+        assert process.wait(60) == status
+    assert "update.xml is as it was." in shown.read_text()
+    assert {name: content for name, content in publisher.files().items() if name.startswith("served")} == \
+        {name: content for name, content in before.items() if name.startswith("served")}
+
+
+@contextlib.contextmanager
+def locked(folder):
+    descriptor = os.open(folder, os.O_RDONLY)
+    fcntl.flock(descriptor, fcntl.LOCK_EX)
+    yield
+    os.close(descriptor)
+
+
+def test_waiting_for_another_one_ends(publisher):
+    assert publisher.publish(build="1").returncode == 0
+    before = publisher.files()
+    with locked(publisher.out):
+        result = publisher.publish(wait=0)
+    assert result.returncode == 1 and "still works in this folder after 0 seconds" in result.text
+    assert publisher.files() == before
+    assert publisher.publish(wait=0).returncode == 0
+
+
+def test_notes_from_a_pipe_that_nobody_writes(publisher):
+    os.mkfifo(publisher.folder / "pipe")
+    result = publisher.publish(notes=publisher.folder / "pipe")
+    assert result.returncode == 2 and "release notes: it is empty" in result.text

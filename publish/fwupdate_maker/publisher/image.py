@@ -4,14 +4,20 @@
 The same decisions as the daemon's image check. Where a boot loader would refuse what
 the daemon lets pass, the boot loader decides: an image that does not boot is no use.
 """
+from __future__ import annotations
+
+import contextlib
 import dataclasses
 import mmap
+import os
 import re
 import struct
 import zlib
+from typing import Any, Iterator
 
+from ..refusal import Refusal
 from . import fwtool
-from .refusal import Refusal
+
 
 UIMAGE_MAGIC = 0x27051956
 HEADER = struct.Struct(">IIIIIIIBBBB32s")
@@ -38,33 +44,40 @@ class UimageHeader:
     name: bytes
 
     @classmethod
-    def of(cls, image):
+    def of(cls, image: Any) -> UimageHeader:
         return cls(*HEADER.unpack(bytes(image[:HEADER.size]).ljust(HEADER.size, b"\0")))
 
-    def vouched_by_fwtool(self):
+    def vouched_by_fwtool(self) -> bool:
         """The rule that sends a router to fwtool instead of the data CRC."""
         return self.load == self.entry and self.name[28:] == bytes(4)
 
 
-def check_image(path, model=None, partition_size=None):
+def check_image(path: str, model: str | None = None, partition_size: int | None = None) -> str:
     """Returns the model that the file is made for. `model` is what it should be."""
-    with open(path, "rb") as file:
-        file.seek(0, 2)
-        size = file.tell()
-        check_size(path, size, partition_size)
-        with mmap.mmap(file.fileno(), 0, access=mmap.ACCESS_READ) as image:
-            header = UimageHeader.of(image)
-            if header.magic == UIMAGE_MAGIC:
-                with memoryview(image) as view:
-                    check_uimage(path, view, header)
-                found = uimage_model(path, header)
-            else:
-                found = metadata_model(path, image)
+    check_size(path, os.stat(path).st_size, partition_size)
+    with mapped(path) as image:
+        found = checked_model(path, image)
     check_model(path, found, model)
     return found
 
 
-def check_size(path, size, partition_size):
+@contextlib.contextmanager
+def mapped(path: str | os.PathLike[str]) -> Iterator[mmap.mmap]:
+    """The bytes of a file that is not empty."""
+    with open(path, "rb") as file, mmap.mmap(file.fileno(), 0, access=mmap.ACCESS_READ) as image:
+        yield image
+
+
+def checked_model(path: str, image: Any) -> str:
+    header = UimageHeader.of(image)
+    if header.magic != UIMAGE_MAGIC:
+        return metadata_model(path, image)
+    with memoryview(image) as view:
+        check_uimage(path, view, header)
+    return uimage_model(path, header)
+
+
+def check_size(path: str, size: int, partition_size: int | None) -> None:
     if size == 0:
         raise Refusal(f"image '{path}': it is empty.", REBUILD)
     if size > SIZE_LIMIT:
@@ -73,16 +86,23 @@ def check_size(path, size, partition_size):
     if partition_size is not None and size > partition_size:
         raise Refusal(f"image '{path}': it has {size} bytes, the flash partition {partition_size}.",
                       "Make the image smaller, or give the right --partition-size: the size that"
-                      " /proc/mtd shows for the partition that it goes to.")
+                      " /proc/mtd shows for the partition that it goes to, which is hexadecimal:"
+                      " write 0x in front of it.")
 
 
-def check_uimage(path, image, header):
+def check_uimage(path: str, image: memoryview, header: UimageHeader) -> None:
     if len(image) < HEADER.size:
         raise Refusal(f"image '{path}': it ends within its U-Boot header.", REBUILD)
     blank = HEADER.pack(header.magic, 0, *dataclasses.astuple(header)[2:])
     if zlib.crc32(blank) != header.header_crc:
         raise Refusal(f"image '{path}': the CRC of its U-Boot header is wrong.", REBUILD)
     rest = len(image) - HEADER.size
+    whole = zlib.crc32(image[HEADER.size:])
+    if header.size != rest and whole == header.data_crc:
+        raise Refusal(f"image '{path}': its U-Boot header announces {header.size} bytes of data, but its"
+                      f" checksum is that of all {rest} that follow. Routers take it, as they do not read the"
+                      " size; a boot loader does, and would not start it.",
+                      "Build the image again, with the size that it has.")
     if header.size > rest:
         raise Refusal(f"image '{path}': its U-Boot header announces {header.size} bytes of data,"
                       f" {rest} follow.", REBUILD)
@@ -90,7 +110,7 @@ def check_uimage(path, image, header):
         raise Refusal(f"image '{path}': the CRC of its data is wrong.", REBUILD)
     if header.vouched_by_fwtool():
         check_vouched(path, image)
-    elif zlib.crc32(image[HEADER.size:]) != header.data_crc:
+    elif whole != header.data_crc:
         raise Refusal(
             f"image '{path}': {rest - header.size} bytes follow the data that its U-Boot header"
             " announces. Routers take the data CRC over all that follows the header, so it"
@@ -99,7 +119,7 @@ def check_uimage(path, image, header):
             " name of at most 28 bytes and fwtool metadata: then these count instead.")
 
 
-def check_vouched(path, image):
+def check_vouched(path: str, image: memoryview) -> None:
     try:
         fwtool.read_metadata(path, image)
     except fwtool.NoMetadata:
@@ -109,7 +129,7 @@ def check_vouched(path, image):
                       " IMAGE'.") from None
 
 
-def uimage_model(path, header):
+def uimage_model(path: str, header: UimageHeader) -> str:
     """The header's name, without a custom ID in brackets."""
     name = header.name.split(b"\0")[0]
     if len(name) > MODEL_LIMIT:
@@ -123,7 +143,7 @@ def uimage_model(path, header):
     return name.decode()
 
 
-def metadata_model(path, image):
+def metadata_model(path: str, image: Any) -> str:
     """The one supported device of the metadata."""
     try:
         metadata = fwtool.read_metadata(path, image)
@@ -142,7 +162,7 @@ def metadata_model(path, image):
     return model
 
 
-def one_device(path, devices):
+def one_device(path: str, devices: Any) -> str:
     remedy = ('Write one name, for example "supported_devices": ["MODEL-X"], and make one image'
               " for each model.")
     if isinstance(devices, str):
@@ -167,7 +187,7 @@ def one_device(path, devices):
     return model
 
 
-def check_customid(path, model, version):
+def check_customid(path: str, model: str, version: Any) -> None:
     customid = version.get("customid") if isinstance(version, dict) else None
     if customid is None:
         return
@@ -185,7 +205,7 @@ def check_customid(path, model, version):
                       "Shorten the custom ID, or leave it out.")
 
 
-def check_model(path, found, wanted):
+def check_model(path: str, found: str, wanted: str | None) -> None:
     if wanted is not None and found.upper() != wanted.upper():
         raise Refusal(f"image '{path}': it is made for the model '{found}', not for '{wanted}'.",
                       "Give the image of that model; the model is the product name that 'ubus call"

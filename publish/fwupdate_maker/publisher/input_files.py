@@ -1,16 +1,18 @@
 # SPDX-License-Identifier: ISC
 """The files that the command line names: the image and the release notes."""
+from __future__ import annotations
+
 import os
 import sys
 
+from ..refusal import Refusal
 from . import manifest as manifests
 from .image import check_image
-from .refusal import Refusal
 
 NOTES_READ = 65536  # far more than routers keep; what is longer is no notes
 
 
-def check_image_file(image, model, partition_size):
+def check_image_file(image: str, model: str | None, partition_size: int | None) -> None:
     remedy = "Name the firmware image."
     check_there("image", image, remedy)
     if not os.path.isfile(image):
@@ -21,7 +23,7 @@ def check_image_file(image, model, partition_size):
         raise Refusal(f"image '{image}': {error.strerror}.", "Make it readable for you.") from None
 
 
-def check_there(what, name, remedy):
+def check_there(what: str, name: str, remedy: str) -> None:
     if name == "":
         raise Refusal(f"{what} '': it names no file.", remedy)
     if os.path.isdir(name):
@@ -30,7 +32,7 @@ def check_there(what, name, remedy):
         raise Refusal(f"{what} '{name}': there is no such file.", remedy)
 
 
-def read_notes(name):
+def read_notes(name: str | None) -> str:
     """The file's text without the line end at its end; "" is kept, to be refused."""
     if name is None:
         return manifests.NO_NOTES
@@ -44,7 +46,7 @@ def read_notes(name):
         raise Refusal(f"notes '{name}': byte {error.start} is no UTF-8.", "Save the file as UTF-8.") from None
 
 
-def notes_bytes(name):
+def notes_bytes(name: str) -> bytes:
     """The beginning of the file; one byte more than NOTES_READ when there is more."""
     if name == "-":
         if sys.stdin is None:
@@ -52,7 +54,10 @@ def notes_bytes(name):
         return sys.stdin.buffer.read(NOTES_READ + 1)
     check_there("notes", name, "Name a text file, or - for standard input.")
     try:
-        with open(name, "rb") as file:
+        # A pipe that nobody writes into would otherwise hold us for ever.
+        descriptor = os.open(name, os.O_RDONLY | os.O_NONBLOCK)
+        os.set_blocking(descriptor, True)
+        with open(descriptor, "rb") as file:
             return file.read(NOTES_READ + 1)
     except OSError as error:
         raise Refusal(f"notes '{name}': {error.strerror}.", "Make it readable for you.") from None
