@@ -18,7 +18,7 @@ namespace fwupdate
 // An answer is at most this long, in bytes, and must arrive in one piece.
 inline constexpr std::size_t MANIFEST_LIMIT = 1024;
 
-// Near the end of a text that holds a byte order mark Mini-XML reads up to three
+// Near the end of a text that holds a byte order mark Mini-XML 3 reads up to three
 // bytes too far; zeros behind the answer keep that harmless.
 inline constexpr std::size_t MANIFEST_OVERREAD = 4;
 

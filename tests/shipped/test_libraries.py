@@ -1,0 +1,66 @@
+# SPDX-License-Identifier: ISC
+"""Which libraries CMake takes, when more than one would do. The libraries here are empty files: nothing is
+linked."""
+import pathlib
+import subprocess
+
+import pytest
+
+PROJECT = pathlib.Path(__file__).resolve().parents[2]
+PROBE = f"""
+cmake_minimum_required(VERSION 3.25)
+project(probe C)
+set(BUILD_TESTING OFF)
+include({PROJECT}/cmake/Libraries.cmake)
+get_target_property(mxml fwupdate::mxml INTERFACE_LINK_LIBRARIES)
+get_target_property(version fwupdate::mxml INTERFACE_COMPILE_DEFINITIONS)
+file(WRITE ${{CMAKE_BINARY_DIR}}/mxml "${{mxml}} ${{version}}")
+"""
+
+
+class Installed:
+    """A folder that libraries are installed into, and what CMake makes of it."""
+
+    def __init__(self, folder):
+        self.folder = folder
+        (folder / "probe").mkdir()
+        (folder / "probe/CMakeLists.txt").write_text(PROBE)
+
+    def add(self, library, header=None, text=""):
+        path = self.folder / f"usr/lib/lib{library}.so"
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.touch()
+        if header:
+            path = self.folder / "usr/include" / header
+            path.parent.mkdir(parents=True, exist_ok=True)
+            path.write_text(text)
+
+    def add_mxml(self, major):
+        name, header = ("mxml4", "libmxml4/mxml.h") if major == 4 else ("mxml", "mxml.h")
+        self.add(name, header, f"#  define MXML_MAJOR_VERSION {major}\n")
+
+    def configured(self):
+        build = self.folder / "build"
+        subprocess.run(["cmake", "-S", self.folder / "probe", "-B", build, "-G", "Ninja",
+                        f"-DCMAKE_PREFIX_PATH={self.folder / 'usr'}", "-DFWUPDATE_LIBRARIES=system"],
+                       check=True, stdout=subprocess.DEVNULL)
+        return build
+
+
+@pytest.fixture(name="installed")
+def fixture_installed(tmp_path):
+    folder = Installed(tmp_path)
+    for library, header in (("ubox", "libubox/uloop.h"), ("ubus", "libubus.h"), ("miniz", "miniz.h")):
+        folder.add(library, header)
+    return folder
+
+
+@pytest.mark.parametrize("versions, taken", [
+    ((3,), "libmxml.so FWUPDATE_MXML_MAJOR=3"),
+    ((4,), "libmxml4.so FWUPDATE_MXML_MAJOR=4"),
+    ((3, 4), "libmxml4.so FWUPDATE_MXML_MAJOR=4"),
+])
+def test_mini_xml_is_the_one_of_the_header(installed, versions, taken):
+    for version in versions:
+        installed.add_mxml(version)
+    assert (installed.configured() / "mxml").read_text() == f"{installed.folder}/usr/lib/{taken}"
