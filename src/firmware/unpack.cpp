@@ -1,13 +1,16 @@
 // SPDX-License-Identifier: ISC
 #include "firmware/unpack.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdio>
+#include <cstring>
 
 #include "base/guards.h"
 #include "base/log.h"
+#include "base/miniz_headers.h"
+#include "base/text.h"
 #include "firmware/download.h"
-#include "firmware/zip.h"
 
 namespace fwupdate
 {
@@ -21,15 +24,34 @@ struct Member {
 	std::size_t size;
 };
 
-// Whatever goes wrong in the archive leaves an empty member.
+// The first member of that name, in the archive's own order.
+Member extract_from(mz_zip_archive &archive, const char *name)
+{
+	Member member = {};
+	char wanted[MZ_ZIP_MAX_ARCHIVE_FILENAME_SIZE]; // a longer name is not found
+	if (!format_text(wanted, sizeof(wanted), "%s", name)) {
+		return member;
+	}
+	std::replace(wanted, wanted + std::strlen(wanted), '\\', '/');
+	const int found = mz_zip_reader_locate_file(&archive, wanted, nullptr, 0);
+	const auto index = static_cast<mz_uint>(found);
+	if (found >= 0 && mz_zip_reader_is_file_a_directory(&archive, index) == 0) {
+		member.data = mz_zip_reader_extract_to_heap(&archive, index, &member.size, 0);
+	}
+	return member;
+}
+
+// Whatever goes wrong in the archive leaves no member.
 Member extract(const char *name)
 {
 	Member member = {};
-	ZipArchive *archive = zip_open(DOWNLOADED_ARCHIVE, 0, 'r');
-	zip_entry_open(archive, name);
-	zip_entry_read(archive, &member.data, &member.size);
-	zip_entry_close(archive);
-	zip_close(archive);
+	mz_zip_archive archive;
+	mz_zip_zero_struct(&archive);
+	if (mz_zip_reader_init_file(&archive, DOWNLOADED_ARCHIVE,
+				    MZ_ZIP_FLAG_DO_NOT_SORT_CENTRAL_DIRECTORY) != 0) {
+		member = extract_from(archive, name);
+		mz_zip_reader_end(&archive);
+	}
 	return member;
 }
 

@@ -124,11 +124,14 @@ TEST_F(Unpack, WhatIsNotFoundGivesAnEmptyImage)
 	EXPECT_TRUE(syslog.texts().empty());
 }
 
-TEST_F(Unpack, OverlongNameGivesAnEmptyImage)
+TEST_F(Unpack, NameOfMoreThan511CharactersGivesAnEmptyImage)
 {
-	add("image.bin", "image");
-	EXPECT_EQ(unpack_firmware(std::string(5000, 'n').c_str(), true), 0);
-	EXPECT_EQ(read_file(IMAGE), "");
+	const std::string longest(511, 'n');
+	for (const auto &[name, image] : {std::pair(longest, "image"), {longest + "n", ""}}) {
+		files.write(ARCHIVE, make_zip({{name, "image"}}));
+		EXPECT_EQ(unpack_firmware(name.c_str(), true), 0);
+		EXPECT_EQ(read_file(IMAGE), image);
+	}
 }
 
 TEST_F(Unpack, FolderGivesAnEmptyImage)
