@@ -45,7 +45,8 @@ struct Source {
 
 int usage(const char *program)
 {
-	fprintf(stderr, "Usage: %s [-q] [-i FILE | -s JSON] -e EXPRESSION...\n", program);
+	fprintf(stderr, "Usage: %s [-q] [-i FILE | -s JSON] {-e | -t} [NAME=]EXPRESSION...\n",
+		program);
 	return nothing_matched;
 }
 
@@ -102,7 +103,50 @@ bool open_source(Source &source, const char *path)
 	return true;
 }
 
-bool print_match(json_object *document, const char *expression, bool quiet)
+std::string quoted(const char *text)
+{
+	std::string quoted = "'";
+	for (; *text; text++) {
+		quoted += *text == '\'' ? "'\"'\"'" : std::string(1, *text);
+	}
+	return quoted + "'";
+}
+
+// What a shell assigns: of an object its names, of an array its places.
+std::string shell_value(json_object *value)
+{
+	std::string words;
+	switch (json_object_get_type(value)) {
+	case json_type_string:
+		return quoted(json_object_get_string(value));
+	case json_type_boolean:
+		return json_object_get_boolean(value) ? "1" : "0";
+	case json_type_double:
+		return std::to_string(json_object_get_double(value));
+	case json_type_int:
+		return json_object_get_string(value);
+	case json_type_object:
+		for (json_object_iterator it = json_object_iter_begin(value),
+					  end = json_object_iter_end(value);
+		     !json_object_iter_equal(&it, &end); json_object_iter_next(&it)) {
+			words += (words.empty() ? "" : "\\ ") +
+				 quoted(json_object_iter_peek_name(&it));
+		}
+		return words;
+	case json_type_array:
+		for (std::size_t place = 0; place < json_object_array_length(value); place++) {
+			words += (words.empty() ? "" : "\\ ") + std::to_string(place);
+		}
+		return words;
+	case json_type_null:
+		return "";
+	}
+	return "";
+}
+
+enum class Wanted { value, type };
+
+bool print_match(json_object *document, const char *expression, Wanted wanted, bool quiet)
 {
 	const jsonfilter::Path path = jsonfilter::parse_path(expression);
 	if (!path.problem.empty()) {
@@ -116,8 +160,14 @@ bool print_match(json_object *document, const char *expression, bool quiet)
 	if (!value) {
 		return false;
 	}
-	// A string prints as it is, everything else as JSON text.
-	printf("%s\n", json_object_get_string(value));
+	const char *type = json_type_to_name(json_object_get_type(value));
+	if (path.label.empty()) {
+		// A string prints as it is, everything else as JSON text.
+		printf("%s\n", wanted == Wanted::type ? type : json_object_get_string(value));
+	} else {
+		printf("export %s=%s; ", path.label.c_str(),
+		       wanted == Wanted::type ? type : shell_value(value).c_str());
+	}
 	return true;
 }
 
@@ -129,7 +179,7 @@ int main(int argc, char **argv)
 	Json document;
 	int result = all_matched;
 	bool asked = false;
-	for (int option; (option = getopt(argc, argv, "qi:s:e:")) != -1;) {
+	for (int option; (option = getopt(argc, argv, "qi:s:e:t:")) != -1;) {
 		switch (option) {
 		case 'q':
 			source.quiet = true;
@@ -143,6 +193,7 @@ int main(int argc, char **argv)
 			source.text = optarg;
 			break;
 		case 'e':
+		case 't':
 			asked = true;
 			if (!document) {
 				document = parse_json(source);
@@ -150,7 +201,9 @@ int main(int argc, char **argv)
 			if (!document) {
 				return not_json;
 			}
-			if (!print_match(document.get(), optarg, source.quiet)) {
+			if (!print_match(document.get(), optarg,
+					 option == 't' ? Wanted::type : Wanted::value,
+					 source.quiet)) {
 				result = nothing_matched;
 			}
 			break;

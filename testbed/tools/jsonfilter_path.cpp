@@ -46,6 +46,7 @@ public:
 	Path parse()
 	{
 		skip_blanks();
+		parse_label();
 		if (!accept('@') && !accept('$')) {
 			fail("expected '@' or '$'");
 		}
@@ -82,6 +83,19 @@ private:
 		}
 	}
 
+	void parse_label()
+	{
+		if (at_ == text_.size() || !is_letter(text_[at_])) {
+			return;
+		}
+		path_.label = read_name();
+		skip_blanks();
+		if (!accept('=')) {
+			fail("expected '='");
+		}
+		skip_blanks();
+	}
+
 	void parse_step()
 	{
 		if (accept('.')) {
@@ -95,18 +109,24 @@ private:
 		}
 	}
 
-	void parse_name()
+	std::string read_name()
 	{
 		const std::size_t start = at_;
 		while (at_ < text_.size() &&
 		       (is_letter(text_[at_]) || (at_ > start && is_digit(text_[at_])))) {
 			at_++;
 		}
-		if (at_ == start) {
+		return std::string(text_.substr(start, at_ - start));
+	}
+
+	void parse_name()
+	{
+		std::string name = read_name();
+		if (name.empty()) {
 			fail("expected a name");
 			return;
 		}
-		path_.steps.emplace_back(std::string(text_.substr(start, at_ - start)));
+		path_.steps.emplace_back(std::move(name));
 	}
 
 	void parse_bracket()

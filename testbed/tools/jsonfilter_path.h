@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: ISC
-// The path expressions of jsonfilter: `@` or `$`, then members (`.name`, `["name"]`,
+// The path expressions of jsonfilter: `NAME=` for a shell variable or nothing, `@` or `$`, then
+// members (`.name`, `["name"]`,
 // `['name']`) and array places (`[0]`, `[-1]` from the end). Used by jsonfilter.cpp; reads no
 // input and prints nothing. Wildcards, filters and unions are refused as syntax errors.
 #pragma once
@@ -20,6 +21,7 @@ namespace jsonfilter
 using Step = std::variant<std::string, std::int64_t>;
 
 struct Path {
+	std::string label; // the shell variable that gets the value, or empty
 	std::vector<Step> steps;
 	std::string problem;	  // empty when the expression is well formed
 	std::size_t position = 0; // byte of the expression at which the problem was found

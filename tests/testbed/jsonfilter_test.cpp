@@ -91,6 +91,38 @@ TEST_F(JsonFilter, PrintsEachTypeInItsOwnWay)
 	}
 }
 
+TEST_F(JsonFilter, AssignsShellVariables)
+{
+	const Match matches[] = {
+		{"V=@.board_name", "'qor,model-x'"},
+		{" v_2 = @.empty", "''"},
+		{"V=@.control", "'a\tb\nc\"d\\e/f\x01'"},
+		{"V=@.number", "42"},
+		{"V=@.double", "1.500000"},
+		{"V=@.yes", "1"},
+		{"V=@.no", "0"},
+		{"V=@.list", "0\\ 1\\ 2\\ 3"},
+		{"V=@.release", "'revision'\\ 'deep'"},
+	};
+	for (const Match &match : matches) {
+		const RunResult result = filter(board, {"-e", match.expression});
+		const std::string name = match.expression[0] == ' ' ? "v_2" : "V";
+		EXPECT_EQ(result.output, "export " + name + "=" + match.output + "; ")
+			<< match.expression;
+		EXPECT_EQ(result.status.code, 0) << match.expression;
+	}
+	EXPECT_EQ(filter("{\"a\": \"it's\"}", {"-e", "V=@.a"}).output, R"(export V='it'"'"'s'; )");
+	EXPECT_EQ(filter(board, {"-e", "V=@.missing"}).output, "");
+}
+
+TEST_F(JsonFilter, NamesTypes)
+{
+	EXPECT_EQ(filter(board, {"-t", "@.yes", "-t", "@.empty", "-t", "@.number", "-t", "@.double",
+				 "-t", "@.list", "-t", "@.release", "-t", "T=@.no"})
+			  .output,
+		  "boolean\nstring\nint\ndouble\narray\nobject\nexport T=boolean; ");
+}
+
 TEST_F(JsonFilter, EscapesStringsInsideLists)
 {
 	const RunResult result = filter(R"([ "a\tb\"c\\d\u0001", "h\u00e9" ])", {"-e", "@"});
