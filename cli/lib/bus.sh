@@ -8,7 +8,9 @@ state_limit=15 check_limit=60 test_limit=600
 
 # call METHOD ARGUMENTS SECONDS: leaves the answer in `reply`, returns ubus's status.
 call() {
-	reply=$(ubus -S -t "$3" call fwupdate "$1" "$2" 2>/dev/null)
+	reply=$(ubus -S -t "$3" call fwupdate "$1" "$2" 2>/dev/null) || return
+	valid "$reply"
+	reply=$text
 }
 
 # ask METHOD ARGUMENTS SECONDS: the same, and ends the command when there is no answer.
@@ -19,8 +21,7 @@ ask() {
 		fail "$failed" "the daemon gave no answer to '$1'." ;;
 	4) no_daemon ;;
 	6) fail "$failed" "the bus does not let you call '$1'." "Run this as root." ;;
-	7) fail "$failed" "the daemon did not answer '$1' within $3 seconds." \
-		"It may be busy with an image or the network. Try again; if that lasts: /etc/init.d/fwupdate restart" ;;
+	7) fail "$failed" "the daemon did not answer '$1' within $3 seconds." "$(advise_patience)" ;;
 	255) fail "$absent" "the bus is not there." "Is ubusd running?" ;;
 	10) fail "$absent" "the bus went away during '$1'." "Try again in a moment." ;;
 	*) fail "$failed" "the daemon refused '$1'." ;;
@@ -32,14 +33,14 @@ no_daemon() {
 		"It comes by itself within seconds after a crash; otherwise: /etc/init.d/fwupdate restart"
 }
 
-# raw_field EXPRESSION [JSON]: as the daemon sent it, control characters and all.
-raw_field() {
-	jsonfilter -s "${2-$reply}" -e "$1" 2>/dev/null
-}
-
-# field EXPRESSION [JSON]: one harmless line.
-field() {
-	plain_line "$(raw_field "$@")"
+# A restart would end an update.
+advise_patience() {
+	find_job
+	if job_runs; then
+		echo "An update is running, and the daemon is at work on it. Leave it alone: 'fwupdate-cli watch' follows it."
+	else
+		echo "It may be busy with an image or the network. Try again; if that lasts: /etc/init.d/fwupdate restart"
+	fi
 }
 
 # The daemon's id on the bus, new at each start; nothing without daemon or bus.
@@ -49,17 +50,9 @@ object_id() {
 
 # Raw answers are for programs; a terminal gets them harmless all the same.
 print_raw() {
-	if [ -t 1 ]; then
-		printf '%s\n' "$1" | plain_text
-	else
-		printf '%s\n' "$1"
-	fi
-}
-
-is_number() {
-	case $1 in
-	'' | *[!0-9]* | ????????????????*) return 1 ;;
-	esac
+	text=$1
+	[ ! -t 1 ] || plain "$1"
+	printf '%s\n' "$text"
 }
 
 # A `check`, a `test` or another `update` rewrites the state and what the daemon knows of
@@ -71,7 +64,8 @@ refuse_while_busy() {
 		fail "$busy" "an update is running already." "'fwupdate-cli watch' follows it."
 	fi
 	ask state '{}' "$state_limit"
-	[ "$(field @.state)" != FIRMWARE_CONNECT ] ||
+	read_fields "$reply" state=@.state
+	[ "$state" != FIRMWARE_CONNECT ] ||
 		fail "$busy" "the daemon is downloading for somebody else." \
 			"'fwupdate-cli watch' follows it. If nothing moves there: /etc/init.d/fwupdate restart"
 	! pidof sysupgrade >/dev/null || fail "$busy" "an image is being installed; the router restarts soon."
@@ -80,68 +74,77 @@ refuse_while_busy() {
 # tell_error TEXT REASON: the daemon's text, the last line of its log if it has one, and
 # what to do about it.
 tell_error() {
-	say "${bad}$1${2:+: $2}${normal}" >&2
-	hint=$(hint_for "${2:-$1}")
-	[ -n "$hint" ] || hint=$(hint_for "$1")
+	plain_line "$1"
+	error=$text
+	plain_line "$2"
+	say "${bad}$error${text:+: $text}${normal}" >&2
+	hint=$(hint_for "${text:-$error}")
+	[ -n "$hint" ] || hint=$(hint_for "$error")
 	[ -z "$hint" ] || printf '%s\n' "$hint" >&2
 }
 
 # What the server offers, from the answer to `check` in `reply`.
 tell_offer() {
-	offered=$(field @.version)
-	build=$(field @.buildtime)
-	notes=$(raw_field @.releasenotes | plain_text)
+	read_fields "$reply" version=@.version build=@.buildtime notes=@.releasenotes \
+		needed=@.need_update forcing=@.force
+	plain_line "$version"
+	offered=${text:-without a name}
+	plain_line "$build"
+	offered="version $offered (build $text)"
 	board=$(ubus -S call system board 2>/dev/null)
-	running=$(field '@["release"]["builddate"]' "$board")
-	running=${running:-unknown}
-	if [ "$(field @.need_update)" = 1 ]; then
-		say "Version ${offered:-without a name} (build $build) is available; this router runs build $running."
-		[ "$(field @.force)" != 1 ] || say "The server wants it installed whatever is running."
+	read_fields "$board" 'running=@["release"]["builddate"]'
+	plain_line "$running"
+	running=${text:-unknown}
+	if [ "$needed" = 1 ]; then
+		say "V${offered#v} is available; this router runs build $running."
+		[ "$forcing" != 1 ] || say "The server wants it installed whatever is running."
 	else
-		say "Nothing newer: the server has version ${offered:-without a name} (build $build); this router runs build $running."
+		say "Nothing newer: the server has $offered; this router runs build $running."
 	fi
-	case $notes in
-	*[![:space:]]*) printf '\n%s\n\n' "$notes" ;;
+	plain "$notes"
+	case $text in
+	*[![:space:]]*) printf '\n%s\n\n' "$text" ;;
 	esac
 }
 
 # The answer to `check` is in `reply` afterwards; ends the command when it failed.
 ask_server() {
 	ask check '{}' "$check_limit"
-	[ "$(field @.error_code)" = 0 ] && return
-	text=$(field @.error_message)
-	call state '{}' "$state_limit"
-	tell_error "$text" "$(field @.message)"
+	answer=$reply
+	read_fields "$answer" code=@.error_code error=@.error_message
+	[ "$code" != 0 ] || return 0
+	[ -z "$json" ] || print_raw "$answer"
+	message=
+	! call state '{}' "$state_limit" || read_fields "$reply" message=@.message
+	tell_error "$error" "$message"
 	exit "$failed"
 }
 
 run_check() {
 	refuse_while_busy
+	ask_server
 	if [ -n "$json" ]; then
-		ask check '{}' "$check_limit"
 		print_raw "$reply"
-		[ "$(field @.error_code)" = 0 ] || exit "$failed"
+		read_fields "$reply" needed=@.need_update
 	else
-		ask_server
 		tell_offer
 	fi
-	[ "$(field @.need_update)" != 1 ] || exit "$available"
+	[ "$needed" != 1 ] || exit "$available"
 }
 
 run_test() {
 	[ -n "$file" ] || misuse "'test' takes the image's file name."
 	check_plain "'test'" "$file" 112
-	[ -f "$file" ] || misuse "there is no file '$file'."
+	quoted "$file"
+	[ -f "$file" ] || misuse "there is no file '$text'."
 	refuse_while_busy
-	arguments="{\"file\":\"$file\"${partition:+,\"partition\":\"$partition\"}}"
-	ask test "$arguments" "$test_limit"
-	code=$(field @.check_code)
-	if [ -n "$json" ]; then
-		print_raw "$reply"
-	elif [ "$code" = 0 ]; then
-		say "${good}'$file' may be installed on this router.${normal}"
-	else
-		tell_error "$(check_text "$code") [$code]" ""
+	ask test "{\"file\":\"$file\"}" "$test_limit"
+	read_fields "$reply" code=@.check_code
+	[ -z "$json" ] || print_raw "$reply"
+	if [ "$code" != 0 ]; then
+		plain_line "$code"
+		tell_error "$(check_text "$code") [$text]" ""
+		exit "$failed"
 	fi
-	[ "$code" = 0 ] || exit "$failed"
+	[ -n "$json" ] || say "${good}'$file' may be installed on this router.${normal}"
 }

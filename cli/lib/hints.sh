@@ -45,7 +45,7 @@ hint_for() {
 	"Bad Model"*)
 		echo "The image is made for another model. Compare with: ubus call system board" ;;
 	"Can't get parition name"*)
-		echo "The flash partition is not known. Name it: --partition NAME, one of those in /proc/mtd." ;;
+		echo "The flash partition is not known. Name it in an update: --partition NAME, one of those in /proc/mtd." ;;
 	"Error on checking signature via fwtool"* | "Error checking firmware via fwtools"*)
 		echo "The program fwtool could not be run. Is it installed?" ;;
 	"Error on reading signature, possibly firmware is damaged"*)

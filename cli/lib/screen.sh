@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: ISC
 # shellcheck shell=sh disable=SC2034,SC2154 # its variables are those of the whole command
-# What people see: texts made harmless, sizes in words, colours. Part of fwupdate-cli.
+# What people see: sizes in words, colours, the progress bar. Part of fwupdate-cli.
 
 # Sets `screen` when a line can be drawn again on standard output, and the colours.
 find_screen() {
@@ -15,66 +15,17 @@ find_screen() {
 	fi
 }
 
-# Columns of the terminal. Not every BusyBox has stty; COLUMNS may be set by hand.
+# Columns of the terminal. A router has no stty: then COLUMNS counts, and without that the bar
+# is one that fits on a narrow terminal.
 find_width() {
 	{ width=$(stty size 2>/dev/null <&3); } 3>&1
 	width=${width#* }
 	case $width in
-	'' | *[!0-9]* | 0) width=${COLUMNS-80} ;;
+	'' | *[!0-9]* | 0) width=${COLUMNS-} ;;
 	esac
 	case $width in
-	'' | *[!0-9]* | 0) width=80 ;;
+	'' | *[!0-9]* | 0) width=40 ;;
 	esac
-}
-
-# Copies text that others wrote so that a terminal does nothing but show it: no control
-# characters but the line feed, in UTF-8 or as single bytes; nothing that turns the
-# direction of writing; nothing that is not UTF-8.
-plain_text() {
-	LC_ALL=C awk '
-	BEGIN {
-		for (i = 1; i < 256; i++)
-			code[sprintf("%c", i)] = i
-	}
-	# How many bytes at `at` are one harmless character, or 0.
-	function harmless(at,  c, c2, c3, n, i) {
-		c = code[substr($0, at, 1)]
-		if (c < 128)
-			return c >= 32 && c != 127
-		n = c >= 240 ? 4 : c >= 224 ? 3 : 2
-		if (c < 194 || c > 244)
-			return 0
-		for (i = 1; i < n; i++) {
-			c2 = code[substr($0, at + i, 1)] + 0
-			if (c2 < 128 || c2 > 191)
-				return 0
-		}
-		c2 = code[substr($0, at + 1, 1)]
-		c3 = n > 2 ? code[substr($0, at + 2, 1)] : 0
-		if (c == 194 && c2 < 160)                  # C1 controls
-			return 0
-		if (c == 226 && c2 == 128 && (c3 == 142 || c3 == 143 || (c3 >= 168 && c3 <= 174)))
-			return 0                           # marks, line separators, embeddings
-		if (c == 226 && c2 == 129 && c3 >= 166 && c3 <= 169)
-			return 0                           # isolates
-		return n
-	}
-	{
-		out = ""
-		for (at = 1; at <= length($0); at += n ? n : 1) {
-			n = harmless(at)
-			if (n)
-				out = out substr($0, at, n)
-			else if (substr($0, at, 1) == "\t")
-				out = out " "
-		}
-		print out
-	}'
-}
-
-# The same for one line: of several only the first.
-plain_line() {
-	printf '%s\n' "$1" | plain_text | head -n 1
 }
 
 # in_words BYTES: "12.7 MiB", "300 KiB", "17 bytes".

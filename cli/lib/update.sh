@@ -2,6 +2,8 @@
 # shellcheck shell=sh disable=SC2034,SC2154 # its variables are those of the whole command
 # Updating, and what came of it. Part of fwupdate-cli.
 
+a_moment=10 # seconds, for a slow router
+
 # After a restart the daemon is back on the bus within seconds. Leaves its state in
 # `reply`; `result` does not wait.
 find_daemon() {
@@ -18,9 +20,10 @@ tell_lost() {
 	case $1 in
 	bus) say "${bad}The bus was restarted during the update: the answer is lost.${normal}" ;;
 	daemon) say "${bad}The daemon ended or was restarted during the update: there is no answer.${normal}" ;;
+	files) say "${bad}What was kept of the update in '$jobs' is damaged: the answer is lost.${normal}" ;;
 	*) say "${bad}The call to the daemon was ended during the update: the answer is lost.${normal}" ;;
 	esac
-	if find_daemon && [ "$(field @.state)" = FIRMWARE_CONNECT ] && [ "$command" != result ]; then
+	if find_daemon && downloads && [ "$command" != result ]; then
 		follow_other
 		find_daemon
 	fi
@@ -28,30 +31,41 @@ tell_lost() {
 		say "The daemon is not on the bus. If that lasts: /etc/init.d/fwupdate restart"
 		return
 	fi
-	case $(field @.state) in
+	read_fields "$reply" state=@.state
+	case $state in
 	FIRMWARE_CONNECT) say "The daemon is still downloading: 'fwupdate-cli watch' follows it." ;;
 	WAIT_DELAY) say "The daemon says that the image is good: it is being installed, and the router restarts soon." ;;
-	*) say "The daemon says that it is doing nothing ($(field @.state)): start the update again." ;;
+	*) plain_line "$state"
+		say "The daemon says that it is doing nothing ($text): start the update again." ;;
 	esac
 }
 
 tell_answer() {
+	read_fields "$answer" version=@.version build=@.buildtime error=@.error_message
 	case $1 in
 	nothing) say "The server has nothing newer for this router: nothing to do. 'update --force' installs it all the same." ;;
 	installing)
-		say "${good}Version $(field @.version) (build $(field @.buildtime)) was downloaded and is good.${normal}"
+		plain_line "$version"
+		version=$text
+		plain_line "$build"
+		say "${good}Version $version (build $text) was downloaded and is good.${normal}"
 		say "It is being installed; the router restarts in a moment and is away for some minutes."
 		say "Should it not restart within five minutes, 'sysupgrade -T /tmp/fwupdate.bin' says why." ;;
-	*) tell_error "$(field @.error_message)" "$(plain_line "$(stored reason)")" ;;
+	*) stored reason
+		tell_error "$error" "$line" ;;
 	esac
+}
+
+print_job() {
+	job_as_json
+	print_raw "$line"
 }
 
 # Shows the last job's outcome and ends with its status; `read_outcome` has been called.
 tell_outcome() {
-	[ "$outcome" != answered ] || reply=$answer
 	if [ -n "$json" ]; then
 		if [ "$command" = update ] && [ "$outcome" = answered ]; then
-			print_raw "$reply"
+			print_raw "$answer"
 		else
 			print_job
 		fi
@@ -60,7 +74,9 @@ tell_outcome() {
 		none) say "No update was started with fwupdate-cli since the router started." ;;
 		running) say "An update is running; 'fwupdate-cli watch' follows it." ;;
 		answered) tell_answer "$detail" ;;
-		refused) say "${bad}The bus refused the update (status $detail): $(plain_line "$(stored error)")${normal}" ;;
+		refused) stored error
+			plain_line "$line"
+			say "${bad}The bus refused the update (status $detail): $text${normal}" ;;
 		lost) tell_lost "$detail" ;;
 		esac
 	fi
@@ -77,8 +93,7 @@ run_watch() {
 	if [ "$outcome" = running ]; then
 		follow_job
 		read_outcome
-	elif [ -z "$json" ] && [ "$outcome" != lost ] && call state '{}' "$state_limit" &&
-		[ "$(field @.state)" = FIRMWARE_CONNECT ]; then
+	elif [ -z "$json" ] && [ "$outcome" != lost ] && call state '{}' "$state_limit" && downloads; then
 		follow_other
 		exit 0
 	fi
@@ -92,32 +107,43 @@ run_result() {
 
 ask_consent() {
 	[ -z "$yes" ] || return 0
-	printf 'Install it now? The router will restart. [y/N] '
+	where=
+	[ -z "$partition" ] || where=" on the partition '$partition'"
+	printf '%s' "Install it$where now? The router will restart. [y/N] "
 	read -r consent || consent=
 	case $consent in
 	[yY] | [yY][eE][sS]) ;;
-	*) say "Nothing was changed." && exit 0 ;;
+	*) say "Nothing was changed."
+		exit 0 ;;
 	esac
+}
+
+# The server is asked before each update, here when somebody is to see the offer, else by
+# the keeper: sets `asked`.
+show_offer() {
+	asked=
+	[ -z "$json$detach" ] || [ -z "$yes" ] || return 0
+	ask_server
+	asked=yes
+	tell_offer
+	[ -n "$force" ] || [ "$needed" = 1 ] || exit 0
+	ask_consent
 }
 
 run_update() {
 	if [ -z "$yes" ] && { [ ! -t 0 ] || [ ! -t 1 ] || [ -n "$json" ]; }; then
 		misuse "without a terminal to ask you on, and with --json, 'update' takes --yes."
 	fi
+	choose_partition
 	[ "$attempts" != 1 ] || echo "With one attempt, a download that cannot even start blocks" \
 		"the daemon until it is restarted." >&2
 	refuse_while_busy
-	if [ -z "$json$detach" ] || [ -z "$yes" ]; then
-		ask_server
-		tell_offer
-		[ -n "$force" ] || [ "$(field @.need_update)" = 1 ] || exit 0
-		ask_consent
-	fi
+	show_offer
+	[ -n "$json" ] || [ -z "$partition" ] || say "The partition '$partition' will be written."
 	# From the first mark of the job on nobody's signal leaves it half made; the keeper
 	# inherits that.
 	trap '' HUP INT QUIT TERM
-	claim_job "{${force:+\"force\":\"1\",}${partition:+\"partition\":\"$partition\",}\"timeout\":$timeout,\"attempts\":$attempts,\"delay\":$delay}" ||
-		fail "$busy" "an update is running already." "'fwupdate-cli watch' follows it."
+	claim_job || fail "$busy" "an update is running already." "'fwupdate-cli watch' follows it."
 	start_job
 	if [ -n "$detach" ]; then
 		read_outcome

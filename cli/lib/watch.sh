@@ -49,8 +49,7 @@ measure_rate() {
 }
 
 show_download() {
-	now=$(raw_field @.progress.now)
-	total=$(raw_field @.progress.total)
+	read_fields "$reply" now=@.progress.now total=@.progress.total
 	if ! is_number "$now" || ! is_number "$total" || [ "$total" -eq 0 ]; then
 		show_step "Asking for the firmware ..."
 		return
@@ -66,7 +65,7 @@ show_state() {
 	if ! call state '{}' "$state_limit"; then
 		return
 	fi
-	state=$(field @.state)
+	read_fields "$reply" state=@.state
 	case $state in
 	NETWORK_GET | XML_CONNECT | XML_GET | XML_PARSE) show_step "Asking the update server ..." ;;
 	FIRMWARE_CONNECT) show_download ;;
@@ -86,12 +85,18 @@ follow_job() {
 	end_watching
 }
 
+# By the state in `reply`.
+downloads() {
+	read_fields "$reply" state=@.state
+	[ "$state" = FIRMWARE_CONNECT ]
+}
+
 # An update whose answer does not come here, somebody else's or one whose call was lost:
 # only the download can be seen.
 follow_other() {
 	begin_watching
 	say "The daemon is downloading; its answer does not come here."
-	while call state '{}' "$state_limit" && [ "$(field @.state)" = FIRMWARE_CONNECT ]; do
+	while call state '{}' "$state_limit" && downloads; do
 		show_download
 		sleep 1
 	done
@@ -105,13 +110,14 @@ run_status() {
 		print_raw "$reply"
 		return
 	fi
-	state=$(field @.state)
-	message=$(field @.message)
-	read_outcome
+	read_fields "$reply" state=@.state message=@.message now=@.progress.now total=@.progress.total
+	plain_line "$state"
+	state=$text
+	plain_line "$message"
+	message=$text
+	find_job
 	case $state in
 	FIRMWARE_CONNECT)
-		now=$(raw_field @.progress.now)
-		total=$(raw_field @.progress.total)
 		if is_number "$now" && is_number "$total"; then
 			say "Downloading: $(in_words "$now") of $(in_words "$total")."
 		else
@@ -119,7 +125,7 @@ run_status() {
 		fi ;;
 	WAIT_DELAY) say "An image passed its check; it is being installed, or was handed to the installer." ;;
 	*)
-		if [ "$outcome" = running ]; then
+		if job_runs; then
 			say "An update is running (state $state)."
 		else
 			say "Idle (state $state)."

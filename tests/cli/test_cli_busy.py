@@ -1,5 +1,7 @@
 # SPDX-License-Identifier: ISC
 """One update at a time: fwupdate-cli while another one runs."""
+import shlex
+
 import pytest
 
 from kept_answer import await_download, kept
@@ -17,29 +19,32 @@ def test_of_several_started_at_once_one_runs_and_the_others_are_told(router):
     assert router.run("grep -c 'GET /firmware.bin' /var/log/held-server").output == "1\n"
 
 
+PARTS = """
+set -u; parts=/usr/share/fwupdate-cli; failed=1
+. $parts/text.sh; . $parts/job.sh; . $parts/bus.sh; . $parts/keeper.sh
+force='' partition='' timeout=900 attempts=3 delay=0
+"""
 # All wait for the same moment; `won` has a line for each that took the job.
+RACER = PARTS + "until [ -e /tmp/go ]; do :; done; ! claim_job || echo $1 >>/tmp/won; sleep 3"
 RACE = """
-parts=/usr/share/fwupdate-cli; . $parts/job.sh; . $parts/bus.sh; failed=1
-for i in 1 2 3 4 5 6 7 8 9 10 11 12; do
-	( until [ -e /tmp/go ]; do :; done; ! claim_job '{}' || echo $i >>/tmp/won; sleep 3 ) &
-done
+for i in 1 2 3 4 5 6 7 8 9 10 11 12; do sh /tmp/racer $i & done
 sleep 1; touch /tmp/go; wait; wc -l </tmp/won; rm -rf /tmp/go /tmp/won
 """
 
 
 def test_one_job_is_taken_by_one_only(fast_router):
     router = fast_router
+    router.run(f"printf %s {shlex.quote(RACER)} >/tmp/racer")
     for _ in range(3):
         assert router.run(RACE).output == "1\n"
         router.run("echo 'answered nothing 0' | tee /tmp/fwupdate-cli/job.*/end")
 
 
 # While one looks at job 3, which is over, others take 4 and 5 and clear the old ones away.
-LATE = """
-parts=/usr/share/fwupdate-cli; . $parts/job.sh; . $parts/bus.sh; failed=1
-mkdir -p -m 700 $jobs/job.3
-job_runs() { mkdir $jobs/job.5; rm -r $jobs/job.3; return 1; }
-claim_job '{}' && echo won; ls $jobs
+LATE = PARTS + """
+mkdir -p -m 700 $jobs/job.3; echo answered nothing 0 >$jobs/job.3/end
+job_runs() { mv $jobs/job.3 $jobs/job.5; return 1; }
+claim_job && echo won; ls $jobs
 """
 
 

@@ -93,22 +93,6 @@ def test_test_takes_a_name_relative_to_the_folder(router):
     assert router.run(f"cd {router.folder} && fwupdate-cli test good.bin").status == 0
 
 
-def test_test_hands_the_partition_on(router):
-    path = f"{router.folder}/good.bin"
-    router.run("cp /usr/bin/ubus /tmp/ubus.real; printf '%s\n' '#!/bin/sh' "
-               "'echo \"$*\" >>/tmp/calls; exec /tmp/ubus.real \"$@\"' >/usr/bin/ubus")
-    router.run(f"fwupdate-cli test {path} --partition firmware2")
-    calls = router.run("cp /tmp/ubus.real /usr/bin/ubus; cat /tmp/calls").output
-    assert f'call fwupdate test {{"file":"{path}","partition":"firmware2"}}' in calls
-
-
-def test_without_a_list_of_partitions_the_daemon_may_try(router):
-    router.must("cp /proc/mtd /tmp/mtd && rm /proc/mtd")
-    result = router.run(f"fwupdate-cli test {router.folder}/good.bin --partition firmware3")
-    router.must("mv /tmp/mtd /proc/mtd")
-    assert result.status != 2 and "--partition takes" not in result.output
-
-
 def test_status_tells_what_the_daemon_does(router):
     router.run("ubus call fwupdate check")
     result = router.run("fwupdate-cli status", 80)
@@ -150,8 +134,14 @@ def test_version_and_help(router):
     ("update --yes --partition '$(reboot)'", "letters, digits"),
     ("update --yes --partition -x", "no - in front"),
     ("update --yes --partition " + "p" * 32, "at most 31 characters"),
-    ("update --yes --partition firmware3", "one of u-boot u-boot-env firmware kernel rootfs firmware2; not 'firmware3'"),
-    ("test /bin/busybox --partition firm", "not 'firm'"),
+    ("update --yes --partition firmware3", "one of firmware firmware2, which are no smaller than 'firmware2'; not 'firmware3'"),
+    ("update --yes --partition u-boot", "not 'u-boot'"),
+    ("update --yes --partition=rootfs", "not 'rootfs'"),
+    ("test /bin/busybox --partition firmware2", "no option '--partition'"),
+    ("--partition firmware2 test /bin/busybox", "no option '--partition'"),
+    ("check --json=yes", "--json takes no value"),
+    ("--timeout=5 check", "no option '--timeout'"),
+    ("--json", "Usage:"),
     ("test", "takes the image's file name"),
     ("test ''", "takes the image's file name"),
     ("test /nowhere/at-all", "no file '/nowhere/at-all'"),

@@ -83,7 +83,7 @@ def test_text_in_any_language_is_shown(router):
                                  b"\xe2\x28\xa1", b"\xf0\x9f\x99", b"\xf8\x88\x80\x80\x80",
                                  b"\xff\xfe", b"\x9b31m", b"\xc2\x9b31m", b"\xed"])
 def test_what_is_no_utf_8_is_left_out(router, bad):
-    script = ". /usr/share/fwupdate-cli/screen.sh; printf '%s\\n' 'a{}z' | plain_text"
+    script = ". /usr/share/fwupdate-cli/text.sh; plain 'a{}z'; printf '%s\\n' \"$text\""
     (router.folder / "filter").write_bytes(script.encode().replace(b"{}", bad))
     output = router.run(f"sh {router.folder}/filter").raw
     assert_harmless(output)

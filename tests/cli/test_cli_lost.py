@@ -84,7 +84,7 @@ def test_a_killed_keeper_is_noticed(router):
 def test_a_stranger_with_the_keepers_number_is_not_taken_for_it(fast_router):
     router = fast_router
     router.run("fwupdate-cli update --yes")
-    router.run("cd /tmp/fwupdate-cli/job.* && rm end && pidof syslogd >pid && echo 99999 >call")
+    router.run("cd /tmp/fwupdate-cli/job.* && rm end && pidof syslogd >pid && echo 99999 >watcher")
     assert kept(router) | {"started": 0} == {
         "job": "lost", "started": 0, "lost": "call",
-        "arguments": {"timeout": 900, "attempts": 3, "delay": 0}}
+        "arguments": {"partition": "firmware2", "timeout": 900, "attempts": 3, "delay": 0}}

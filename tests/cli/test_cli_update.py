@@ -9,7 +9,7 @@ from simulated_router import Router, make_server, wait_until
 
 OFFER = "Version 2.1.0 (build 174117600) is available; this router runs build 171000000."
 GOOD = "Version 2.1.0 (build 174117600) was downloaded and is good."
-ARGUMENTS = {"timeout": 900, "attempts": 3, "delay": 0}
+ARGUMENTS = {"partition": "firmware2", "timeout": 900, "attempts": 3, "delay": 0}
 
 
 def was_installed(router):

@@ -12,12 +12,12 @@ from simulated_router import PROJECT, Router
 
 PACKAGE = "fwupdate-web"
 SOURCES = {
-    "usr/libexec/rpcd/fwupdate-job": ("fwupdate-job", 0o755),
-    "usr/share/acl.d/fwupdate-web.json": ("bus-acl.json", 0o644),
-    "usr/share/rpcd/acl.d/fwupdate-web.json": ("session-acl.json", 0o644),
-    "www/fwupdate/index.html": ("index.html", 0o644),
-    "www/fwupdate/page.css": ("page.css", 0o644),
-    "www/fwupdate/page.js": ("page.js", 0o644),
+    "usr/libexec/rpcd/fwupdate-job": ("cli/fwupdate-job", 0o755),
+    "usr/share/acl.d/fwupdate-web.json": ("web/bus-acl.json", 0o644),
+    "usr/share/rpcd/acl.d/fwupdate-web.json": ("web/session-acl.json", 0o644),
+    "www/fwupdate/index.html": ("web/index.html", 0o644),
+    "www/fwupdate/page.css": ("web/page.css", 0o644),
+    "www/fwupdate/page.js": ("web/page.js", 0o644),
 }
 
 
@@ -26,7 +26,7 @@ def test_installs_the_page_and_no_other_file(root):
     assert {str(path.relative_to(root)) for path in files} == set(SOURCES)
     for path in files:
         source, mode = SOURCES[str(path.relative_to(root))]
-        assert path.read_bytes() == (PROJECT / "web" / source).read_bytes()
+        assert path.read_bytes() == (PROJECT / source).read_bytes()
         assert path.stat().st_mode & 0o777 == mode
 
 
@@ -34,7 +34,7 @@ def test_simulated_router_has_the_same_files_at_the_same_places():
     init = (PROJECT / "testbed/rootfs/sbin/init").read_text()
     for name, (source, _) in SOURCES.items():
         folder = name.rsplit("/", 1)[0]
-        assert f"$source/{source}" in init and folder in init, name
+        assert f"$sources/{source}" in init and folder in init, name
 
 
 def test_fields_follow_the_feeds_conventions(fields):

@@ -149,7 +149,7 @@ def test_answer_outlives_the_gateways_limit(make_router, make_page):
 
 def test_plugin_lists_its_methods(router):
     listed = json.loads(router.run("/usr/libexec/rpcd/fwupdate-job list"))
-    assert listed == {"start": {"force": True}, "status": {}}
+    assert listed == {"start": {"force": True}, "check": {}, "test": {"file": "/"}, "status": {}, "doctor": {}}
 
 
 def test_plugin_says_what_nothing_is(router):
@@ -163,7 +163,7 @@ def test_plugin_hands_words_on_as_json(router):
     router.run("""printf '#!/bin/sh\\nprintf "a \\\\"b\\\\" \\\\134 c\\\\n\\\\td\\\\001"; exit 1\\n' >/usr/bin/fwupdate-cli""")
     reply = json.loads(router.run("echo {} | /usr/libexec/rpcd/fwupdate-job call start"))
     assert reply["status"] == 1
-    assert reply["message"] == 'a "b" \\ c  d '
+    assert reply["message"] == 'a "b" \\ c  d'
 
 
 def test_plugin_refuses_what_it_does_not_know(router):
