@@ -29,6 +29,7 @@ struct Request {
 	const char *data_path = nullptr; // "-": standard input or output
 	const char *firmware_path = nullptr;
 	bool truncate = false;
+	bool print_rest = false; // the firmware without what was found, to standard output
 };
 
 bool quiet = false;
@@ -203,6 +204,9 @@ int extract(const Request &request, int data_file, int firmware_file, fwtool::By
 	if (!write_all(data_file, search.data)) {
 		return fail("Failed to write %s: %s", request.data_path, strerror(errno));
 	}
+	if (request.print_rest && !write_all(STDOUT_FILENO, firmware.first(search.start))) {
+		return fail("Failed to write the firmware: %s", strerror(errno));
+	}
 	if (request.truncate && ftruncate(firmware_file, static_cast<off_t>(search.start)) != 0) {
 		return fail("Failed to truncate %s: %s", request.firmware_path, strerror(errno));
 	}
@@ -248,11 +252,12 @@ int usage(const char *program)
 {
 	fprintf(stderr,
 		"Usage: %s [-q] -I METADATA | -S SIGNATURE FIRMWARE\n"
-		"       %s [-q] [-t] -i METADATA | -s SIGNATURE FIRMWARE\n"
+		"       %s [-q] [-t] [-T] -i METADATA | -s SIGNATURE FIRMWARE\n"
 		"\n"
 		"  -I, -S  append metadata or a signature\n"
 		"  -i, -s  write the metadata or the signature to a file (-: standard output)\n"
 		"  -t      cut what was found, and all that follows it, from the firmware\n"
+		"  -T      print the firmware without what was found, and all that follows it\n"
 		"  -q      no error messages\n",
 		program, program);
 	return failure;
@@ -264,7 +269,7 @@ int main(int argc, char **argv)
 {
 	Request request;
 	int actions = 0;
-	for (int option; (option = getopt(argc, argv, "i:I:s:S:tq")) != -1;) {
+	for (int option; (option = getopt(argc, argv, "i:I:s:S:tTq")) != -1;) {
 		switch (option) {
 		case 'i':
 		case 'I':
@@ -278,6 +283,9 @@ int main(int argc, char **argv)
 			break;
 		case 't':
 			request.truncate = true;
+			break;
+		case 'T':
+			request.print_rest = true;
 			break;
 		case 'q':
 			quiet = true;

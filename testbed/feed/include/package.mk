@@ -58,7 +58,7 @@ install-$(1): compile
 fields: fields-$(1)
 fields-$(1):
 	$$(eval $$(Package/$(1)))
-	$$(foreach field,SECTION CATEGORY SUBMENU TITLE DEPENDS PKGARCH,$$(info $(1).$$(field)=$$(strip $$($$(field)))))
+	$$(foreach field,SECTION CATEGORY SUBMENU TITLE DEPENDS DEFAULT PKGARCH,$$(info $(1).$$(field)=$$(strip $$($$(field)))))
 	$$(info $(1).conffiles=$$(call flat,$$(Package/$(1)/conffiles)))
 	$$(info $(1).config=$$(call flat,$$(Package/$(1)/config)))
 	$$(info $(1).description=$$(call flat,$$(Package/$(1)/description)))
