@@ -62,7 +62,8 @@ def log(router):
 def test_describes_one_instance(router):
     start(router)
     assert lines(router, "cat /var/run/services/fwupdate") == [
-        f"command {COMMAND}", "respawn 3600 5 0", "stderr 1"]
+        f"command {COMMAND}", "respawn 3600 5 0", "env PATH=/usr/lib/fwupdate/guard:/usr/sbin:/usr/bin:/sbin:/bin",
+        "stderr 1"]
     assert lines(router, "cat /var/run/services/fwupdate.triggers") == ["reload fwupdate"]
     assert lines(router, f"sed -n 's/^START=//p' {SCRIPT}") == ["95"]
 
