@@ -1,9 +1,8 @@
 # SPDX-License-Identifier: ISC
-# Compiler and linker flags, by purpose. What a preset switches on is here too,
-# so that a router's build system, which brings its own flags, meets none of it
-# unless it asks.
+# Compiler and linker flags, by purpose. Whoever asks for nothing gets the hardened
+# program. A router's build system brings its own hardening and switches ours off.
 option(FWUPDATE_WERROR "Treat warnings as errors" OFF)
-option(FWUPDATE_HARDENING "Fortify, stack protector, RELRO, immediate binding" OFF)
+option(FWUPDATE_HARDENING "Fortify, stack protector, RELRO, immediate binding" ON)
 option(FWUPDATE_SMALL "No unwind tables, no build id, no padding in the file" OFF)
 option(FWUPDATE_SANITIZE "Address and undefined behaviour sanitizers, no recovery" OFF)
 

@@ -13,6 +13,7 @@ changes how its commands are run:
 
     <!-- console: in=project -->    the workstation's commands run in the project's folder;
                                     otherwise in an empty one, with the tools in PATH
+    <!-- console: before: COMMAND --> prepares something that a reader has no need to see
     <!-- console: serve=DIR -->     the router's update server serves DIR of that folder
     <!-- console: router=OPTION --> one more option for testbed/router
     <!-- console: not run: WHY -->  the next block is not run; test_documents.py lists these
@@ -75,6 +76,7 @@ class Document:
     path: pathlib.Path
     commands: list
     not_run: list  # (first command, reason)
+    before: list = dataclasses.field(default_factory=list)
     in_project: bool = False
     serve: str = ""
     options: list = dataclasses.field(default_factory=list)
@@ -100,6 +102,9 @@ def read(path):
 def apply_note(document, note):
     if note.startswith("not run: "):
         return note[len("not run: "):]
+    if note.startswith("before: "):
+        document.before.append(note[len("before: "):])
+        return None
     key, _, value = note.partition("=")
     if key == "in" and value == "project":
         document.in_project = True
@@ -157,6 +162,9 @@ class Runner:
     def __enter__(self):
         shutil.rmtree(self.folder, ignore_errors=True)
         self.folder.mkdir(parents=True)
+        for text in self.document.before:
+            output, status = self._here(text)
+            assert status == 0, f"{self.document.path}: {text}\n{output}"
         return self
 
     def __exit__(self, *error):

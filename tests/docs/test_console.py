@@ -59,6 +59,14 @@ def test_commands_run_where_they_belong(tmp_path):
     assert [o.lines for o in outputs] == [["42"], ["router"]]
 
 
+def test_what_goes_before_is_run_first_and_has_to_succeed(tmp_path):
+    page = document(tmp_path, "<!-- console: before: echo a >file -->\n```console\n$ cat file\na\n```\n")
+    with console.Runner(page) as runner:
+        assert page.commands[0].fault(runner.run(page.commands[0])) is None
+    with pytest.raises(AssertionError, match="cannot"):
+        console.Runner(document(tmp_path, "<!-- console: before: cat /cannot -->\n")).__enter__()
+
+
 @pytest.mark.parametrize("prompt", ["$", "#"])
 def test_command_that_fails_in_silence_is_a_fault(tmp_path, prompt):
     page = document(tmp_path, f"```console\n{prompt} false\n{prompt} true\n```\n")

@@ -27,7 +27,7 @@ NOT_RUN = {
         "./demo.sh --vm", "./demo.sh --vm --fail", "testbed/vm", "testbed/vm -- ubus call fwupdate check",
         "testbed/vm --flash FILE"],
     "it waits for its user": [
-        "testbed/router", "./demo.sh --web", "pid=$(pidof fwupdate); ln -s /realproc/$pid /proc/",
+        "testbed/router", "./demo.sh --web", "fwupdate-cli update", "pid=$(pidof fwupdate); ln -s /realproc/$pid /proc/",
         "LD_LIBRARY_PATH=/host/usr/lib/x86_64-linux-gnu /host/usr/bin/gdb -p $pid"],
     "the simulated router runs the daemon without the service": [
         "uci set fwupdate.daemon.debug=1; uci commit fwupdate; /etc/init.d/fwupdate reload", "logread -e fwupdate"],
@@ -38,6 +38,7 @@ NOT_RUN = {
         "rclone copy /srv/update/model-x/stable store:updates/model-x/stable --include '/releases/**'",
         "rclone copyto /srv/update/model-x/stable/update.xml store:updates/model-x/stable/update.xml",
         "fwupdate-publish --verify https://updates.example.com/model-x/stable/update.xml \\"],
+    "it needs a real router": ["sysupgrade -b /tmp/backup.tar.gz"],
     "it needs the router system's build tree": [
         'echo "src-link fwupdate /path/to/the/clone/package" >>feeds.conf',
         "./scripts/feeds update -a && ./scripts/feeds install -a -p fwupdate", "make menuconfig",

@@ -1,12 +1,13 @@
 # SPDX-License-Identifier: ISC
 """How the program that ships is linked and compiled against attacks on its memory, as readelf tells
-it. Each question is also asked of a program that was built the other way, so that an answer that is
+it: the release build's, and the one that README's lines for building by hand make. Each question is also asked of a program that was built the other way, so that an answer that is
 always yes would be noticed."""
 import os
 import pathlib
 import re
 import subprocess
 
+import by_hand
 import pytest
 
 PROJECT = pathlib.Path(__file__).resolve().parents[2]
@@ -94,6 +95,31 @@ def weak_program(tmp_path_factory):
 @pytest.mark.parametrize("holds", QUESTIONS, ids=lambda question: question.__name__)
 def test_the_program(holds):
     assert holds(DAEMON)
+
+
+@pytest.fixture(name="by_hand_root", scope="module")
+def by_hand_root_folder(tmp_path_factory):
+    return by_hand.build(tmp_path_factory.mktemp("by_hand"))
+
+
+@pytest.mark.parametrize("holds", QUESTIONS, ids=lambda question: question.__name__)
+def test_the_program_built_by_hand(holds, by_hand_root):
+    assert holds(by_hand_root / "usr/sbin/fwupdate")
+
+
+def test_no_stand_in_is_in_the_program_built_by_hand(by_hand_root):
+    """The bus is another's library, as on a router."""
+    program = by_hand_root / "usr/sbin/fwupdate"
+    needed = set(re.findall(r"\(NEEDED\).*\[(\w+)", readelf(program, "--dynamic")))
+    assert {"libubox", "libubus", "libcurl"} <= needed
+    assert "libstdc" not in needed and "libzip" not in needed
+    assert {"ubus_connect", "uloop_init"} <= calls(program)
+
+
+def test_lines_for_building_by_hand_install_what_a_router_needs(by_hand_root):
+    installed = {str(path.relative_to(by_hand_root)) for path in by_hand_root.rglob("*") if path.is_file()}
+    assert {"usr/sbin/fwupdate", "usr/bin/fwupdate-cli"} <= installed
+    assert not [name for name in installed if "publish" in name]
 
 
 @pytest.mark.parametrize("holds", QUESTIONS, ids=lambda question: question.__name__)
