@@ -1,10 +1,12 @@
 # SPDX-License-Identifier: ISC
-# Where the libraries come from. libcurl and Mini-XML are always the real ones.
-# libubox, libubus and miniz are in no Debian release: `auto` takes the real
-# ones where they are installed and the testbed's stand-ins where they are not.
+# Where the libraries come from. libcurl, Mini-XML and zlib are always the real ones.
+# libubox, libubus and miniz are in no Debian release: `auto` takes the real ones
+# where they are installed, zlib for miniz, and the testbed's stand-ins where they
+# are not.
 #
-# The rest of the project links fwupdate::{ubox,blobmsg_json,ubus,miniz,curl,mxml}
-# and never asks which kind it got.
+# The rest of the project links fwupdate::{ubox,blobmsg_json,ubus,crc32,curl,mxml}
+# and never asks which kind it got. The unpacking of archives, which is not in the
+# program, links fwupdate::miniz, which there need not be.
 set(FWUPDATE_LIBRARIES auto CACHE STRING "Origin of libubox, libubus, miniz: auto, system, testbed")
 set_property(CACHE FWUPDATE_LIBRARIES PROPERTY STRINGS auto system testbed)
 if(NOT FWUPDATE_LIBRARIES MATCHES "^(auto|system|testbed)$")
@@ -30,8 +32,8 @@ target_compile_definitions(fwupdate::mxml INTERFACE FWUPDATE_MXML_MAJOR=${MXML_M
 
 # Looks for one installed library; sets <name>_FOUND_ON_SYSTEM and, when found,
 # makes fwupdate::<name>.
-function(find_system_library name headers library)
-  find_path(FWUPDATE_${name}_INCLUDE_DIR NAMES ${headers})
+function(find_system_library name header library)
+  find_path(FWUPDATE_${name}_INCLUDE_DIR NAMES ${header} PATH_SUFFIXES ${name})
   find_library(FWUPDATE_${name}_LIBRARY NAMES ${library})
   mark_as_advanced(FWUPDATE_${name}_INCLUDE_DIR FWUPDATE_${name}_LIBRARY)
   if(FWUPDATE_${name}_INCLUDE_DIR AND FWUPDATE_${name}_LIBRARY)
@@ -51,7 +53,7 @@ if(NOT FWUPDATE_LIBRARIES STREQUAL testbed)
   find_system_library(ubox libubox/uloop.h ubox)
   find_system_library(ubus libubus.h ubus)
   find_system_library(blobmsg_json libubox/blobmsg_json.h blobmsg_json)
-  find_system_library(miniz "miniz.h;miniz/miniz.h" miniz)
+  find_system_library(miniz miniz.h miniz)
 endif()
 
 # libubus is built on libubox's structures: the two are taken from one place or
@@ -61,14 +63,9 @@ if(ubox_FOUND_ON_SYSTEM AND ubus_FOUND_ON_SYSTEM
    AND (blobmsg_json_FOUND_ON_SYSTEM OR NOT BUILD_TESTING))
   set(bus_origin system)
 endif()
-set(miniz_origin testbed)
-if(miniz_FOUND_ON_SYSTEM)
-  set(miniz_origin system)
-endif()
-if(FWUPDATE_LIBRARIES STREQUAL system AND
-   NOT (bus_origin STREQUAL system AND miniz_origin STREQUAL system))
-  message(FATAL_ERROR "FWUPDATE_LIBRARIES=system, but not all of libubox, libubus and miniz "
-                      "were found; CMAKE_PREFIX_PATH says where to look")
+if(FWUPDATE_LIBRARIES STREQUAL system AND NOT bus_origin STREQUAL system)
+  message(FATAL_ERROR "FWUPDATE_LIBRARIES=system, but not both of libubox and libubus were found; "
+                      "CMAKE_PREFIX_PATH says where to look")
 endif()
 
 if(bus_origin STREQUAL system)
@@ -81,12 +78,23 @@ else()
   add_subdirectory(testbed/lib/libubox)
   add_subdirectory(testbed/lib/libubus)
 endif()
-if(miniz_origin STREQUAL system)
+
+# Of miniz the program uses the CRC-32 alone, and zlib's is the same.
+add_library(fwupdate::crc32 INTERFACE IMPORTED)
+if(miniz_FOUND_ON_SYSTEM)
+  set(crc32_origin miniz)
   use_system_library(miniz)
+  target_link_libraries(fwupdate::crc32 INTERFACE fwupdate::miniz)
+  target_compile_definitions(fwupdate::crc32 INTERFACE FWUPDATE_CRC32_BY_MINIZ=1)
 else()
-  add_subdirectory(testbed/lib/miniz)
+  set(crc32_origin zlib)
+  find_package(ZLIB REQUIRED)
+  target_link_libraries(fwupdate::crc32 INTERFACE ZLIB::ZLIB)
+  if(BUILD_TESTING)
+    add_subdirectory(testbed/lib/miniz)
+  endif()
 endif()
 
 message(STATUS "libubox, libubus: ${bus_origin}")
-message(STATUS "miniz: ${miniz_origin}")
+message(STATUS "CRC-32: ${crc32_origin}")
 message(STATUS "libcurl: system ${CURL_VERSION}; Mini-XML: system ${MXML_MAJOR}")

@@ -48,7 +48,7 @@ def version(package):
 
 
 def origins(build):
-    """Which libubox, libubus and miniz were linked, as CMake said."""
+    """Which libubox and libubus were linked, as CMake said."""
     cache = (build / "CMakeCache.txt").read_text()
     return "the originals" if "FWUPDATE_ubus_LIBRARY:FILEPATH=/" in cache else "the stand-ins"
 
@@ -65,7 +65,7 @@ def header(build, runs, load):
         f"- Date: {datetime.date.today()}; {runs} runs, the variants in turn.",
         f"- Machine: {cpu}, {cores} cores, Linux {platform.release()}; load average at the "
         f"start: {load:.2f}.",
-        f"- libubox, libubus, miniz: {origins(build)}.",
+        f"- libubox, libubus: {origins(build)}.",
         "- Debian packages: " + ", ".join(f"{name} {version(name)}" for name in packages) + ".",
     ]
 

@@ -9,11 +9,9 @@ from measures.samples import Row
 
 # What a router of this family has anyway, by the beginning of the library's name.
 AT_HOME = ("libc.so", "libm.so", "ld-linux", "linux-vdso", "libcurl.so", "libubox", "libubus",
-           "libblobmsg", "libjson-c", "libssl", "libcrypto", "libgcc_s", "libpthread", "libdl.so")
+           "libblobmsg", "libjson-c", "libz.so", "libssl", "libcrypto", "libgcc_s", "libpthread",
+           "libdl.so")
 CURL = "/usr/bin/curl"  # whose libraries are libcurl's
-# Brought, though Debian's libcurl loads it too: it stands for miniz, and a router's libcurl does
-# without.
-BROUGHT = "libz.so"
 
 
 def stripped(program):
@@ -36,8 +34,7 @@ def own_libraries(program, curl):
     shared = set(libraries(curl))
     return sum(pathlib.Path(path).resolve().stat().st_size
                for name, path in libraries(program).items()
-               if name.startswith(BROUGHT)
-               or (name not in shared and not name.startswith(AT_HOME)))
+               if name not in shared and not name.startswith(AT_HOME))
 
 
 def shared_program(project):

@@ -13,7 +13,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "base/miniz_headers.h"
+#include "base/crc32.h"
 #include "clock.h"
 
 namespace
@@ -67,7 +67,7 @@ int main(int argc, char **argv)
 	}
 	const auto *bytes = static_cast<const unsigned char *>(memory);
 	const unsigned long result =
-		crc ? mz_crc32(MZ_CRC32_INIT, bytes + HEADER, size - HEADER) : touch(bytes, size);
+		crc ? fwupdate::crc32_of(bytes + HEADER, size - HEADER) : touch(bytes, size);
 	if (model && !ask_for_model()) {
 		std::fputs("read_file: the router does not tell its model\n", stderr);
 		return 1;

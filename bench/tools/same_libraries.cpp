@@ -5,14 +5,14 @@
 #include <curl/curl.h>
 #include <mxml.h>
 
-#include "base/miniz_headers.h"
+#include "base/crc32.h"
 
 namespace
 {
 
 [[gnu::used, gnu::retain]] CURL *(*const transfer)() = curl_easy_init;
 [[gnu::used, gnu::retain]] void (*const document)(mxml_node_t *) = mxmlDelete;
-[[gnu::used, gnu::retain]] mz_ulong (*const checksum)(mz_ulong, const unsigned char *,
-						      std::size_t) = mz_crc32;
+[[gnu::used, gnu::retain]] std::uint32_t (*const checksum)(const void *,
+							   std::size_t) = fwupdate::crc32_of;
 
 } // namespace

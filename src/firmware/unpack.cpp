@@ -5,10 +5,10 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
+#include <miniz.h>
 
 #include "base/guards.h"
 #include "base/log.h"
-#include "base/miniz_headers.h"
 #include "base/text.h"
 #include "firmware/download.h"
 

@@ -12,9 +12,9 @@
 #include <unistd.h>
 #include <utility>
 
+#include "base/crc32.h"
 #include "base/guards.h"
 #include "base/log.h"
-#include "base/miniz_headers.h"
 #include "base/records.h"
 #include "base/shell.h"
 #include "base/text.h"
@@ -60,19 +60,14 @@ ImageHeader read_header(const MappedBytes &file)
 // CRC-32 of everything behind the header.
 std::uint32_t data_crc(const MappedBytes &file)
 {
-	if (file.size <= sizeof(ImageHeader)) {
-		return MZ_CRC32_INIT;
-	}
-	const auto *bytes = static_cast<const unsigned char *>(file.start);
-	return static_cast<std::uint32_t>(mz_crc32(MZ_CRC32_INIT, bytes + sizeof(ImageHeader),
-						   file.size - sizeof(ImageHeader)));
+	const std::size_t header = std::min(file.size, sizeof(ImageHeader));
+	return crc32_of(static_cast<const char *>(file.start) + header, file.size - header);
 }
 
 std::uint32_t header_crc(ImageHeader header)
 {
 	std::memset(header.header_crc, 0, sizeof(header.header_crc));
-	return static_cast<std::uint32_t>(mz_crc32(
-		MZ_CRC32_INIT, reinterpret_cast<const unsigned char *>(&header), sizeof(header)));
+	return crc32_of(&header, sizeof(header));
 }
 
 // Such an image is vouched for by its metadata, not by its data CRC.

@@ -15,6 +15,8 @@ include({PROJECT}/cmake/Libraries.cmake)
 get_target_property(mxml fwupdate::mxml INTERFACE_LINK_LIBRARIES)
 get_target_property(version fwupdate::mxml INTERFACE_COMPILE_DEFINITIONS)
 file(WRITE ${{CMAKE_BINARY_DIR}}/mxml "${{mxml}} ${{version}}")
+get_target_property(crc32 fwupdate::crc32 INTERFACE_LINK_LIBRARIES)
+file(WRITE ${{CMAKE_BINARY_DIR}}/crc32 ${{crc32}})
 """
 
 
@@ -50,8 +52,8 @@ class Installed:
 @pytest.fixture(name="installed")
 def fixture_installed(tmp_path):
     folder = Installed(tmp_path)
-    for library, header in (("ubox", "libubox/uloop.h"), ("ubus", "libubus.h"), ("miniz", "miniz.h")):
-        folder.add(library, header)
+    folder.add("ubox", "libubox/uloop.h")
+    folder.add("ubus", "libubus.h")
     return folder
 
 
@@ -64,3 +66,13 @@ def test_mini_xml_is_the_one_of_the_header(installed, versions, taken):
     for version in versions:
         installed.add_mxml(version)
     assert (installed.configured() / "mxml").read_text() == f"{installed.folder}/usr/lib/{taken}"
+
+
+def test_without_miniz_the_checksum_is_zlibs(installed):
+    assert (installed.configured() / "crc32").read_text() == "ZLIB::ZLIB"
+
+
+@pytest.mark.parametrize("header", ["miniz.h", "miniz/miniz.h"])
+def test_miniz_is_taken_where_it_is(installed, header):
+    installed.add("miniz", header)
+    assert (installed.configured() / "crc32").read_text() == "fwupdate::miniz"

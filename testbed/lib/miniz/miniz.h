@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: ISC
-// The few functions of miniz that the daemon calls, over zlib and libzip: the CRC-32 and
-// reading one member of a ZIP archive into memory. Writing, streaming and the zlib
-// look-alikes are left out.
+// What the unpacking of archives calls in miniz, over libzip: reading one member into memory.
+// Writing, streaming and the zlib look-alikes are left out.
 #pragma once
 
 #include <limits.h>
@@ -11,9 +10,7 @@
 #include <strings.h>
 
 #include <zip.h>
-#include <zlib.h>
 
-typedef unsigned long mz_ulong;
 typedef uint16_t mz_uint16;
 typedef uint32_t mz_uint32;
 typedef uint64_t mz_uint64;
@@ -22,7 +19,6 @@ typedef int mz_bool;
 
 #define MZ_FALSE (0)
 #define MZ_TRUE (1)
-#define MZ_CRC32_INIT (0)
 #define MZ_ZIP_MAX_ARCHIVE_FILENAME_SIZE 512
 
 // Members are always searched in the order of the central directory here.
@@ -42,12 +38,6 @@ typedef struct mz_zip_archive_file_stat {
 	mz_bool m_is_directory;
 	char m_filename[MZ_ZIP_MAX_ARCHIVE_FILENAME_SIZE]; // cut off where it is longer
 } mz_zip_archive_file_stat;
-
-// Continues `crc` over the bytes; MZ_CRC32_INIT for no bytes at all.
-static inline mz_ulong mz_crc32(mz_ulong crc, const unsigned char *ptr, size_t buf_len)
-{
-	return ptr ? crc32_z(crc, ptr, buf_len) : MZ_CRC32_INIT;
-}
 
 static inline void mz_free(void *p)
 {
