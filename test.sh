@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: ISC
-# Tests everything: the sources against the house's rules, the shipped build, the
-# same under the sanitizers, and the documents against the tests.
+# Builds and tests. What is run is a plan of steps; each says what it is, which one of
+# how many, and how long it took the last time.
 # shellcheck disable=SC2317 # steps are called by their names
 set -uo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")" || exit 1
@@ -9,29 +9,38 @@ export PYTHONDONTWRITEBYTECODE=1 # nothing is left in the tree
 
 usage() {
 	cat <<'TEXT'
-Usage: ./test.sh [OPTION...]
+Usage: ./test.sh [RUN] [OPTION...]
 
-  (none)              packages, static checks, the release build and its tests,
-                      the sanitizer build and its tests, the documents
-  --quick             release build and tests only
-  --static            format, shellcheck and clang-tidy only, the tests included
-  --coverage          line and branch coverage of src/ instead; the report goes
-                      to build/coverage/report
-  --web               the update page in a real browser instead; with --pictures
-                      the screenshots in docs/pictures are taken anew
-  --vm                updates on the virtual router instead, power cuts included
-  --arch ARCH         the tests for another architecture instead (armhf, s390x), run by
-                      an emulator; what it cannot do is in tests/not-emulated.md.
-                      With --quick: the unit tests, and an update by a daemon of ARCH
-                      on a bus of this machine
-  --mutants N         N small changes to src/ instead, which the tests must notice
-  --seed S            which changes (default 1)
+RUN, with its time on two idle cores:
+  (none)              the release build and its tests (4 min)
+  --all               that, unless it has passed on these very sources, and: static checks,
+                      the sanitizer build and its tests, sizes, documents (8 min more)
+  --static            format, shellcheck and clang-tidy, of the tests as well (5 min)
+  --coverage          line and branch coverage of src/; the report is in
+                      build/coverage/report (5 min)
+  --web               the update page in a real browser; with --pictures the screenshots
+                      in docs/pictures are taken anew (5 min)
+  --vm                updates on the virtual router, power cuts included (13 min)
+  --arch ARCH         the tests for another architecture, run by an emulator where one is
+                      needed; what it cannot do is in tests/not-emulated.md (20 min). With
+                      --quick: the unit tests, and an update by a daemon of ARCH on a
+                      bus of this machine (3 min)
+  --mutants N         N small changes that the tests must notice (1 min each, 5 before)
+  --help              show this
+
+OPTION:
   --filter PATTERN    only the tests that match, as --gtest_filter takes it
                       (with --web and --vm as pytest's -k takes it)
-  --help              show this
+  --second-try        tests that failed run once more, alone; the last lines name them
+  --of KIND           with --mutants: what is changed, cpp (src/, the default), shell (the
+                      command), python (the publisher) or page (the page's script)
+  --seed S            with --mutants: which changes (1)
 
 The last line is "N passed, N failed"; the exit status is 0 only when nothing
 failed, no check complained and at least one test ran.
+
+Beside it: ./demo.sh, fuzz/run, bench/run, bench/soak, bench/size, testbed/router,
+testbed/vm. Each says with --help what it does. .ci/run is what runs automatically.
 TEXT
 }
 
@@ -41,26 +50,26 @@ misuse() {
 	exit 2
 }
 
-mode=full
+run=release
 arch=
+quick=no
+second_try=no
 mutants=0
-seed=1
+mutate=()
 filter=
 while [ $# -gt 0 ]; do
 	case $1 in
-	--arch | --mutants | --seed | --filter)
+	--arch | --mutants | --of | --seed | --filter)
 		[ $# -ge 2 ] || misuse "$1 takes a value" ;;
 	esac
 	case $1 in
-	--quick) mode=quick ;;
-	--arch) arch=$2 && shift ;;
-	--static) mode=static ;;
-	--coverage) mode=coverage ;;
-	--web) mode=web ;;
-	--vm) mode=vm ;;
+	--all | --static | --coverage | --web | --vm) run=${1#--} ;;
+	--arch) run=arch arch=$2 && shift ;;
+	--mutants) run=mutants mutants=$2 && shift ;;
+	--of | --seed) mutate+=("$1" "$2") && shift ;;
+	--quick) quick=yes ;;
 	--pictures) export FWUPDATE_PICTURES=1 ;;
-	--mutants) mode=mutants mutants=$2 && shift ;;
-	--seed) seed=$2 && shift ;;
+	--second-try) second_try=yes ;;
 	--filter) filter=$2 && shift ;;
 	--help) usage && exit 0 ;;
 	*) misuse "unknown argument '$1'" ;;
@@ -68,147 +77,111 @@ while [ $# -gt 0 ]; do
 	shift
 done
 
-for number in "$mutants" "$seed"; do
-	[[ $number =~ ^[0-9]+$ ]] || misuse "'$number' is not a number"
-done
-[ "$mode" != mutants ] || [ "$mutants" -gt 0 ] || misuse "--mutants takes at least 1"
-
-case $arch:$mode in
-:*) ;;
-armhf:full | s390x:full) mode=arch ;;
-armhf:quick | s390x:quick) mode="arch-quick" ;;
-armhf:* | s390x:*) misuse "--arch goes with --quick and --filter only" ;;
-*) misuse "'$arch' is not an architecture that the tests run for; armhf and s390x are" ;;
-esac
+# An architecture is one that a preset names.
+if [ "$run" = arch ] && ! grep -qF "\"FWUPDATE_ARCH\": \"$arch\"" CMakePresets.json; then
+	misuse "'$arch' is not an architecture that the tests run for;" \
+		"those are $(sed -n 's/.*"FWUPDATE_ARCH": "\(.*\)".*/\1/p' CMakePresets.json | paste -sd ' ')"
+fi
+[ "$quick" = no ] || [ "$run" = arch ] || misuse "--quick goes with --arch"
+[ "$run" = mutants ] || [ ${#mutate[@]} -eq 0 ] || misuse "${mutate[0]} goes with --mutants"
 
 jobs=$(nproc)
-emulate=() # what a command for another architecture is prefixed with
-excluded=  # tests that are left out, as GTEST_FILTER takes them
+export CTEST_PARALLEL_LEVEL=$((3 * jobs)) # the tests wait half of their time
+emulate=()                                # what a command for another architecture is prefixed with
+excluded=                                 # tests that are left out, as GTEST_FILTER takes them
 passed=0
 failed=0
 complaints=()
-early= # what runs beside the tests
+again=() # tests that were run a second time
+took=()
+early= # the process that builds what comes next
 
-heading() {
-	printf '\n== %s\n' "$*"
-}
-
-# Runs one step; its failure is remembered and told again at the end.
+# step PLACE NAME COMMAND...: its failure is remembered and told again at the end.
 step() {
-	local name=$1
-	shift
-	heading "$name"
-	"$@" && return
-	complaints+=("$name")
-	return 1
-}
-
-# Counts one build's reports. A program that crashed leaves no report: the test
-# entries that ctest saw fail are the least that failed.
-count_results() {
-	local build=$1 failed_entries=$2 results good bad skipped
-	results=$(tests/list_results "$build")
-	good=$(grep -c '^passed ' <<<"$results")
-	bad=$(grep -c '^failed ' <<<"$results")
-	skipped=$(grep -c '^skipped ' <<<"$results")
-	[ "$bad" -ge "$failed_entries" ] || bad=$failed_entries
-	passed=$((passed + good))
-	failed=$((failed + bad))
-	echo "$build: $good passed, $bad failed, $skipped skipped"
-}
-
-build_and_test() {
-	local preset=$1 build=build/$1 output status failed_entries choice=()
-	step "build: $preset" build_preset "$preset" || { failed=$((failed + 1)); return 1; }
-	heading "test: $preset"
-	rm -rf "$build/reports"
-	output=$(mktemp)
-	# The pattern is GoogleTest's; a Python test alone is run by pytest itself.
-	[ -z "$filter" ] || choice=(-LE python)
-	GTEST_FILTER=${filter:-*}${excluded:+-$excluded} GTEST_OUTPUT=xml:$PWD/$build/reports/ \
-		"${emulate[@]}" ctest --test-dir "$build" --output-on-failure -j $((3 * jobs)) --no-tests=error "${choice[@]}" |
-		tee "$output"
-	status=$?
-	failed_entries=$(sed -n 's/.* \([0-9]*\) tests failed out of .*/\1/p' "$output")
-	rm -f "$output"
-	[ "$status" -eq 0 ] || [ "${failed_entries:-0}" -gt 0 ] || failed_entries=1
-	count_results "$build" "${failed_entries:-0}"
-	[ "$status" -eq 0 ] || complaints+=("test: $preset")
+	local name=$2 clock="build/times/$2" start=$SECONDS status=0 last=
+	[ ! -f "$clock" ] || last=" ($(<"$clock") the last time)"
+	printf '\n== %s: %s%s\n' "$1" "$name" "$last"
+	"${@:3}" || status=$?
+	took+=("$name $((SECONDS - start)) s")
+	if [ "$status" -ne 0 ]; then
+		complaints+=("$name")
+	elif [ -z "$filter" ]; then
+		echo "$((SECONDS - start)) s" >"$clock"
+	fi
 	return "$status"
 }
 
-# build_preset PRESET [TARGET...]
-build_preset() {
+# conclude BUILD STATUS [OPTION...]: tests of the build have ended with this status. Those that
+# failed may get a second try, with run_again's options; then all are counted.
+conclude() {
+	local build=$1 status=$2 count good bad
+	if [ "$status" -ne 0 ] && [ "$second_try" = yes ]; then
+		printf '\n-- once more, alone:\n%s\n' "$(tests/list_results --failed "$build")"
+		mapfile -t -O ${#again[@]} again < <(tests/list_results --failed "$build")
+		tests/run_again "$build" "${@:3}" && status=0
+	fi
+	count=$(tests/list_results --count "$build")
+	echo "$build: $count"
+	read -r good _ bad _ <<<"$count"
+	[ "$status" -eq 0 ] || [ "$bad" -gt 0 ] || bad=1 # what failed has left no report
+	passed=$((passed + good))
+	failed=$((failed + bad))
+	return "$status"
+}
+
+# build PRESET [TARGET...]
+build() {
 	cmake --preset "$1" >"build/$1.log" 2>&1 || { cat "build/$1.log"; return 1; }
 	sed -n '/^-- lib/p' "build/$1.log"
-	cmake --build --preset "$1" -j "$jobs" ${2+--target "${@:2}"} -- --quiet
+	set -- cmake --build --preset "$1" ${2+--target "${@:2}"}
+	if [ -t 1 ]; then "$@"; else "$@" -- --quiet; fi
 }
 
-# Whatever is in the tree now, committed or not.
-files() {
-	find . -path ./build -prune -o -path ./.git -prune -o -type f "$@" -printf '%P\n'
+# test_build PRESET. The pattern is GoogleTest's; a Python test alone is run by pytest itself.
+test_build() {
+	local build=build/$1 status=0
+	rm -rf "$build/reports" "$build/Testing/Temporary/LastTestsFailed.log"
+	GTEST_FILTER=${filter:-*}${excluded:+-$excluded} GTEST_OUTPUT=xml:$PWD/$build/reports/ \
+		"${emulate[@]}" ctest --preset "$1" ${filter:+-LE python} || status=$?
+	conclude "$build" "$status" "${emulate[@]}"
 }
 
-sources() {
-	files \( -name '*.[ch]' -o -name '*.cpp' \)
+# What has passed on the very files that are there now is not run again by --all.
+test_release() {
+	local stamp=build/release/passed
+	if [ "$run" = all ] && [ -z "$filter" ] && [ -f "$stamp" ] &&
+		[ -z "$(find . \( -path ./build -o -path ./.git \) -prune -o -newer "$stamp" -print -quit)" ]; then
+		echo "They have passed, and no file has changed since."
+		return
+	fi
+	rm -f "$stamp"
+	touch build/begun
+	test_build release || return
+	[ -n "$filter" ] || mv build/begun "$stamp"
 }
 
-scripts() {
-	files | xargs awk 'FNR == 1 && (/^#!.*\/(env )?(ba)?sh/ || FILENAME ~ /\.sh$/) { print FILENAME } { nextfile }'
-}
-
-check_format() {
-	sources | xargs clang-format --dry-run -Werror
-}
-
-check_scripts() {
-	scripts | xargs shellcheck
-}
-
-# Another compiler follows a build's commands, without its precompiled header. The
-# stand-ins' headers are C, which the rules for C++ are not for.
-check_tidy() {
-	local folders=$1
-	mkdir -p build/tidy
-	sed -E 's/ -Winvalid-pch -include [^ ]+//' build/asan/compile_commands.json \
-		>build/tidy/compile_commands.json
-	sources | grep -E '\.(c|cpp)$' | grep -E "^($folders)/" |
-		xargs -P "$jobs" -n 4 clang-tidy -p build/tidy --quiet \
-			--header-filter='/(src|testbed/tools|tests|fuzz|bench)/' \
-			2> >(grep -vE '^[0-9]+ warnings? |^Suppressed |^Use -' >&2)
-}
-
-# What comes next begins early, at a low priority: the tests wait half of their time.
-# begin_early NAME COMMAND...: prints to build/NAME.log; sets `early` to the process, which leads
-# a group of its own, so that nothing of it is left when this script is interrupted.
-begin_early() {
-	local name=$1
+# The sanitizers' build begins early, at a low priority: the tests wait half of their time. It
+# leads a group of its own, so that nothing of it is left when this script is interrupted.
+test_release_and_build_asan() {
+	local status=0
 	set -m
-	(
-		renice -n 10 "$BASHPID" >/dev/null
-		"${@:2}"
-	) >"build/$name.log" 2>&1 </dev/null &
+	{ renice -n 10 "$BASHPID" && build asan; } >build/early.log 2>&1 </dev/null &
 	early=$!
 	set +m
-}
-
-# end_early NAME: its output and its status.
-end_early() {
-	local status=0
-	wait "$early" || status=$?
+	test_release || status=$?
+	wait "$early" # what is wrong with it, the next step shows
 	early=
-	cat "build/$1.log"
 	return "$status"
 }
 trap '[ -z "$early" ] || kill -- "-$early"' EXIT
 
 # Tests that the emulator is known to fail: one that passes has to leave the list.
 check_not_emulated() {
-	local build=build/$1
+	local build=build/$arch
 	rm -rf "$build/reports"
-	GTEST_FILTER=$(tests/not_emulated tried "$1") \
+	GTEST_FILTER=$(tests/not_emulated tried "$arch") \
 		"${emulate[@]}" ctest --test-dir "$build" -Q -LE 'python|fuzz' -j "$jobs"
-	tests/not_emulated check "$1" "$build"
+	tests/not_emulated check "$arch" "$build"
 }
 
 prepare_arch() {
@@ -216,36 +189,30 @@ prepare_arch() {
 		excluded=$(tests/not_emulated all "$arch")
 }
 
-test_arch() {
-	build_and_test "$arch"
-	[ -n "$filter" ] || step "not emulated: $arch" check_not_emulated "$arch"
-}
-
 # The tools and, for the update, the tests are this machine's: that is faster, and what
 # goes over the bus is understood in both byte orders.
+units=(base_tests daemon_tests discovery_tests firmware_tests verify_tests)
+build_arch_quickly() {
+	build "$arch" fwupdate "${units[@]}" &&
+		build release fwupdate ubusd ubus jsonfilter fwtool routerd router_tests
+}
+
 test_arch_quickly() {
 	local program status=0
-	step "build: $arch" build_preset "$arch" fwupdate base_tests daemon_tests discovery_tests firmware_tests verify_tests &&
-		step "build: release" build_preset release fwupdate ubusd ubus jsonfilter fwtool routerd router_tests || return
 	rm -rf "build/$arch/reports"
-	for program in base_tests daemon_tests discovery_tests firmware_tests verify_tests; do
+	for program in "${units[@]}"; do
 		GTEST_FILTER="*-$excluded" tests/in_router --tools build/release "build/$arch" "$program" --gtest_brief=1 || status=1
 	done
 	tests/in_router --daemon "build/$arch" build/release router_tests --gtest_brief=1 \
 		--gtest_filter='UpdateInstall.*:CheckEvent.*' || status=1
-	count_results "build/$arch" "$status"
-	return "$status"
+	conclude "build/$arch" "$status" --native build/release
 }
 
 report_coverage() {
 	local report=build/coverage/report
 	mkdir -p "$report"
-	gcovr --root . --filter 'src/' --object-directory build/coverage \
-		--exclude-throw-branches --exclude-unreachable-branches \
-		--html-details "$report/index.html" --txt "$report/lines.txt" &&
-		gcovr --root . --filter 'src/' --object-directory build/coverage \
-			--exclude-throw-branches --exclude-unreachable-branches \
-			--branches --print-summary | tee "$report/branches.txt" &&
+	gcovr --html-details "$report/index.html" --txt "$report/lines.txt" &&
+		gcovr --branches --print-summary | tee "$report/branches.txt" &&
 		cat "$report/lines.txt"
 }
 
@@ -256,95 +223,92 @@ report_coverage() {
 test_part() {
 	local part=$1 status=0
 	rm -rf "build/$part/reports"
-	FWUPDATE_BUILD=build/release /usr/bin/python3 -B -m pytest -q -rs -p no:cacheprovider "${@:2}" \
+	export FWUPDATE_BUILD=build/release
+	/usr/bin/python3 -B -m pytest -q -rs -p no:cacheprovider "${@:2}" \
 		-k "${filter:-test}" --junitxml="build/$part/reports/$part.xml" "tests/$part" || status=$?
-	count_results "build/$part" "$((status != 0))"
+	conclude "build/$part" "$status"
+}
+
+# test_mutants OPTION...: a change that was noticed, or that mutants-unseen.md explains, has passed.
+test_mutants() {
+	local status=0 noticed explained missed
+	tests/mutate "$@" | tee build/mutants.log || status=$?
+	read -r noticed explained missed < <(sed -nE \
+		's/^seed .* ([0-9]+) noticed, ([0-9]+) explained, ([0-9]+) not noticed.*/\1 \2 \3/p' build/mutants.log)
+	passed=$((passed + noticed + explained))
+	failed=$((failed + missed))
 	return "$status"
 }
 
-finish() {
-	local complaint
-	printf '\n'
-	for complaint in "${complaints[@]}"; do
-		echo "FAILED: $complaint"
+check_documents() {
+	local document
+	for document in behaviours security reliability; do
+		tests/check_behaviours "docs/$document.md" build/release || return
 	done
-	if [ "$mode" = static ]; then
-		[ ${#complaints[@]} -eq 0 ]
-		exit
-	fi
-	echo "$passed passed, $failed failed"
-	[ ${#complaints[@]} -eq 0 ] && [ "$failed" -eq 0 ] && [ "$passed" -gt 0 ]
+	tests/check_reliability docs/reliability.md build/release
+}
+
+finish() {
+	printf '\nThis took %s s' "$SECONDS"
+	printf ', %s' "${took[@]}"
+	echo .
+	[ ${#again[@]} -eq 0 ] || printf 'RUN TWICE: %s\n' "${again[@]}"
+	[ ${#complaints[@]} -eq 0 ] || printf 'FAILED: %s\n' "${complaints[@]}"
+	[ "$run" = static ] || echo "$passed passed, $failed failed"
+	[ ${#complaints[@]} -eq 0 ] && [ "$failed" -eq 0 ] && [[ $run = static || $passed -gt 0 ]]
 	exit
 }
 
-check_documents() {
-	tests/check_behaviours docs/behaviours.md build/release &&
-		tests/check_behaviours docs/security.md build/release &&
-		tests/check_behaviours docs/reliability.md build/release &&
-		tests/check_reliability docs/reliability.md build/release
-}
-
-check_arch_size() {
-	grep -q "^$arch " bench/size-budget || return 0
-	step "size: $arch" bench/size --check "$arch"
-}
-
-mkdir -p build
-parts=()
-case $mode in web | vm) parts=("--$mode") ;; arch*) parts=(--arch) ;; esac
-step packages ./setup.sh "${parts[@]}" || finish
-case $mode in
-full)
-	step "format" check_format
-	step "scripts" check_scripts
-	step "floors" tests/check_floors
-	begin_early build-asan build_preset asan
-	build_and_test release
-	end_early build-asan >/dev/null # what is wrong with it, the next step shows
-	if [ -f build/asan/compile_commands.json ]; then
-		begin_early clang-tidy check_tidy 'src|testbed'
-		build_and_test asan
-		step "clang-tidy" end_early clang-tidy
-	else
-		build_and_test asan
-	fi
-	step "size" bench/size --check
-	if [ -z "$filter" ]; then
-		step "documents" check_documents
-	fi
+# Each step: NAME = COMMAND. A build that fails ends the run; every other step is run.
+plan=("packages = ./setup.sh")
+case $run in
+web | vm | arch) plan=("packages = ./setup.sh --$run") ;;
+esac
+case $run in
+release)
+	plan+=("build release = build release" "test release = test_release")
+	;;
+all)
+	plan+=("format = tests/check_sources format" "scripts = tests/check_sources scripts" "floors = tests/check_floors"
+		"build release = build release" "test release = test_release_and_build_asan"
+		"build asan = build asan" "test asan, clang-tidy = test_build asan" "size = bench/size --check")
+	[ -n "$filter" ] || plan+=("documents = check_documents")
 	;;
 static)
-	step "format" check_format
-	step "scripts" check_scripts
-	step "floors" tests/check_floors
-	step "build: asan" build_preset asan && step "clang-tidy" check_tidy 'src|testbed|tests|fuzz|bench'
-	;;
-quick)
-	build_and_test release
-	;;
-web)
-	step "build: release" build_preset release fwupdate ubusd ubus jsonfilter fwtool routerd &&
-		step "test: web" test_part web -n "$jobs"
-	;;
-vm)
-	step "build: virtual router" testbed/machine/build &&
-		step "test: vm" test_part vm -n "$jobs" --basetemp=build/vm/tests --durations=0 --durations-min=1 &&
-		[ -z "$filter" ] && step "documents" tests/check_behaviours docs/virtual-router.md build/vm
-	;;
-arch)
-	step "libraries: $arch" prepare_arch && test_arch
-	check_arch_size
-	;;
-arch-quick)
-	step "libraries: $arch" prepare_arch && step "test: $arch" test_arch_quickly
-	check_arch_size
+	plan+=("format = tests/check_sources format" "scripts = tests/check_sources scripts" "floors = tests/check_floors"
+		"clang-tidy = tests/check_sources tidy src|testbed|tests|fuzz|bench")
 	;;
 coverage)
-	build_and_test coverage
-	step "coverage" report_coverage
+	plan+=("build coverage = build coverage" "test coverage = test_build coverage" "coverage = report_coverage")
+	;;
+web)
+	plan+=("build release = build release fwupdate ubusd ubus jsonfilter fwtool routerd"
+		"test web = test_part web -n $jobs")
+	;;
+vm)
+	plan+=("build virtual router = testbed/machine/build"
+		"test vm = test_part vm -n $jobs --basetemp=build/vm/tests --durations=0 --durations-min=1")
+	[ -n "$filter" ] || plan+=("documents = tests/check_behaviours docs/virtual-router.md build/vm")
+	;;
+arch)
+	plan+=("libraries of $arch = prepare_arch")
+	if [ "$quick" = yes ]; then
+		plan+=("build $arch = build_arch_quickly" "test $arch = test_arch_quickly")
+	else
+		plan+=("build $arch = build $arch" "test $arch = test_build $arch")
+		[ -n "$filter" ] || plan+=("not emulated $arch = check_not_emulated")
+	fi
+	! grep -q "^$arch " bench/size-budget || plan+=("size $arch = bench/size --check $arch")
 	;;
 mutants)
-	build_and_test release && step "mutants" tests/mutate --count "$mutants" --seed "$seed"
+	plan+=("mutants = test_mutants --count $mutants ${mutate[*]}")
 	;;
 esac
+
+mkdir -p build/times
+for index in "${!plan[@]}"; do
+	read -ra command <<<"${plan[index]#* = }"
+	step "$((index + 1)) of ${#plan[@]}" "${plan[index]%% = *}" "${command[@]}" && continue
+	case ${plan[index]} in packages* | libraries* | build*) failed=$((failed + 1)) && break ;; esac
+done
 finish
