@@ -86,10 +86,8 @@ read_arguments() {
 read_end() {
 	outcome=lost detail=call ended=''
 	[ -e "$job/end" ] || return 0
-	kind='' what='' when=''
-	{ read -r kind what when <"$job/end"; } 2>/dev/null
 	detail=files
-	is_number "$when" || return 0
+	{ read -r kind what when <"$job/end"; } 2>/dev/null && is_number "$when" || return 0
 	case $kind:$what in
 	answered:installing | answered:nothing | answered:failed | answered:busy)
 		stored answer && answer=$(jsonfilter -q -s "$line" -e @ 2>/dev/null) || return 0

@@ -31,4 +31,4 @@ def test_command_and_page_are_installed(tmp_path):
     command = tmp_path / "bin/fwupdate-cli"
     assert command.stat().st_mode & 0o777 == 0o755
     parts = {path.name for path in (tmp_path / "share/fwupdate-cli").iterdir()}
-    assert parts == set(re.findall(r"^\s*\. \$parts/(\S+)$", command.read_text(), re.M))
+    assert parts == set(re.findall(r"^\s*\. \$parts/(\S+)", command.read_text(), re.M))
