@@ -7,9 +7,9 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "router/bus_wire.h"
 #include "router/update_fixture.h"
 #include "support/bus_connection.h"
-#include "testbed/bus_wire.h"
 
 using namespace router_test;
 

@@ -184,33 +184,6 @@ TEST_F(JsonFilter, RefusesInputThatIsNotJson)
 	}
 }
 
-TEST_F(JsonFilter, RefusesNestingThatNeverEnds)
-{
-	const RunResult result = filter(std::string(100000, '['), {"-e", "@[0]"});
-	EXPECT_EQ(result.status.code, not_json);
-}
-
-TEST_F(JsonFilter, IgnoresWhatFollowsTheFirstValue)
-{
-	for (std::string_view input :
-	     {"{\"a\":1}x", "{\"a\":1} {\"a\":2}", "{\"a\":1}\n\n", "{\"a\":1}}"}) {
-		const RunResult result = filter(input, {"-e", "@.a"});
-		EXPECT_EQ(result.output, "1\n") << input;
-		EXPECT_EQ(result.status.code, 0) << input;
-	}
-}
-
-TEST_F(JsonFilter, TakesTheLastOfEqualNames)
-{
-	EXPECT_EQ(filter("{\"a\":1,\"a\":2}", {"-e", "@.a"}).output, "2\n");
-}
-
-TEST_F(JsonFilter, ReadsLargeInput)
-{
-	const std::string text(3000000, 'x');
-	EXPECT_EQ(filter("{\"a\":\"" + text + "\"}", {"-e", "@.a"}).output, text + "\n");
-}
-
 TEST_F(JsonFilter, PrintsOneLineForEachExpression)
 {
 	const RunResult result = filter(board, {"-e", "@.number", "-e", "@.board_name"});
@@ -247,47 +220,9 @@ TEST_F(JsonFilter, NamesTheFileItCannotOpen)
 	EXPECT_EQ(result.status.code, no_input);
 }
 
-TEST_F(JsonFilter, TakesAFolderForEmptyInput)
-{
-	EXPECT_EQ(filter(board, {"-i", path(), "-e", "@"}).status.code, not_json);
-}
-
 TEST_F(JsonFilter, ReadsTheTextOnItsCommandLine)
 {
 	EXPECT_EQ(filter("", {"-s", "{\"a\":[5]}", "-e", "@.a[0]"}).output, "5\n");
-}
-
-TEST_F(JsonFilter, TheSourceCountsFromItsPlaceOnTheCommandLineOn)
-{
-	const RunResult result = filter("{\"a\":1}", {"-e", "@.a", "-s", "{\"a\":2}"});
-	EXPECT_EQ(result.output, "1\n");
-}
-
-TEST_F(JsonFilter, QuietPrintsNoErrors)
-{
-	EXPECT_EQ(filter("", {"-q", "-e", "@"}).errors, "");
-	EXPECT_EQ(filter(board, {"-q", "-e", "@["}).errors, "");
-	EXPECT_EQ(filter("", {"-q", "-i", path("absent"), "-e", "@"}).errors, "");
-}
-
-TEST_F(JsonFilter, KnowsNoWildcardsAndNoHugePlaces)
-{
-	EXPECT_EQ(filter(board, {"-e", "@.list[4294967296]"}).status.code, nothing_matched);
-	for (const char *expression : {"@.*", "@.list[99999999999999999999]"}) {
-		const RunResult result = filter(board, {"-e", expression});
-		EXPECT_NE(result.errors.find("Syntax error"), std::string::npos) << expression;
-		EXPECT_EQ(result.status.code, nothing_matched) << expression;
-	}
-}
-
-TEST_F(JsonFilter, ExplainsItsUse)
-{
-	for (const std::vector<std::string> &options :
-	     {std::vector<std::string>{}, {"-z"}, {"-e"}, {"-s", "{}"}, {"-e", "@", "more"}}) {
-		const RunResult result = filter("{}", options);
-		EXPECT_NE(result.errors.find("Usage: "), std::string::npos);
-		EXPECT_EQ(result.status.code, 1);
-	}
 }
 
 } // namespace

@@ -29,65 +29,6 @@ TEST_F(Uloop, AddMakesTheDescriptorNonBlockingUnlessToldNotTo)
 	EXPECT_EQ(second.flags, ULOOP_READ | ULOOP_BLOCKING);
 }
 
-TEST_F(Uloop, WhatCannotBeWatchedIsRefused)
-{
-	const int closed = dup(0);
-	const int regular = open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
-
-	close(closed);
-	for (const int fd : {-1, closed, regular}) {
-		Watch watch(fd);
-
-		EXPECT_EQ(uloop_fd_add(&watch, ULOOP_READ), -1) << fd;
-		EXPECT_FALSE(watch.registered) << fd;
-		EXPECT_EQ(uloop_fd_delete(&watch), 0) << fd;
-	}
-	close(regular);
-}
-
-TEST_F(Uloop, AddWithoutEventsDeletes)
-{
-	Pipe pipe;
-	Watch watch(pipe.read_end);
-
-	ASSERT_EQ(uloop_fd_add(&watch, ULOOP_READ), 0);
-	EXPECT_EQ(uloop_fd_add(&watch, 0), 0);
-	EXPECT_FALSE(watch.registered);
-	pipe.fill("x");
-	EXPECT_EQ(run_what_is_ready(), "");
-}
-
-TEST_F(Uloop, DeletingWhatIsClosedFailsAndForgetsTheWatch)
-{
-	Pipe pipe;
-	Watch watch(pipe.read_end);
-
-	ASSERT_EQ(uloop_fd_add(&watch, ULOOP_READ), 0);
-	Pipe::close_one(pipe.read_end);
-	EXPECT_EQ(uloop_fd_delete(&watch), -1);
-	EXPECT_FALSE(watch.registered);
-	EXPECT_EQ(uloop_fd_delete(&watch), 0);
-}
-
-TEST_F(Uloop, AddAgainChangesTheEventsAndClearsEof)
-{
-	Pipe pipe(true);
-	Watch watch(pipe.read_end);
-
-	watch.action = [](Watch &, unsigned int) {
-		uloop_end();
-	};
-	ASSERT_EQ(uloop_fd_add(&watch, ULOOP_WRITE), 0);
-	run();
-	shutdown(pipe.write_end, SHUT_WR);
-	trace.clear();
-	ASSERT_EQ(uloop_fd_add(&watch, ULOOP_READ), 0);
-	run();
-	EXPECT_EQ(trace, "fd:r+eof ");
-	ASSERT_EQ(uloop_fd_add(&watch, ULOOP_READ), 0);
-	EXPECT_FALSE(watch.eof);
-}
-
 TEST_F(Uloop, DescriptorsAreLevelTriggered)
 {
 	Pipe pipe;
@@ -150,38 +91,6 @@ TEST_F(Uloop, PipeHangUpIsAnErrorAndEndsTheWatch)
 	}
 }
 
-TEST_F(Uloop, ErrorCallbackKeepsTheWatch)
-{
-	int calls = 0;
-	Pipe pipe;
-	Watch watch(pipe.read_end);
-
-	watch.action = [&](Watch &self, unsigned int) {
-		EXPECT_TRUE(self.registered);
-		if (++calls == 2)
-			uloop_end();
-	};
-	Pipe::close_one(pipe.write_end);
-	uloop_fd_add(&watch, ULOOP_READ | ULOOP_ERROR_CB);
-	run();
-	EXPECT_EQ(trace, "fd:+error fd:+error ");
-}
-
-TEST_F(Uloop, WriteErrorIsToldToTheWriter)
-{
-	Pipe pipe;
-	Watch watch(pipe.write_end);
-
-	watch.action = [](Watch &, unsigned int) {
-		uloop_end();
-	};
-	Pipe::close_one(pipe.read_end);
-	uloop_fd_add(&watch, ULOOP_WRITE);
-	run();
-	EXPECT_EQ(trace, "fd:w+error ");
-	EXPECT_FALSE(watch.registered);
-}
-
 TEST_F(Uloop, DeletedWatchDropsItsFetchedEvent)
 {
 	Pipe pipes[3];
@@ -201,43 +110,6 @@ TEST_F(Uloop, DeletedWatchDropsItsFetchedEvent)
 	};
 	run();
 	EXPECT_EQ(trace, "0:r 2:r ");
-}
-
-TEST_F(Uloop, AWatchMayFreeItselfInItsCallback)
-{
-	Pipe pipe;
-	auto watch = std::make_unique<Watch>(pipe.read_end);
-	auto *raw = static_cast<uloop_fd *>(watch.get());
-
-	raw->cb = [](uloop_fd *self, unsigned int) {
-		delete static_cast<Watch *>(self);
-		uloop_end();
-	};
-	pipe.fill("x");
-	uloop_fd_add(watch.release(), ULOOP_READ);
-	run();
-	EXPECT_EQ(run_what_is_ready(), "");
-}
-
-TEST_F(Uloop, MoreReadyDescriptorsThanOneFetchTakesAreAllServed)
-{
-	constexpr int count = 40;
-	int served = 0;
-	Pipe pipes[count];
-	std::unique_ptr<Watch> watches[count];
-
-	for (int i = 0; i < count; i++) {
-		watches[i] = std::make_unique<Watch>(pipes[i].read_end);
-		watches[i]->action = [&](Watch &self, unsigned int) {
-			uloop_fd_delete(&self);
-			if (++served == count)
-				uloop_end();
-		};
-		pipes[i].fill("x");
-		uloop_fd_add(watches[i].get(), ULOOP_READ);
-	}
-	run();
-	EXPECT_EQ(served, count);
 }
 
 } // namespace

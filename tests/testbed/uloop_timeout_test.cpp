@@ -27,21 +27,6 @@ TEST_F(UloopTimeout, TimersRunInTheOrderOfTheirTime)
 	EXPECT_EQ(trace, "a b c end ");
 }
 
-TEST_F(UloopTimeout, ALaterTimerWaitsForItsTime)
-{
-	Timer end("end", uloop_end);
-	timespec before;
-	timespec after;
-
-	clock_gettime(CLOCK_MONOTONIC, &before);
-	uloop_timeout_set(&end, 30);
-	run();
-	clock_gettime(CLOCK_MONOTONIC, &after);
-	EXPECT_GE((after.tv_sec - before.tv_sec) * 1000000 +
-			  (after.tv_nsec - before.tv_nsec) / 1000,
-		  29000);
-}
-
 TEST_F(UloopTimeout, DelaysOfZeroAndLessFireOnTheNextPass)
 {
 	Timer least("least");
@@ -79,20 +64,6 @@ TEST_F(UloopTimeout, ATimerIsOutBeforeItsCallbackRuns)
 	EXPECT_EQ(uloop_get_next_timeout(), -1);
 }
 
-TEST_F(UloopTimeout, ATimerMayClearItsOwnMemory)
-{
-	auto *t = new uloop_timeout{};
-
-	t->cb = [](uloop_timeout *self) {
-		memset(self, 0xff, sizeof(*self));
-		delete self;
-		uloop_end();
-	};
-	uloop_timeout_set(t, 0);
-	run();
-	EXPECT_EQ(uloop_get_next_timeout(), -1);
-}
-
 TEST_F(UloopTimeout, ATimerThatIsDueCanStillBeCancelledByAnother)
 {
 	Timer second("second");
@@ -120,47 +91,6 @@ TEST_F(UloopTimeout, SettingAgainMovesTheTimer)
 	EXPECT_TRUE(t.pending);
 }
 
-TEST_F(UloopTimeout, OnlyWaitingTimersAreCancelledAndAdded)
-{
-	Timer t("t");
-
-	EXPECT_EQ(uloop_timeout_cancel(&t), -1);
-	EXPECT_EQ(uloop_timeout_set(&t, 1000), 0);
-	EXPECT_EQ(uloop_timeout_add(&t), -1);
-	EXPECT_EQ(uloop_timeout_cancel(&t), 0);
-	EXPECT_EQ(uloop_timeout_cancel(&t), -1);
-	EXPECT_EQ(uloop_timeout_add(&t), 0);
-}
-
-TEST_F(UloopTimeout, RemainingTimeIsInMilliseconds)
-{
-	Timer t("t");
-
-	EXPECT_EQ(uloop_timeout_remaining64(&t), -1);
-	EXPECT_EQ(uloop_get_next_timeout(), -1);
-	uloop_timeout_set(&t, 100000);
-	EXPECT_LE(uloop_timeout_remaining64(&t), 100000);
-	EXPECT_GT(uloop_timeout_remaining64(&t), 90000);
-	EXPECT_LE(uloop_get_next_timeout(), 100000);
-	EXPECT_GT(uloop_get_next_timeout(), 90000);
-	uloop_timeout_set(&t, INT_MAX);
-	EXPECT_GT(uloop_timeout_remaining64(&t), INT_MAX - 10000);
-	uloop_timeout_set(&t, -1000);
-	EXPECT_LE(uloop_timeout_remaining64(&t), -1000);
-	EXPECT_EQ(uloop_get_next_timeout(), 0);
-}
-
-TEST_F(UloopTimeout, DoneDropsWaitingTimers)
-{
-	Timer t("t");
-
-	uloop_timeout_set(&t, 0);
-	uloop_done();
-	EXPECT_FALSE(t.pending);
-	ASSERT_EQ(uloop_init(), 0);
-	EXPECT_EQ(run_what_is_ready(), "");
-}
-
 TEST_F(UloopTimeout, DueTimersRunBeforeDescriptors)
 {
 	Pipe pipe;
@@ -175,29 +105,6 @@ TEST_F(UloopTimeout, DueTimersRunBeforeDescriptors)
 	uloop_timeout_set(&t, 0);
 	run();
 	EXPECT_EQ(trace, "t fd:r ");
-}
-
-TEST_F(UloopTimeout, DueTimersRunBetweenTwoReadyDescriptors)
-{
-	Pipe one;
-	Pipe other;
-	Timer t("t");
-	Watch first(one.read_end, "first");
-	Watch second(other.read_end, "second");
-
-	one.fill("x");
-	other.fill("x");
-	first.action = [&](Watch &self, unsigned int) {
-		uloop_fd_delete(&self);
-		uloop_timeout_set(&t, 0);
-	};
-	second.action = [](Watch &, unsigned int) {
-		uloop_end();
-	};
-	uloop_fd_add(&first, ULOOP_READ);
-	uloop_fd_add(&second, ULOOP_READ);
-	run();
-	EXPECT_EQ(trace, "first:r t second:r ");
 }
 
 } // namespace

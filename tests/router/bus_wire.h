@@ -3,6 +3,7 @@
 // libraries under test: messages as strings of bytes, right ones and wrong ones.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -11,35 +12,8 @@
 namespace bus_wire
 {
 
-enum Type : std::uint8_t {
-	HELLO,
-	STATUS,
-	DATA,
-	PING,
-	LOOKUP,
-	INVOKE,
-	ADD_OBJECT,
-	REMOVE_OBJECT,
-	SUBSCRIBE,
-	UNSUBSCRIBE,
-	NOTIFY,
-	MONITOR
-};
-
-enum Attribute : std::uint8_t {
-	A_STATUS = 1,
-	A_OBJPATH,
-	A_OBJID,
-	A_METHOD,
-	A_OBJTYPE,
-	A_SIGNATURE,
-	A_DATA,
-	A_NO_REPLY = 10,
-	A_USER = 12,
-	A_GROUP
-};
-
-enum Field : std::uint8_t { F_ARRAY = 1, F_TABLE, F_STRING, F_INT64, F_INT32 };
+enum Type : std::uint8_t { HELLO = 0, STATUS = 1, DATA = 2, ADD_OBJECT = 6 };
+enum Attribute : std::uint8_t { A_STATUS = 1, A_OBJPATH = 2, A_OBJID = 3, A_OBJTYPE = 5 };
 
 inline std::string big_endian(std::uint64_t value, int bytes)
 {
@@ -80,55 +54,11 @@ inline std::string number(int id, std::uint32_t value)
 	return attribute(id, big_endian(value, 4));
 }
 
-inline std::string text(int id, const std::string &value)
-{
-	return attribute(id, {value.c_str(), value.size() + 1});
-}
-
-// A blobmsg field with its name.
-inline std::string field(int type, const std::string &name, std::string_view value)
-{
-	const std::string head = padded(big_endian(name.size(), 2) + name + '\0');
-	const auto word = 0x80000000u | static_cast<std::uint32_t>(type) << 24 |
-			  static_cast<std::uint32_t>(4 + head.size() + value.size());
-
-	return padded(big_endian(word, 4) + head + std::string(value));
-}
-
-inline std::string string_field(const std::string &name, const std::string &value)
-{
-	return field(F_STRING, name, {value.c_str(), value.size() + 1});
-}
-
-inline std::string head(int type, int seq, std::uint32_t peer, int version = 0)
-{
-	return big_endian(static_cast<std::uint64_t>(version), 1) +
-	       big_endian(static_cast<std::uint64_t>(type), 1) +
-	       big_endian(static_cast<std::uint64_t>(seq), 2) + big_endian(peer, 4);
-}
-
 inline std::string message(int type, int seq, std::uint32_t peer, const std::string &body = "")
 {
-	return head(type, seq, peer) + big_endian(body.size() + 4, 4) + body;
-}
-
-inline std::string invoke(int seq, std::uint32_t object, const std::string &method,
-			  const std::string &data = "")
-{
-	return message(INVOKE, seq, object,
-		       number(A_OBJID, object) + text(A_METHOD, method) + attribute(A_DATA, data));
-}
-
-inline std::string send_event(int seq, const std::string &id, const std::string &data = "")
-{
-	return invoke(seq, 1, "send", string_field("id", id) + field(F_TABLE, "data", data));
-}
-
-inline std::string register_pattern(int seq, std::uint32_t object, const std::string &pattern)
-{
-	return invoke(seq, 1, "register",
-		      field(F_INT32, "object", big_endian(object, 4)) +
-			      string_field("pattern", pattern));
+	return std::string(1, '\0') + static_cast<char>(type) +
+	       big_endian(static_cast<std::uint64_t>(seq), 2) + big_endian(peer, 4) +
+	       big_endian(body.size() + 4, 4) + body;
 }
 
 // A message that was received. Attributes by id, without padding.
@@ -146,12 +76,6 @@ struct Received {
 		return found == attributes.end()
 			       ? ""
 			       : found->second.substr(0, found->second.find('\0'));
-	}
-	std::uint32_t number(int id) const
-	{
-		const auto found = attributes.find(id);
-
-		return found == attributes.end() ? 0 : read_big_endian(found->second);
 	}
 };
 
