@@ -69,13 +69,6 @@ def state_rows(label, got, goals, least="least", name="least object"):
     return rows
 
 
-def plotted(rows, clients, suffix=""):
-    """Marks the rows of `state_rows` as points of a plot."""
-    for row in rows:
-        row.x, row.series = clients, f"clients {row.what.split()[-1]}{suffix}"
-    return rows
-
-
 def named(clients):
     return f"{clients} client" if clients == 1 else f"{clients} clients"
 
@@ -108,7 +101,7 @@ def state(runs):
         for clients in CLIENTS:
             got = interleave(runs, {"ours": sample("fwupdate", clients),
                                     "least": sample("least", clients)})
-            rows += plotted(state_rows(f"`state`, {named(clients)}", got, GOALS), clients)
+            rows += state_rows(f"`state`, {named(clients)}", got, GOALS)
         with cores_awake():
             got = interleave(runs, {"ours": sample("fwupdate", 1), "least": sample("least", 1)})
             rows += state_rows("`state`, 1 client, no core asleep", got, ("", ""))
@@ -164,7 +157,7 @@ def state_during_download(runs):
                 "least": lambda c=clients: download.load("least", c),
                 "same": lambda c=clients: download.load("least", c, "download")})
             label = f"`state` during a download, {named(clients)}"
-            rows += plotted(state_rows(label, got, GOALS), clients, " download")
+            rows += state_rows(label, got, GOALS)
             rows += state_rows(label, got, GOALS, "same", "least object with the same answer")
         download.wait()
     return rows

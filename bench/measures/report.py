@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: ISC
-"""docs/benchmarks.md: the tables of one run, where and with what they were measured, the plots.
+"""docs/benchmarks.md: the tables of one run, where and with what they were measured, the plot.
 What a figure means stands in docs/benchmark-notes.md, which people write."""
 import datetime
 import pathlib
@@ -13,31 +13,11 @@ TITLES = {
     "size": "Size on flash", "memory": "Resident memory", "start": "Start",
     "state": "`state`, idle", "state-download": "`state` during a download",
     "check": "`check`", "download": "Download", "verify": "Image check",
-    "update": "A whole update", "waiting": "Waiting", "functions": "Single functions",
+    "update": "A whole update", "waiting": "Waiting",
 }
-# file -> (title, label of x, label of y, the series drawn, the logarithmic axes)
-PLOTS = {
-    "image-size": ("Throughput by image size", "MiB", "MB/s", ("download", "verify"), "x"),
-    "worker-memory": ("Most memory of the download worker", "MiB", "KiB", ("worker memory",), ""),
-    "clients": ("Latency of state by clients, median", "clients", "us",
-                ("clients p50", "clients p50 download"), ""),
-    "manifest": ("Reading a manifest", "bytes", "ns", ("manifest_parse",), ""),
-    "mtd": ("Looking up a partition", "lines of /proc/mtd", "ns", ("partition_size",), ""),
-    "log": ("Log lines", "lines", "ns", ("log_lines/debug:1", "log_lines/debug:0"), "xy"),
-}
-# series -> (how the daemon's line is called, how the baseline's; None: its rows' own name for it,
-# "": not drawn)
-LEGENDS = {
-    "download": ("download", None),
-    "verify": ("test", None),
-    "worker memory": ("the worker", ""),
-    "clients p50": ("fwupdate, idle", "least object"),
-    "clients p50 download": ("fwupdate, during a download", "least object, during a download"),
-    "manifest_parse": ("fwupdate", None),
-    "partition_size": ("fwupdate", None),
-    "log_lines/debug:1": ("with --debug", None),
-    "log_lines/debug:0": ("without", None),
-}
+# The one cost that does not grow in a straight line, and what its lines are called.
+PLOT = "Throughput by image size"
+DRAWN = {"download": "download", "verify": "test"}
 
 
 def version(package):
@@ -70,36 +50,26 @@ def header(build, runs, load):
     ]
 
 
-def plot(folder, name, measured):
-    """One SVG by gnuplot; every point is a median. Returns False without points."""
-    title, x_label, y_label, wanted, logarithmic = PLOTS[name]
+def plot(picture, measured):
+    """An SVG by gnuplot; every point is a median. A baseline's line has its rows' own name for it."""
     lines = []
-    for series in wanted:
-        for kind, legend in zip(("ours", "baseline"), LEGENDS[series]):
-            points = [(row.x, statistics.median(getattr(row, kind)), row.baseline_name)
-                      for rows in measured.values() for row in rows
-                      if row.series == series and getattr(row, kind)]
-            if points and legend != "":
-                lines.append((legend or points[0][2], sorted(points)))
-    if not lines:
-        return False
-    script = [f"set terminal svg size 640,400 font 'sans,12' background 'white'",
-              f"set output '{folder}/bench-{name}.svg'", f"set title '{title}'",
-              f"set xlabel '{x_label}'", f"set ylabel '{y_label}'", "set key below",
-              f"set yrange [{'1' if 'y' in logarithmic else '0'}:*]", "set grid"]
-    script += [f"set logscale {axis} {base}" for axis, base in (("x", 2), ("y", 10))
-               if axis in logarithmic]
-    quoted = [label.replace("'", "''") for label, _ in lines]
-    script.append("plot " + ", ".join(f"'-' with linespoints title '{label}' noenhanced"
-                                      for label in quoted))
+    for series, name in DRAWN.items():
+        rows = sorted((row for rows in measured.values() for row in rows if row.series == series),
+                      key=lambda row: row.x)
+        lines += [(name, [(row.x, statistics.median(row.ours)) for row in rows]),
+                  (rows[0].baseline_name, [(row.x, statistics.median(row.baseline)) for row in rows])]
+    script = ["set terminal svg size 640,400 font 'sans,12' background 'white'",
+              f"set output '{picture}'", f"set title '{PLOT}'", "set xlabel 'MiB'", "set ylabel 'MB/s'",
+              "set key below", "set yrange [0:*]", "set grid", "set logscale x 2",
+              "plot " + ", ".join(f"'-' with linespoints title '{name}' noenhanced"
+                                  for name in (name.replace("'", "''") for name, _ in lines))]
     for _, points in lines:
-        script += [f"{x} {y}" for x, y, _ in points] + ["e"]
+        script += [f"{x} {y}" for x, y in points] + ["e"]
     subprocess.run(["gnuplot"], input="\n".join(script) + "\n", text=True, check=True)
-    return True
 
 
 def write(project, build, measured, runs, load):
-    """The document and its pictures."""
+    """The document and its picture."""
     folder = project / "docs/pictures"
     folder.mkdir(parents=True, exist_ok=True)
     lines = ["# Benchmarks", "",
@@ -112,8 +82,6 @@ def write(project, build, measured, runs, load):
     lines += header(build, runs, load)
     for name, rows in measured.items():
         lines += ["", f"## {TITLES[name]}", "", *table(rows)]
-    lines += ["", "## How cost grows", ""]
-    for name in PLOTS:
-        if plot(folder, name, measured):
-            lines += [f"![{PLOTS[name][0]}](pictures/bench-{name}.svg)", ""]
-    (project / "docs/benchmarks.md").write_text("\n".join(lines).rstrip() + "\n")
+    plot(folder / "bench-image-size.svg", measured)
+    lines += ["", "## How cost grows", "", f"![{PLOT}](pictures/bench-image-size.svg)"]
+    (project / "docs/benchmarks.md").write_text("\n".join(lines) + "\n")
