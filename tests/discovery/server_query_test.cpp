@@ -31,7 +31,7 @@ struct FailureCase {
 	std::vector<std::string> logged;
 };
 
-std::string in_document(const std::string &elements)
+std::string in_update(const std::string &elements)
 {
 	return "<?xml version=\"1.0\"?>\n<update>" + elements + "</update>";
 }
@@ -153,8 +153,8 @@ TEST_F(ServerQuery, ValuesThatAreMissingKeepWhatAnEarlierAnswerSet)
 			 .archive = "1",
 			 .file_name = "image.bin"}),
 		  1);
-	ASSERT_EQ(query(answer(in_document("<buildtime>1</buildtime><url>u</url><version/>"
-					   "<archive>1</archive><file_name></file_name>"))),
+	ASSERT_EQ(query(answer(in_update("<buildtime>1</buildtime><url>u</url><version/>"
+					 "<archive>1</archive><file_name></file_name>"))),
 		  1); // still forced
 	EXPECT_STREQ(update_manifest.version, "2.0");
 	EXPECT_STREQ(update_manifest.release_notes, "notes");
@@ -180,21 +180,21 @@ TEST_F(ServerQuery, AnswerWithoutAMandatoryValueFails)
 	const std::vector<FailureCase> cases = {
 		{"no XML", "no XML at all", {cannot_find_buildtime}},
 		{"not closed", "<?xml version=\"1.0\"?><update><a>", {cannot_find_buildtime}},
-		{"nothing in it", in_document(""), {cannot_find_buildtime}},
-		{"only the url", in_document("<url>u</url>"), {cannot_find_buildtime}},
-		{"no url", in_document("<buildtime>1</buildtime>"), {find + "url' section\n"}},
+		{"nothing in it", in_update(""), {cannot_find_buildtime}},
+		{"only the url", in_update("<url>u</url>"), {cannot_find_buildtime}},
+		{"no url", in_update("<buildtime>1</buildtime>"), {find + "url' section\n"}},
 		{"empty buildtime",
-		 in_document("<buildtime/><url>u</url>"),
+		 in_update("<buildtime/><url>u</url>"),
 		 {get + "buildtime' value\n"}},
 		{"empty url",
-		 in_document("<buildtime>1</buildtime><url></url>"),
+		 in_update("<buildtime>1</buildtime><url></url>"),
 		 {get + "url' value\n"}},
 		{"an archive of no file",
-		 in_document("<buildtime>1</buildtime><url>u</url><archive>1</archive>"),
+		 in_update("<buildtime>1</buildtime><url>u</url><archive>1</archive>"),
 		 {}},
 		{"an archive of an empty file name",
-		 in_document("<buildtime>1</buildtime><url>u</url><archive>1</archive>"
-			     "<file_name/>"),
+		 in_update("<buildtime>1</buildtime><url>u</url><archive>1</archive>"
+			   "<file_name/>"),
 		 {}},
 	};
 	for (const FailureCase &each : cases) {
@@ -220,8 +220,7 @@ TEST_F(ServerQuery, OnlyAnArchiveNeedsAFileName)
 TEST_F(ServerQuery, FailureKeepsWhatWasReadBeforeIt)
 {
 	ASSERT_EQ(query({.version = "2.0", .buildtime = "500", .url = "http://old/"}), 0);
-	EXPECT_EQ(query(answer(in_document("<buildtime>600</buildtime><version>3.0</version>"))),
-		  -1);
+	EXPECT_EQ(query(answer(in_update("<buildtime>600</buildtime><version>3.0</version>"))), -1);
 	EXPECT_STREQ(update_manifest.buildtime, "600");
 	EXPECT_STREQ(update_manifest.url, "http://old/");
 	EXPECT_STREQ(update_manifest.version, "2.0");

@@ -159,8 +159,6 @@ void PrintTo(const EnvironmentFault &row, std::ostream *stream)
 }
 
 constexpr const char *config = "/etc/fw_env.config";
-constexpr const char *not_recorded = "Can't set boot partition via fw_setenv";
-
 class BadEnvironment : public UpdateTest, public testing::WithParamInterface<EnvironmentFault>
 {
 };

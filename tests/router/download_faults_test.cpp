@@ -68,11 +68,6 @@ constexpr const char *error_status = "HTTP response code said error";
 constexpr const char *no_data = "Failure when receiving data from the peer";
 constexpr const char *empty_file = "empty file";
 
-HttpAnswer raw(const std::string &head, const std::string &rest = {})
-{
-	return raw_answer("HTTP/1.1 " + head + "\r\n\r\n" + rest);
-}
-
 const std::vector<DownloadFault> bad_downloads = {
 	{"silent", "The server accepts the connection and says nothing.", silence(), timed_out},
 	{"stalls_after_the_headers", "The server stalls after the headers.", answer(body).hold(),

@@ -1,18 +1,15 @@
 // SPDX-License-Identifier: ISC
 // What an update server can do wrong when it is asked for the manifest, row by row of
 // docs/reliability.md. What a test leaves behind is compared by its fixture.
+#include "router/server_fixture.h"
 #include "support/fake_clock.h"
 #include "support/fault_row.h"
-#include "support/fixture.h"
 
 using namespace router_test;
 
 namespace
 {
 
-const std::string xml = to_xml({.version = "2.0", .url = "http://a/"});
-constexpr const char *no_buildtime =
-	"Error parsing XML recived from update server, can't find 'buildtime' section";
 constexpr const char *no_url =
 	"Error parsing XML recived from update server, can't find 'url' section";
 constexpr const char *empty_buildtime =
@@ -116,11 +113,6 @@ std::string padded_to(std::size_t size, std::string text)
 {
 	text.resize(size, '\n');
 	return text;
-}
-
-HttpAnswer raw(const std::string &head, const std::string &body)
-{
-	return raw_answer("HTTP/1.1 " + head + "\r\n\r\n" + body);
 }
 
 const std::string offer_text = "<buildtime>190000000</buildtime><url>http://a/</url>"

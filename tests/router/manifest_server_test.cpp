@@ -2,7 +2,7 @@
 // What an update server can do to the daemon.
 #include <gmock/gmock.h>
 
-#include "support/fixture.h"
+#include "router/server_fixture.h"
 
 using namespace router_test;
 
@@ -20,10 +20,6 @@ protected:
 		return reply.fields;
 	}
 };
-
-const std::string xml = to_xml({.version = "2.0", .url = "http://a/"});
-const std::string no_buildtime =
-	"Error parsing XML recived from update server, can't find 'buildtime' section";
 
 } // namespace
 

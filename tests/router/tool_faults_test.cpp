@@ -74,7 +74,7 @@ const std::string no_device = "Error on reading cpe_wan_device";
 const std::string no_interface = "Error on reading cpe_wan_if";
 const std::string no_mac = "Error on reading cpe_wan_mac";
 const std::string no_address = "Error on reading cpe_wan_ip";
-const std::string no_url = "Error on reading cpe_update_xml_url";
+const std::string no_server_url = "Error on reading cpe_update_xml_url";
 const std::string no_model = "Error on reading cpe_model";
 const std::string no_product = "Error on reading cpe_product_name";
 const std::string no_query = "Error on geting update info via CURL";
@@ -106,7 +106,7 @@ const std::vector<Rule> rules = {
 	{"jsonfilter", {"ten_megabytes"}, 3, bad_model, {no_mac, bad_model}},
 	{"ip", in_any_way, 0, no_error, {no_interface}},
 	{"ifconfig", in_any_way, 0, no_error, {no_mac, no_address}},
-	{"uci", without_value, 1, query_failed, {no_url, no_query}},
+	{"uci", without_value, 1, query_failed, {no_server_url, no_query}},
 	{"uci", {"rubbish", "ten_megabytes"}, 1, query_failed, {no_query}},
 	{"awk", without_value, 2, no_space + "\n", {no_interface, no_mac, no_space}},
 	{"awk", {"rubbish"}, 1, query_failed, {no_address, no_query}},
@@ -143,7 +143,7 @@ const std::vector<Rule> rules = {
 	 {"missing"},
 	 1,
 	 query_failed,
-	 {no_serial, no_version, no_builddate, no_device, no_interface, no_url, no_model,
+	 {no_serial, no_version, no_builddate, no_device, no_interface, no_server_url, no_model,
 	  no_query}},
 };
 

@@ -34,6 +34,7 @@ inline constexpr const char *no_error = "No Error";
 inline constexpr const char *download_failed = "Error on getting firmware";
 inline constexpr const char *image_refused = "Error on checking firmware";
 inline constexpr const char *query_failed = "Error on checking update avialability";
+inline constexpr const char *not_recorded = "Can't set boot partition via fw_setenv";
 inline constexpr const char *already_updating = "Already updating";
 
 // What an answer to `update` says; the offer of RouterTest::offer() by default.

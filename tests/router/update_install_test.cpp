@@ -12,7 +12,6 @@ using namespace router_test;
 namespace
 {
 
-constexpr const char *not_recorded = "Can't set boot partition via fw_setenv";
 constexpr const char *gate_path = "/var/gate";
 
 // A tool that waits here is held until the test opens it.

@@ -11,7 +11,7 @@ using namespace router_test;
 namespace
 {
 
-constexpr const char *timed_out = "Unable to download firmware: timeout\n";
+constexpr const char *timed_out_text = "Unable to download firmware: timeout\n";
 
 class UpdateRetry : public UpdateTest
 {
@@ -122,10 +122,10 @@ TEST_F(UpdateRetry, GivesUpAtOnceForATimeoutThatIsNotPositive)
 		SCOPED_TRACE(timeout);
 		syslog.clear();
 		expect_outcome(daemon().update({int32_field("timeout", timeout)}),
-			       {.code = 2, .text = timed_out});
+			       {.code = 2, .text = timed_out_text});
 		const auto line = syslog.wait_for("timeout");
 		ASSERT_TRUE(line.has_value());
-		EXPECT_EQ(line->text, timed_out);
+		EXPECT_EQ(line->text, timed_out_text);
 		EXPECT_EQ(line->pid, daemon().pid());
 		EXPECT_EQ(daemon().state_name(), "NONE");
 		EXPECT_TRUE(daemon().wait_for_workers(0));
@@ -149,7 +149,7 @@ TEST_F(UpdateRetry, TimeoutEndsADownloadThatIsUnderWay)
 	server.release();
 	ASSERT_TRUE(server.wait_for_pieces(firmware, 1));
 	expect_end_after(pending, milliseconds(704));
-	expect_outcome(pending.wait(), {.code = 2, .text = timed_out});
+	expect_outcome(pending.wait(), {.code = 2, .text = timed_out_text});
 	clock.advance(std::chrono::seconds(1)); // the worker reports once a second
 	EXPECT_TRUE(daemon().wait_for_workers(0));
 	expect_not_installed();
@@ -162,7 +162,7 @@ TEST_F(UpdateRetry, TimeoutWrapsAroundAt32Bits)
 	PendingCall pending = daemon().start_update({int32_field("timeout", seven_tenths)});
 	ASSERT_TRUE(server.wait_for_requests(firmware, 1));
 	expect_end_after(pending, milliseconds(704));
-	expect_outcome(pending.wait(), {.code = 2, .text = timed_out});
+	expect_outcome(pending.wait(), {.code = 2, .text = timed_out_text});
 	EXPECT_TRUE(daemon().wait_for_workers(0));
 }
 
@@ -170,7 +170,7 @@ TEST_F(UpdateRetry, TimeoutIsLoggedOnlyForTheFirstAttempt)
 {
 	offer(silence());
 	start_daemon();
-	expect_outcome(update(4, {int32_field("timeout", 0)}), {.code = 2, .text = timed_out});
+	expect_outcome(update(4, {int32_field("timeout", 0)}), {.code = 2, .text = timed_out_text});
 	EXPECT_EQ(syslog.count("Unable to download firmware: timeout"), 1u);
 	EXPECT_TRUE(daemon().wait_for_workers(0));
 }

@@ -129,6 +129,11 @@ HttpAnswer silence()
 	return result;
 }
 
+HttpAnswer raw(const std::string &head, const std::string &body)
+{
+	return raw_answer("HTTP/1.1 " + head + "\r\n\r\n" + body);
+}
+
 HttpAnswer raw_answer(std::string bytes)
 {
 	HttpAnswer result;

@@ -57,6 +57,10 @@ HttpAnswer answer(int status, std::string body); // an error page, say
 HttpAnswer redirect(const std::string &location, int status = 302);
 HttpAnswer silence();
 HttpAnswer raw_answer(std::string bytes);
+
+// The same, of a status line and fields without "HTTP/1.1 " and the line that ends them, and a
+// body.
+HttpAnswer raw(const std::string &head, const std::string &body = {});
 // Accepts and resets the connection as soon as the request has been read.
 HttpAnswer reset_at_once();
 

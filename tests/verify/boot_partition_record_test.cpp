@@ -20,8 +20,6 @@ namespace
 
 constexpr const char *setenv_path = "/usr/sbin/fw_setenv";
 constexpr std::int32_t ubi_bytes = 0x1800000;
-const std::string name_of_31 = "abcdefghijklmnopqrstuvwxyz01234";
-
 class PartitionSize : public RouterFixture
 {
 };

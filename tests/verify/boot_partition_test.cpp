@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: ISC
 // Finding the boot partition: the variable `bootpart`, then the scan of /proc/mtd.
+#include "firmware_fixture.h"
+
 #include <algorithm>
 #include <gtest/gtest.h>
 
@@ -19,8 +21,6 @@ constexpr const char *printenv_path = "/usr/sbin/fw_printenv";
 constexpr const char *mtd_path = "/proc/mtd";
 constexpr const char *not_read_text = "Error on reading fw_part\n";
 constexpr const char *wrong_text = "Partition in 'bootpart' is wrong, try find current partition";
-
-const std::string name_of_31 = "abcdefghijklmnopqrstuvwxyz01234";
 
 class BootPartition : public DebugFixture
 {

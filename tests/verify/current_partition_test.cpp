@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: ISC
 // The scan of /proc/mtd for the partition that holds the running firmware, whatever stands there.
+#include "firmware_fixture.h"
+
 #include <gtest/gtest.h>
 
 #include "base/log.h"
@@ -14,8 +16,6 @@ namespace
 {
 
 constexpr const char *header_line = "dev:    size   erasesize  name\n";
-const std::string name_of_31 = "abcdefghijklmnopqrstuvwxyz01234";
-
 class CurrentPartition : public DebugFixture
 {
 protected:

@@ -34,6 +34,18 @@ inline constexpr const char *real_fwtool_path = "/usr/bin/fwtool.real";
 inline constexpr const char *firmware_path = "/tmp/firmware.bin";
 inline constexpr const char *side_file = "/tmp/firmware.bin.signature";
 
+// What the log says, and what check_signature returns.
+inline constexpr const char *damaged_text =
+	"Error on reading signature, possibly firmware is damaged\n";
+inline constexpr const char *no_customid_text = "Error on reading customid\n";
+inline constexpr const char *no_model_text = "Error on reading model via fwtool\n";
+inline constexpr const char *no_model_name_text = "Error on reading fw_model_name\n";
+inline constexpr int extracted = 0;
+inline constexpr int no_use = -2;
+
+// As long as a partition's name may be.
+inline const std::string name_of_31 = "abcdefghijklmnopqrstuvwxyz01234";
+
 // The longest path whose fwtool command fits its 256 bytes.
 inline constexpr std::size_t longest_path = 112;
 

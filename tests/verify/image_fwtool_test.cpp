@@ -9,7 +9,6 @@ using namespace router_test;
 namespace
 {
 
-constexpr const char *damaged_text = "Error on reading signature, possibly firmware is damaged\n";
 constexpr const char *not_run_text = "Error on checking signature via fwtool\n";
 
 class UimageForFwtool : public FirmwareFixture

@@ -9,9 +9,6 @@ namespace
 {
 
 constexpr std::size_t name_tail_offset = 60;
-constexpr const char *damaged_text = "Error on reading signature, possibly firmware is damaged\n";
-constexpr const char *no_customid_text = "Error on reading customid\n";
-constexpr const char *no_model_text = "Error on reading model via fwtool\n";
 
 class Metadata : public FirmwareFixture
 {

@@ -8,13 +8,6 @@ using namespace router_test;
 namespace
 {
 
-constexpr const char *no_customid_text = "Error on reading customid\n";
-constexpr const char *no_model_name_text = "Error on reading fw_model_name\n";
-constexpr const char *no_model_text = "Error on reading model via fwtool\n";
-
-constexpr int extracted = 0;
-constexpr int no_use = -2;
-
 class FirmwareModel : public FirmwareFixture
 {
 protected:

@@ -11,13 +11,8 @@ namespace
 {
 
 constexpr const char *jsonfilter_path = "/usr/bin/jsonfilter";
-constexpr const char *no_customid_text = "Error on reading customid\n";
-constexpr const char *no_model_name_text = "Error on reading fw_model_name\n";
-constexpr const char *no_model_text = "Error on reading model via fwtool\n";
 
-constexpr int extracted = 0;
 constexpr int not_run = -1;
-constexpr int no_use = -2;
 constexpr int no_metadata = -3;
 
 class Signature : public FirmwareFixture

@@ -15,8 +15,6 @@ namespace
 {
 
 constexpr int invalid_argument = 2;
-const std::string name_of_31(31, 'p');
-
 Fields reply_fields(const char *code, const char *message, const char *check_code)
 {
 	return {string_field("error_code", code), string_field("error_message", message),
