@@ -19,6 +19,7 @@ error_log /var/log/nginx-error.log;
 events {{ worker_connections 4096; }}
 http {{
 	include /etc/nginx/conf.d/*.conf;
+	include /etc/nginx/sites-enabled/*;
 	{extra}
 }}
 """
@@ -65,8 +66,8 @@ class UpdateServer(Router):
         shutil.copytree(SERVER / "nothing", self.server_root / "nothing")
         (self.folder / "nginx.conf").write_text(MAIN.format(extra=CABLE.format(socket=self.socket) + self.extra))
         (self.folder / "router.conf").write_text(ROUTER.format(socket=self.socket))
-        self.must("mkdir -p /etc/nginx/conf.d /var/cache/nginx")
-        self.must(f"cp {SERVER}/update-server.conf /etc/nginx/conf.d")
+        self.must("mkdir -p /etc/nginx/conf.d /etc/nginx/sites-enabled /var/log/nginx; ifconfig lo 127.0.0.1 up;"
+                  f" cp {SERVER}/update.conf /etc/nginx/conf.d; cp {SERVER}/update-server.conf /etc/nginx/sites-enabled")
         return self
 
     def rollout(self, percent):
@@ -91,10 +92,9 @@ class UpdateServer(Router):
 
     def log(self):
         """The access log's lines as dictionaries."""
-        lines = self.must("cat /var/log/nginx-update.log").splitlines()
-        names = ("time", "status", "bytes", "uri")
-        return [dict(zip(names, words[:4])) | dict(w.split("=", 1) for w in words[4:7]) | {"channel": words[7]}
-                for words in map(str.split, lines) if len(words) == 8]
+        lines = self.must("cat /var/log/nginx/update.log").splitlines()
+        names = ("time", "status", "bytes", "sn", "fw", "model", "channel", "address", "uri")
+        return [{name: word.removeprefix(f"{name}=") for name, word in zip(names, line.split("\t"))} for line in lines]
 
     def publish(self, channel, image, build, *options):
         result = subprocess.run(

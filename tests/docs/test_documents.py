@@ -31,9 +31,13 @@ NOT_RUN = {
         "LD_LIBRARY_PATH=/host/usr/lib/x86_64-linux-gnu /host/usr/bin/gdb -p $pid"],
     "the simulated router runs the daemon without the service": [
         "uci set fwupdate.daemon.debug=1; uci commit fwupdate; /etc/init.d/fwupdate reload", "logread -e fwupdate"],
-    "it changes this machine's web server; tests/publish runs the same files with one of its own": [
-        "cp publish/server/update-server.conf /etc/nginx/conf.d/", "cp publish/server/rollout.conf /etc/nginx/",
-        "cp -r publish/server/nothing /srv/update/", "nginx -t && nginx -s reload"],
+    "it changes this machine's web server; tests/publish runs these lines with one of its own": [
+        "apt-get install nginx", "rm /etc/nginx/sites-enabled/default",
+        "cp publish/server/update.conf /etc/nginx/conf.d/", "cp publish/server/rollout.conf /etc/nginx/",
+        "cp publish/server/update-server.conf /etc/nginx/sites-enabled/",
+        "mkdir -p /srv/update && cp -r publish/server/nothing /srv/update/", "nginx -t && nginx -s reload",
+        "sed 's/origin.example.com/198.51.100.1/' publish/server/update-cache.conf"
+        " >/etc/nginx/sites-enabled/update-cache.conf"],
     "it needs an account at an object store": [
         "rclone copy /srv/update/model-x/stable store:updates/model-x/stable --include '/releases/**'",
         "rclone copyto /srv/update/model-x/stable/update.xml store:updates/model-x/stable/update.xml",
