@@ -108,7 +108,7 @@ def manual_pages():
 
 
 def test_there_are_three_manual_pages():
-    assert {p.name for p in manual_pages()} == {"fwupdate.8", "fwupdate-publish.1", "fwupdate-cli.1"}
+    assert {p.name for p in manual_pages()} == {"fwupdate.8", "fwupdate-publish.1", "fwupdate-fleet.1", "fwupdate-cli.1"}
 
 
 @pytest.mark.parametrize("page", manual_pages(), ids=name)
