@@ -10,7 +10,7 @@ export LC_ALL=C # a character is a byte, for the patterns here
 
 # Copies text and leaves out what is no UTF-8. With `all` empty also what a terminal must not
 # be given: control characters but the line feed, and what is not seen or turns the
-# direction of writing. web/page.js has the same list.
+# direction of writing. web/facts.js has the same list.
 # shellcheck disable=SC2016 # the dollars are awk's
 plain_awk='
 BEGIN {

@@ -2,6 +2,7 @@
 """What package/fwupdate-web says and installs, by its own Makefile."""
 import json
 import re
+import subprocess
 
 import jsonschema
 
@@ -15,16 +16,23 @@ SOURCES = {
     "usr/libexec/rpcd/fwupdate-job": ("cli/fwupdate-job", 0o755),
     "usr/share/acl.d/fwupdate-web.json": ("web/bus-acl.json", 0o644),
     "usr/share/rpcd/acl.d/fwupdate-web.json": ("web/session-acl.json", 0o644),
-    "www/fwupdate/index.html": ("web/index.html", 0o644),
-    "www/fwupdate/page.css": ("web/page.css", 0o644),
-    "www/fwupdate/page.js": ("web/page.js", 0o644),
 }
 
 
-def test_installs_the_page_and_no_other_file(root):
+def page_files(folder):
+    """What web/install writes, by name."""
+    subprocess.run([PROJECT / "web/install", folder], check=True)
+    return {path.name: path.read_bytes() for path in folder.iterdir()}
+
+
+def test_installs_the_page_and_no_other_file(root, tmp_path):
+    page = page_files(tmp_path / "page")
     files = [path for path in root.rglob("*") if path.is_file()]
-    assert {str(path.relative_to(root)) for path in files} == set(SOURCES)
+    assert {str(path.relative_to(root)) for path in files} == set(SOURCES) | {f"www/fwupdate/{name}" for name in page}
     for path in files:
+        if path.name in page:
+            assert path.read_bytes() == page[path.name] and path.stat().st_mode & 0o777 == 0o644
+            continue
         source, mode = SOURCES[str(path.relative_to(root))]
         assert path.read_bytes() == (PROJECT / source).read_bytes()
         assert path.stat().st_mode & 0o777 == mode
@@ -35,6 +43,7 @@ def test_simulated_router_has_the_same_files_at_the_same_places():
     for name, (source, _) in SOURCES.items():
         folder = name.rsplit("/", 1)[0]
         assert f"$sources/{source}" in init and folder in init, name
+    assert '"$sources/web/install" www/fwupdate' in init
 
 
 def test_fields_follow_the_feeds_conventions(fields):
@@ -61,9 +70,9 @@ def test_access_lists_are_well_formed(root):
 
 
 def test_access_lists_name_each_call_of_the_page_and_no_other(root):
-    script = (root / "www/fwupdate/page.js").read_text()
-    called = set(re.findall(r'call\("([\w-]+)", "(\w+)"', script))
-    called |= {("fwupdate", method) for method in re.findall(r'callWhenIdle\("(\w+)"', script)}
+    scripts = "".join(path.read_text() for path in (root / "www/fwupdate").glob("*.js"))
+    called = set(re.findall(r'call\(sid, ?"([\w-]+)", ?"(\w+)"', scripts)) | {("session", "login"), ("session", "destroy")}
+    called |= {("fwupdate-job", method) for method in re.findall(r'ask: ?"(\w+)"', scripts)} - {("fwupdate-job", "login"), ("fwupdate-job", "destroy")}
     rights = json.loads((root / "usr/share/rpcd/acl.d/fwupdate-web.json").read_text())["fwupdate-web"]
     granted = {(name, method) for kind in ("read", "write")
                for name, methods in rights[kind]["ubus"].items() for method in methods}
@@ -74,7 +83,7 @@ def test_access_lists_name_each_call_of_the_page_and_no_other(root):
 
 def test_only_looking_is_reading(root):
     rights = json.loads((root / "usr/share/rpcd/acl.d/fwupdate-web.json").read_text())["fwupdate-web"]
-    assert rights["write"]["ubus"] == {"fwupdate": ["test"], "fwupdate-job": ["start"]}
+    assert rights["write"]["ubus"] == {"fwupdate-job": ["start", "test"]}
 
 
 @pytest.mark.parametrize("text", ['{"acces": {}}', '{"user": "x"}', '{"user": "x", "access": []}'])

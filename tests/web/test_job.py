@@ -29,7 +29,7 @@ def test_second_tab_sees_the_same_update(router, page):
     other = page.second_tab()
     other.sign_in()
     other.await_stage("Downloading")
-    assert not other.visible("update") or not other.find("update").is_enabled()
+    assert not other.visible("versions")
     router.release()
     other.await_stage("Installing")
     page.look()
@@ -50,7 +50,7 @@ def test_second_start_is_told_that_one_runs(router, page):
     page.click("yes")
     wait_until(lambda: "start" in held.others, "the router is asked")
     held.release()
-    page.await_text("connection", "Not started. An update is running already.")
+    page.await_text("connection", "Not started. An update is already running.")
     page.await_stage("Downloading")
     page.picture("busy")
 
@@ -67,7 +67,7 @@ def test_question_that_came_too_late_is_told_so(router, page):
     page.await_stage("Downloading")
     page.click("yes")
     page.await_hidden("question")
-    page.await_text("connection", "Not started. An update is running already.")
+    page.await_text("connection", "Not started. An update is already running.")
     assert "start" not in asked
 
 
@@ -88,7 +88,7 @@ def test_update_started_on_the_bus_is_seen(router, page):
     page.sign_in()
     page.await_stage("Downloading")
     assert page.text("job-hint") == "Somebody else started this update."
-    assert page.text("verdict") == "", "a check would disturb it"
+    assert not page.visible("versions")
     page.picture("started-elsewhere")
     router.release()
     page.await_stage("Installing")
@@ -98,7 +98,7 @@ def test_session_that_ends_does_not_end_the_update(router, page):
     downloading(router, page)
     router.end_session(page.session()["sid"])
     page.await_visible("sign-in")
-    assert page.text("sign-in-why") == "Your session has ended. An update goes on without it."
+    assert page.text("sign-in-why") == "Your session has ended. The update goes on without it."
     assert page.find("user").get_attribute("value") == "root"
     assert not page.visible("job"), "who is signed out sees nothing of it"
     page.picture("session-ended")
@@ -113,23 +113,21 @@ def test_session_that_ends_while_installing_is_no_restart(router, page):
     page.await_stage("Installing")
     router.end_session(page.session()["sid"])
     page.await_visible("sign-in")
-    page.await_stage("Installing")
+    assert page.text("sign-in-why") == "Your session has ended. The update goes on without it."
     page.sign_in()
     page.await_stage("Installing")
-    wait_until(lambda: page.visible("versions"), "signed in")
-    assert page.text("job-title") == "Installing"
 
 
 def test_lost_answer_is_said(router, page):
     downloading(router, page)
     router.lose_the_daemon()
-    page.await_stage("The answer of the update was lost")
+    page.await_stage("The result of the update is unknown")
     router.bring_the_daemon_back()
     page.picture("answer-lost")
     page.click("close-job")
     page.await_hidden("job")
     page.click("check")
-    page.await_text("verdict", "A newer version")
+    page.await_text("verdict", "A new version")
 
 
 def test_answer_outlives_the_gateways_limit(make_router, make_page):
@@ -138,7 +136,7 @@ def test_answer_outlives_the_gateways_limit(make_router, make_page):
     page = make_page(router)
     router.offer_slowly()
     page.open_and_sign_in()
-    page.check_until("A newer version")
+    page.check_until("A new version")
     page.start_update()
     page.await_stage("Downloading")
     router.wait_for("[ $(($(date +%s) - $(fwupdate-cli result --json | jsonfilter -e @.started))) -gt 6 ]")

@@ -6,7 +6,7 @@ import pytest
 from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 
-from browser import await_rate, wait_until
+from browser import await_half, wait_until
 from router import OLD
 from simulated_router import PROJECT
 
@@ -54,10 +54,10 @@ def states_before_the_update(router, page):
     page.find("file-part").click()
     page.type("file", "/tmp/none")
     page.click("file-button")
-    page.await_text("file-result", "/tmp/none: no such file")
+    page.await_text("file-result", "/tmp/none: cannot be read.")
     yield "file-checked"
     page.open()
-    page.await_text("verdict", "A newer version")
+    page.await_text("verdict", "A new version")
     page.find("file-part").click()
     yield "available"
     page.click("update")
@@ -68,7 +68,7 @@ def states_before_the_update(router, page):
 
 def states_of_an_update(router, page):
     page.start_update()
-    await_rate(router, page)
+    await_half(router, page)
     yield "downloading"
     router.release()
     page.await_stage("Installing")
@@ -95,7 +95,7 @@ def states_of_a_failed_update(router, page):
     page.start_update()
     page.await_stage("Downloading")
     router.lose_the_daemon()
-    page.await_stage("The answer of the update was lost")
+    page.await_stage("The result of the update is unknown")
     yield "lost"
     router.bring_the_daemon_back()
     page.click("close-job")
@@ -116,7 +116,7 @@ def states_of_the_same_build(router, page):
     router.make_image()
     router.offer(build=OLD["build"], version=OLD["revision"])
     page.click("check")
-    page.await_text("verdict", "This router is up to date.")
+    page.await_text("verdict", "This router is up to date")
     page.find("anyway-part").click()
     yield "anyway"
     page.start_update("anyway")
@@ -127,7 +127,7 @@ def states_of_the_same_build(router, page):
     router.power_on()
     page.await_stage("The router answers again")
     page.sign_in()
-    page.await_stage("Done: the offered version runs")
+    page.await_stage("Update complete")
     yield "done"
 
 
@@ -156,7 +156,7 @@ def test_dark_where_the_browser_asks_for_it(router, page):
     assert ground < 60 < 200 < ink
     page.picture("dark")
     page.start_update()
-    await_rate(router, page)
+    await_half(router, page)
     page.picture("dark-downloading")
 
 
@@ -165,7 +165,7 @@ def test_keyboard_alone_is_enough(router, page):
     page.open()
     wait_until(lambda: focused(page) == "user", "the form waits for the user's name")
     keys(page, "root", Keys.TAB, "router", Keys.ENTER)
-    page.await_text("verdict", "A newer version")
+    page.await_text("verdict", "A new version")
     tab_to(page, "update")
     keys(page, Keys.ENTER)
     page.await_visible("question")

@@ -6,7 +6,7 @@ from browser import wait_until
 def test_wrong_password_is_said(router, page):
     page.open()
     page.sign_in(password="wrong")
-    page.await_text("sign-in-fault", "User and password do not fit.")
+    page.await_text("sign-in-fault", "Wrong user name or password.")
     page.picture("wrong-password")
     page.sign_in()
     page.await_visible("versions")
@@ -15,13 +15,13 @@ def test_wrong_password_is_said(router, page):
 def test_unknown_user_is_no_other_case(router, page):
     page.open()
     page.sign_in(user="nobody")
-    page.await_text("sign-in-fault", "User and password do not fit.")
+    page.await_text("sign-in-fault", "Wrong user name or password.")
 
 
 def test_read_only_account_sees_no_buttons(router, page):
     router.offer()
     page.open_and_sign_in("viewer", "look")
-    assert page.text("verdict") == "A newer version is available."
+    assert page.text("verdict") == "A new version is available"
     assert page.text("offer-version") == "r1300"
     assert page.text("read-only") == "This account may look, but not update."
     for name in ("update", "check", "anyway", "file-button", "anyway-part", "file-part"):

@@ -54,9 +54,9 @@ def test_offer_that_was_withdrawn_before_the_start(router, page):
     router.run("ubus call fwupdate check")
     page.start_update()
     page.await_stage("There was nothing to install")
-    assert page.text("job-text") == "This router is up to date."
+    assert page.text("job-text") == "The update server has no newer version."
     assert not page.visible("job-detail")
-    page.await_text("verdict", "This router is up to date.")
+    page.await_text("verdict", "This router is up to date")
     assert not page.visible("update"), "the page has asked again"
     page.picture("nothing-to-install")
     page.click("close-job")
@@ -71,30 +71,3 @@ def outcome(started, **update):
 def answered(code, message):
     return {"job": "answered", "result": "busy" if code == "6" else "failed", "ended": 1,
             "answer": {"error_code": code, "error_message": message}}
-
-
-def test_each_outcome_has_its_sentence(router, page):
-    page.open_and_sign_in()
-    for number, (update, sentence, words) in enumerate([
-            (answered("1", "No Error"), "The update server could not be asked, or its answer was of no use.", ""),
-            (answered("6", "Busy"), "Another update is running. If none is to be seen, restart the router.",
-             "The router says: Busy"),
-            (answered("42", "x\x1by"), "It ended with the unknown code 42.", "The router says: x\ufffdy"),
-            (answered("toString", ""), "It ended with the unknown code toString.", ""),
-            ({"job": "refused", "status": 9}, "The router could not do that (error 9).", "")]):
-        router.relay.fault = outcome(number + 1, **update)
-        page.look_now()
-        page.await_text("job-text", sentence)
-        assert page.text("job-title") == "The update failed"
-        assert page.text("job-detail") == words
-
-
-def test_refused_check_says_so(router, page):
-    """A right that was taken away meanwhile."""
-    page.open_and_sign_in()
-    router.relay.fault = answers.instead_of("check", answers.error(-32002))
-    page.click("check")
-    page.await_text("verdict", "This account may not do that.")
-    router.relay.fault = answers.instead_of("check", answers.error(-32000))
-    page.click("check")
-    page.await_text("verdict", "A service does not run on the router.")

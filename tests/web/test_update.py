@@ -1,7 +1,9 @@
 # SPDX-License-Identifier: ISC
 """The way of an update through the page, from signing in to "back", and its other ends."""
+import json
+
 import answers
-from browser import await_rate, wait_until
+from browser import await_half, wait_until
 from router import NEW, OLD
 
 
@@ -32,24 +34,23 @@ def test_whole_way_from_signing_in_to_back(router, page):
     page.open()
     page.picture("sign-in")
     page.open_and_sign_in()
-    assert [page.text(name) for name in ("here-version", "here-build", "here-model")] == ["r1234", "171000000", "Model-X"]
-    assert [page.text(name) for name in ("offer-version", "offer-build")] == ["r1300", "174200000"]
+    assert [page.text(name) for name in ("here-version", "offer-version")] == ["r1234", "r1300"]
+    assert not page.visible("here-build"), "builds are details"
     assert page.text("notes") == "Faster start, fewer surprises."
-    assert page.text("verdict") == "A newer version is available."
+    assert page.text("verdict") == "A new version is available"
     page.picture("available")
 
     page.click("update")
     page.await_visible("question")
     assert "The settings are kept." in page.text("question")
-    assert page.find("backup").get_attribute("href")
-    assert "r1300 (build 174200000) replaces version r1234 (build 171000000)" in page.text("question-text")
+    assert page.text("question-text") == "Version r1300 replaces version r1234."
     page.picture("question")
     page.click("yes")
     page.await_stage("Downloading")
     page.await_text("figures", "of 2.0 MiB")
-    await_rate(router, page)
+    await_half(router, page)
     assert "%" in page.text("figures")
-    assert not page.find("check").is_enabled()
+    assert not page.visible("versions"), "nothing else on the page"
     page.picture("downloading")
     router.release()
 
@@ -64,9 +65,9 @@ def test_whole_way_from_signing_in_to_back(router, page):
     page.await_stage("The router answers again")
     page.picture("answers-again")
     page.sign_in()
-    page.await_stage("Done: the offered version runs")
-    assert page.text("job-text") == "The router has restarted. It runs version r1300 (build 174200000)."
-    page.await_text("verdict", "This router is up to date.")
+    page.await_stage("Update complete")
+    assert page.text("job-text") == "The router has restarted and runs version r1300."
+    page.await_text("verdict", "This router is up to date")
     page.picture("done")
     page.click("close-job")
     page.await_hidden("job")
@@ -78,7 +79,7 @@ def test_verifying_is_shown(router, page):
     router.offer_slowly()
     page.open_and_sign_in()
     page.start_update()
-    page.await_text("figures", "25 %")
+    page.await_text("figures", "25%")
     router.release()
     page.await_stage("Verifying")
     page.picture("verifying")
@@ -99,7 +100,7 @@ def test_failed_check_says_why(router, page):
     page.click("close-job")
     page.await_hidden("job")
     page.open()
-    page.await_text("verdict", "A newer version")
+    page.await_text("verdict", "A new version")
     assert not page.visible("job"), "an outcome that was closed stays closed"
 
 
@@ -109,7 +110,7 @@ def test_failed_download_says_why(router, page):
     page.open_and_sign_in()
     page.start_update()
     page.await_stage("The update failed")
-    assert page.text("job-text").startswith("The firmware could not be downloaded. Nothing was changed.")
+    assert page.text("job-text").startswith("The download failed. Nothing was changed.")
 
 
 def test_unknown_size_is_said(router, page):
@@ -118,36 +119,36 @@ def test_unknown_size_is_said(router, page):
     page.start_update()
     page.await_stage("Downloading")
     page.await_text("job-text", "The size of the firmware is not known yet.")
-    assert page.text("figures") == ""
-    assert not page.script("return document.getElementById('progress').hasAttribute('value')")
+    assert not page.visible("figures")
+    assert not page.script("return document.getElementById('bar').hasAttribute('value')")
     page.picture("size-unknown")
 
 
 def test_same_build_can_be_installed_anyway(router, page):
     page.open_and_sign_in()
-    assert page.text("verdict") == "This router is up to date."
+    assert page.text("verdict") == "This router is up to date"
     page.picture("up-to-date")
     assert not page.visible("update")
     assert not page.visible("anyway"), "it is tucked away"
     page.find("anyway-part").click()
     page.picture("anyway")
     install(router, page, "anyway")
-    assert '"force_update":"1"' in router.run("fwupdate-cli result --json")
+    assert json.loads(router.run("fwupdate-cli result --json"))["answer"]["force_update"] == "1"
     restart(router, page, OLD)
-    page.await_stage("Done: the offered version runs")
+    page.await_stage("Update complete")
 
 
 def test_older_build_is_no_update(router, page):
     router.offer(build="170000000", version="r1100")
     page.open_and_sign_in()
-    assert page.text("verdict") == "This router is up to date."
+    assert page.text("verdict") == "This router is up to date"
     assert page.text("offer-version") == "r1100"
 
 
 def test_demanded_older_build_is_an_update(router, page):
     router.offer(build="170000000", version="r1100", more="<force_update>1</force_update>")
     page.open_and_sign_in()
-    assert page.text("verdict") == "The update server demands this version, newer or not."
+    assert page.text("verdict") == "The update server asks for this version"
     assert page.visible("update")
 
 
@@ -155,15 +156,15 @@ def test_old_version_after_the_restart_is_no_success(router, page):
     install_offered(router, page)
     restart(router, page, OLD)
     page.await_stage("The router still runs the old version")
-    assert "version r1234 (build 171000000) as before. Build 174200000 was not installed" in page.text("job-text")
+    assert page.text("job-text") == "It has restarted with version r1234. Version r1300 was not installed, or did not start."
     page.picture("still-old")
 
 
 def test_other_version_after_the_restart_is_said(router, page):
     install_offered(router, page)
     restart(router, page, {"revision": "r1299", "build": "174100000"})
-    page.await_stage("The router runs another version")
-    assert "runs version r1299 (build 174100000). Build 174200000 was on offer." in page.text("job-text")
+    page.await_stage("The router runs an unexpected version")
+    assert page.text("job-text") == "It has restarted with version r1299. Version r1300 was offered."
     page.picture("other-version")
 
 
@@ -176,7 +177,7 @@ def test_new_version_without_the_plugin_is_known_by_its_build(router, page):
     router.power_on(NEW)
     page.await_stage("The router answers again")
     page.sign_in()
-    page.await_stage("Done: the offered version runs")
+    page.await_stage("Update complete")
 
 
 def test_router_that_does_not_restart_is_no_success(router, page):
@@ -188,10 +189,11 @@ def test_router_that_does_not_restart_is_no_success(router, page):
     page.await_stage("The router did not restart")
     assert "3 minutes ago" in page.text("job-text")
     page.picture("did-not-restart")
+    assert not page.visible("versions"), "no button contradicts the advice"
     page.click("close-job")
     page.await_hidden("job")
     page.click("check")
-    page.await_text("verdict", "A newer version")
+    page.await_text("verdict", "A new version")
 
 
 def test_page_opened_after_the_installer_refused_knows_it(router, page):
@@ -199,8 +201,8 @@ def test_page_opened_after_the_installer_refused_knows_it(router, page):
     router.offer()
     router.run("fwupdate-cli update --yes")
     router.await_installer()
-    router.run("""printf '#!/bin/sh\\necho $(($(busybox date +%%s) + 200))\\n' >/bin/later
-        chmod 755 /bin/later; mv -f /bin/later /bin/date""")
+    # Its last word is when the answer came.
+    router.run("""set -- /tmp/fwupdate-cli/job.*/end; read -r one two ended <"$1"; echo "$one $two $((ended - 200))" >"$1" """)
     page.open()
     page.sign_in()
     page.await_stage("The router did not restart")
@@ -216,7 +218,7 @@ def test_router_that_stays_away_gets_a_hint(router, page):
     assert not page.visible("job-hint")
     page.put_clock_forward(1.1)
     page.await_visible("job-hint")
-    assert "It has been away for 10 minutes. Perhaps it has another address now, or a certificate" in page.text("job-hint")
+    assert "another address or certificate" in page.text("job-hint")
     page.picture("long-away")
 
 
@@ -230,5 +232,4 @@ def test_lost_connection_is_no_restart(router, page):
     hidden.rename(socket)
     page.await_stage("The router answers again")
     page.sign_in()
-    page.await_visible("versions")
-    assert page.text("job-title") == "Installing"
+    page.await_stage("Installing")
