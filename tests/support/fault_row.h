@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: ISC
-// A fault as docs/reliability.md tells it. A test that makes it records the row, next to what
-// it compares and, where it can, with words made of the same values; tests/check_reliability holds
-// the document to them.
+// A fault as a row of a table. A test that makes it records the row, next to what it compares and,
+// where it can, with words made of the same values; tests/list_faults prints them all.
 #pragma once
 
 #include <gtest/gtest.h>
