@@ -4,25 +4,15 @@
 namespace fwupdate
 {
 
-namespace
-{
-
-// The zero byte behind the manifest ends a `url` that fills its field.
-struct {
-	UpdateManifest manifest;
-	char end;
-} storage;
-
-} // namespace
-
 UpdateContext update_context;
-UpdateManifest &update_manifest = storage.manifest;
+UpdateManifest update_manifest;
 
-const char *manifest_text_at(std::size_t offset)
+const char *manifest_text(const char *field)
 {
-	// Derived from the whole storage, not from a member: compilers may assume
-	// that a text ends inside the array it starts in.
-	return reinterpret_cast<const char *>(&storage) + offset;
+	// Derived from the whole record, not from a member: compilers may assume that a text
+	// ends inside the array it starts in.
+	const auto *start = reinterpret_cast<const char *>(&update_manifest);
+	return start + (field - start);
 }
 
 } // namespace fwupdate

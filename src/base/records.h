@@ -86,22 +86,15 @@ struct UpdateManifest {
 	char version[20];
 	char buildtime[12]; // decimal number, deliberately cut to 9 characters
 	char url[256];	    // of the firmware
+	char end;	    // always zero: ends a `url` that fills its field
 };
-static_assert(sizeof(UpdateManifest) == 64 + 4 + 4 + 512 + 20 + 12 + 256);
+static_assert(sizeof(UpdateManifest) == 64 + 4 + 4 + 512 + 20 + 12 + 256 + 1);
 
 extern UpdateContext update_context;
-extern UpdateManifest &update_manifest;
+extern UpdateManifest update_manifest;
 
-// The text that begins at byte `offset` of the manifest.
-const char *manifest_text_at(std::size_t offset);
-
-// The text of one field, up to the first zero byte: a field that fills its array
-// runs on into the next, and the record's end ends every text. The daemon owns the
-// memory.
-template<std::size_t SIZE> const char *manifest_text(char (UpdateManifest::*field)[SIZE])
-{
-	const auto *start = reinterpret_cast<const char *>(&update_manifest);
-	return manifest_text_at(static_cast<std::size_t>(update_manifest.*field - start));
-}
+// The text of a field of update_manifest, up to the first zero byte: a field that fills its
+// array runs on into the next.
+const char *manifest_text(const char *field);
 
 } // namespace fwupdate

@@ -75,9 +75,9 @@ bool use_attempt()
 // Starts a worker and watches it. False when none could be started.
 bool start_attempt()
 {
-	job.watch.fd = start_download(manifest_text(&UpdateManifest::url),
-				      manifest_text(&UpdateManifest::archive),
-				      manifest_text(&UpdateManifest::file_name), job.timeout);
+	job.watch.fd = start_download(manifest_text(update_manifest.url),
+				      manifest_text(update_manifest.archive),
+				      manifest_text(update_manifest.file_name), job.timeout);
 	if (job.watch.fd < 0) {
 		return false;
 	}

@@ -30,8 +30,8 @@ const char *result_text()
 int reply_update_result(ubus_request_data *request, bool force)
 {
 	begin_reply();
-	add_text("version", manifest_text(&UpdateManifest::version));
-	add_text("buildtime", manifest_text(&UpdateManifest::buildtime));
+	add_text("version", manifest_text(update_manifest.version));
+	add_text("buildtime", manifest_text(update_manifest.buildtime));
 	add_text("force_update", force ? "1" : "0");
 	add_number("error_code", update_context.result);
 	add_text("error_message", result_text());

@@ -14,10 +14,10 @@ namespace
 
 void add_offer()
 {
-	add_text("version", manifest_text(&UpdateManifest::version));
-	add_text("buildtime", manifest_text(&UpdateManifest::buildtime));
-	add_text("releasenotes", manifest_text(&UpdateManifest::release_notes));
-	add_text("force", manifest_text(&UpdateManifest::force_update));
+	add_text("version", manifest_text(update_manifest.version));
+	add_text("buildtime", manifest_text(update_manifest.buildtime));
+	add_text("releasenotes", manifest_text(update_manifest.release_notes));
+	add_text("force", manifest_text(update_manifest.force_update));
 	add_number("need_update", update_context.need_update);
 }
 

@@ -17,11 +17,6 @@ namespace
 
 constexpr std::size_t REQUEST_URL_SIZE = 2048;
 
-// How many bytes of each value are kept. Less than the field for three of them;
-// the whole field, without a terminator, for the others.
-constexpr std::size_t BUILDTIME_LIMIT = 9;
-constexpr std::size_t FLAG_LIMIT = 2;
-
 void release_document()
 {
 	mxmlDelete(manifest_buffer.document);
@@ -46,30 +41,35 @@ bool is_one(const char *flag)
 	return std::strcmp(flag, "1") == 0;
 }
 
+// In the order of the query. The limit is how many bytes are kept: less than the field for
+// three of them; the whole field, without a terminator, for the others.
+constexpr struct {
+	char element[14];
+	bool needed;
+	std::uint16_t field; // byte of the record that it begins at
+	std::uint16_t limit;
+} VALUES[] = {
+	{"buildtime", true, offsetof(UpdateManifest, buildtime), 9},
+	{"url", true, offsetof(UpdateManifest, url), sizeof(UpdateManifest::url)},
+	{"version", false, offsetof(UpdateManifest, version), sizeof(UpdateManifest::version)},
+	{"release_notes", false, offsetof(UpdateManifest, release_notes),
+	 sizeof(UpdateManifest::release_notes)},
+	{"force_update", false, offsetof(UpdateManifest, force_update), 2},
+	{"archive", false, offsetof(UpdateManifest, archive), 2},
+	{"file_name", false, offsetof(UpdateManifest, file_name),
+	 sizeof(UpdateManifest::file_name)},
+};
+
 int read_values(mxml_node_t *document)
 {
-	UpdateManifest &manifest = update_manifest;
-	if (manifest_get_value(document, "buildtime", manifest.buildtime, BUILDTIME_LIMIT,
-			       Element::MANDATORY) != 0) {
-		return -1;
+	auto *record = reinterpret_cast<char *>(&update_manifest);
+	for (const auto &[element, needed, field, limit] : VALUES) {
+		if (manifest_get_value(document, element, record + field, limit, needed) != 0 &&
+		    needed) {
+			return -1;
+		}
 	}
-	if (manifest_get_value(document, "url", manifest.url, sizeof(manifest.url),
-			       Element::MANDATORY) != 0) {
-		return -1;
-	}
-	manifest_get_value(document, "version", manifest.version, sizeof(manifest.version),
-			   Element::OPTIONAL);
-	manifest_get_value(document, "release_notes", manifest.release_notes,
-			   sizeof(manifest.release_notes), Element::OPTIONAL);
-	manifest_get_value(document, "force_update", manifest.force_update, FLAG_LIMIT,
-			   Element::OPTIONAL);
-	manifest_get_value(document, "archive", manifest.archive, FLAG_LIMIT, Element::OPTIONAL);
-	manifest_get_value(document, "file_name", manifest.file_name, sizeof(manifest.file_name),
-			   Element::OPTIONAL);
-	if (is_one(manifest.archive) && manifest.file_name[0] == '\0') {
-		return -1;
-	}
-	return 0;
+	return is_one(update_manifest.archive) && update_manifest.file_name[0] == '\0' ? -1 : 0;
 }
 
 // A forced manifest offers older builds as well, but never the installed one.
@@ -109,13 +109,13 @@ int query_update_server()
 }
 
 int manifest_get_value(mxml_node_t *document, const char *name, char *field, std::size_t limit,
-		       Element kind)
+		       bool needed)
 {
 	update_context.state = UpdateState::XML_PARSE;
 	mxml_node_t *element =
 		mxmlFindElement(document, document, name, nullptr, nullptr, ALL_LEVELS);
 	if (element == nullptr) {
-		if (kind == Element::MANDATORY) {
+		if (needed) {
 			log_message(
 				"Error parsing XML recived from update server, can't find '%s' section\n",
 				name);
@@ -125,7 +125,7 @@ int manifest_get_value(mxml_node_t *document, const char *name, char *field, std
 	const char *text = mxmlGetOpaque(element);
 	if (text == nullptr) {
 		mxmlDelete(element);
-		if (kind == Element::MANDATORY) {
+		if (needed) {
 			log_message(
 				"Error parsing XML recived from update server, can't get '%s' value\n",
 				name);

@@ -48,17 +48,12 @@ int fetch_manifest(const char *url);
 // the bytes taken, 0 to end the transfer.
 std::size_t manifest_write_cb(char *data, std::size_t size, std::size_t count, void *too_large);
 
-// Whether a manifest may do without an element.
-enum class Element {
-	MANDATORY,
-	OPTIONAL,
-};
-
-// Copies the text of the first element `name`, wherever it stands, into `field`
-// with copy_unterminated, and takes the element out of the document. Returns 0, or
-// -1 when there is no such element or it has no text; the field is then unchanged,
-// and the failure is logged if the element is mandatory.
+// Copies the text of the first element `name`, wherever it stands, into `field` as strncpy
+// does: at most `limit` bytes, without a terminator when there are more, else with zeros up
+// to the limit. Takes the element out of the document. Returns 0, or -1 when there is no such
+// element or it has no text; the field is then unchanged, and the failure is logged if the
+// element is needed.
 int manifest_get_value(mxml_node_t *document, const char *name, char *field, std::size_t limit,
-		       Element kind);
+		       bool needed);
 
 } // namespace fwupdate

@@ -79,17 +79,17 @@ TEST_F(Manifest, ShortFieldEndsAtItsTerminator)
 {
 	std::strcpy(update_manifest.version, "1.0");
 	std::strcpy(update_manifest.buildtime, "123");
-	EXPECT_STREQ(manifest_text(&UpdateManifest::version), "1.0");
+	EXPECT_STREQ(manifest_text(update_manifest.version), "1.0");
 }
 
 TEST_F(Manifest, FullFieldRunsOnIntoTheNext)
 {
 	fill(update_manifest.version, sizeof(update_manifest.version), 'v');
 	std::strcpy(update_manifest.buildtime, "123");
-	EXPECT_EQ(manifest_text(&UpdateManifest::version), std::string(20, 'v') + "123");
+	EXPECT_EQ(manifest_text(update_manifest.version), std::string(20, 'v') + "123");
 
 	fill(update_manifest.release_notes, sizeof(update_manifest.release_notes), 'n');
-	EXPECT_EQ(manifest_text(&UpdateManifest::release_notes),
+	EXPECT_EQ(manifest_text(update_manifest.release_notes),
 		  std::string(512, 'n') + std::string(20, 'v') + "123");
 }
 
@@ -97,11 +97,11 @@ TEST_F(Manifest, FullFileNameRunsOnIntoTheArchiveFlag)
 {
 	fill(update_manifest.file_name, sizeof(update_manifest.file_name), 'f');
 	std::strcpy(update_manifest.archive, "1");
-	EXPECT_EQ(manifest_text(&UpdateManifest::file_name), std::string(64, 'f') + "1");
+	EXPECT_EQ(manifest_text(update_manifest.file_name), std::string(64, 'f') + "1");
 }
 
 TEST_F(Manifest, FullUrlEndsWithTheRecord)
 {
 	fill(update_manifest.url, sizeof(update_manifest.url), 'u');
-	EXPECT_EQ(manifest_text(&UpdateManifest::url), std::string(256, 'u'));
+	EXPECT_EQ(manifest_text(update_manifest.url), std::string(256, 'u'));
 }

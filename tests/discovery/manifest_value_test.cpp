@@ -24,10 +24,10 @@ protected:
 		document = mxmlLoadString(nullptr, xml.c_str(), MXML_OPAQUE_CALLBACK);
 		ASSERT_NE(document, nullptr);
 	}
-	int get(const char *name, Element kind = Element::MANDATORY)
+	int get(const char *name, bool needed = true)
 	{
 		std::memset(field, 'x', sizeof(field));
-		return manifest_get_value(document, name, field, 8, kind);
+		return manifest_get_value(document, name, field, 8, needed);
 	}
 	std::string bytes() const
 	{
@@ -174,19 +174,19 @@ TEST_F(ManifestValue, WithoutTextIsLoggedAndTakenOut)
 TEST_F(ManifestValue, OptionalOneIsMissedInSilence)
 {
 	load(in_document("<url/>"));
-	EXPECT_EQ(get("url", Element::OPTIONAL), -1);
+	EXPECT_EQ(get("url", false), -1);
 	EXPECT_EQ(bytes(), untouched);
-	EXPECT_EQ(get("url", Element::OPTIONAL), -1);
+	EXPECT_EQ(get("url", false), -1);
 	EXPECT_EQ(bytes(), untouched);
-	EXPECT_EQ(manifest_get_value(nullptr, "url", field, 8, Element::OPTIONAL), -1);
+	EXPECT_EQ(manifest_get_value(nullptr, "url", field, 8, false), -1);
 	EXPECT_THAT(logged(), IsEmpty());
 }
 
 TEST_F(ManifestValue, OptionalOneWithoutTextIsTakenOut)
 {
 	load(in_document("<url/><url>next</url>"));
-	EXPECT_EQ(get("url", Element::OPTIONAL), -1);
-	EXPECT_EQ(get("url", Element::OPTIONAL), 0);
+	EXPECT_EQ(get("url", false), -1);
+	EXPECT_EQ(get("url", false), 0);
 	EXPECT_STREQ(field, "next");
 }
 
