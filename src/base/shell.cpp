@@ -31,8 +31,8 @@ CommandResult run_command(const char *command)
 	if (status == -1) {
 		return CommandResult::NOT_RUN;
 	}
-	// Bits 8 to 15 alone: a tool that a signal killed has zeros there.
-	return ((status >> 8) & 0xff) == 0 ? CommandResult::SUCCEEDED : CommandResult::FAILED;
+	// Also of a tool that a signal killed: its status is 0.
+	return WEXITSTATUS(status) == 0 ? CommandResult::SUCCEEDED : CommandResult::FAILED;
 }
 
 bool read_line(std::FILE *stream, char *line, std::size_t size)

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: ISC
 #include "base/text.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdarg>
 #include <cstdio>
@@ -19,28 +20,16 @@ std::int32_t parse_number(const char *text, int base)
 {
 	using Limits = std::numeric_limits<std::int32_t>;
 	const long value = std::strtol(text, nullptr, base);
-	if (value > Limits::max()) {
-		return Limits::max();
-	}
-	if (value < Limits::min()) {
-		return Limits::min();
-	}
-	return static_cast<std::int32_t>(value);
+	return static_cast<std::int32_t>(
+		std::clamp(value, long{Limits::min()}, long{Limits::max()}));
 }
 
 } // namespace
 
 void copy_text(char *field, std::size_t size, const char *text)
 {
-	copy_unterminated(field, size - 1, text);
+	std::strncpy(field, text, size - 1);
 	field[size - 1] = '\0';
-}
-
-void copy_unterminated(char *field, std::size_t limit, const char *text)
-{
-	const std::size_t length = strnlen(text, limit);
-	std::memcpy(field, text, length);
-	std::memset(field + length, 0, limit - length);
 }
 
 void strip_line_feed(char *text)

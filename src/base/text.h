@@ -19,11 +19,6 @@ inline constexpr std::size_t NUMBER_TEXT_SIZE = 12;
 // always terminated; the rest of the field becomes zero.
 void copy_text(char *field, std::size_t size, const char *text);
 
-// Copies at most `limit` bytes of `text`; a shorter text is followed by zeros up
-// to the limit, one that fills the limit gets no terminator. The caller vouches
-// for `limit` bytes at `field`.
-void copy_unterminated(char *field, std::size_t limit, const char *text);
-
 // Takes away one line feed at the end of `text`, if there is one. A carriage
 // return before it stays.
 void strip_line_feed(char *text);

@@ -132,7 +132,7 @@ int manifest_get_value(mxml_node_t *document, const char *name, char *field, std
 		}
 		return -1;
 	}
-	copy_unterminated(field, limit, text);
+	std::strncpy(field, text, limit);
 	mxmlDelete(element);
 	return 0;
 }

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <endian.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -31,23 +32,17 @@ constexpr std::uint32_t UIMAGE_MAGIC = 0x27051956;
 
 // The first 64 bytes of a U-Boot legacy image. Numbers are big-endian.
 struct ImageHeader {
-	std::uint8_t magic[4];
-	std::uint8_t header_crc[4]; // over the header, with this field zero
-	std::uint8_t time[4];
-	std::uint8_t data_size[4]; // not trusted: the data reach to the end of the file
-	std::uint8_t load_address[4];
-	std::uint8_t entry_point[4];
-	std::uint8_t data_crc[4];
+	std::uint32_t magic;
+	std::uint32_t header_crc; // over the header, with this field zero
+	std::uint32_t time;
+	std::uint32_t data_size; // not trusted: the data reach to the end of the file
+	std::uint32_t load_address;
+	std::uint32_t entry_point;
+	std::uint32_t data_crc;
 	std::uint8_t types[4]; // operating system, architecture, kind, compression
 	char name[MODEL_NAME_SIZE];
 };
 static_assert(sizeof(ImageHeader) == 64);
-
-std::uint32_t big_endian(const std::uint8_t (&bytes)[4])
-{
-	return std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 |
-	       std::uint32_t{bytes[2]} << 8 | std::uint32_t{bytes[3]};
-}
 
 // A file shorter than a header counts as padded with zeros.
 ImageHeader read_header(const MappedBytes &file)
@@ -66,7 +61,7 @@ std::uint32_t data_crc(const MappedBytes &file)
 
 std::uint32_t header_crc(ImageHeader header)
 {
-	std::memset(header.header_crc, 0, sizeof(header.header_crc));
+	header.header_crc = 0;
 	return crc32_of(&header, sizeof(header));
 }
 
@@ -74,10 +69,9 @@ std::uint32_t header_crc(ImageHeader header)
 bool wants_fwtool(const ImageHeader &header)
 {
 	static const char zeros[4] = {};
-	return std::memcmp(header.load_address, header.entry_point, sizeof(header.load_address)) ==
-		       0 &&
-	       std::memcmp(header.name + sizeof(header.name) - sizeof(zeros), zeros,
-			   sizeof(zeros)) == 0;
+	const char *name_end = header.name + sizeof(header.name) - sizeof(zeros);
+	return header.load_address == header.entry_point &&
+	       std::memcmp(name_end, zeros, sizeof(zeros)) == 0;
 }
 
 int check_with_fwtool(const char *path)
@@ -101,13 +95,13 @@ int check_uimage(const char *path, const ImageHeader &header, const MappedBytes 
 {
 	// Kept even when the header turns out to be damaged.
 	std::memcpy(fw_model_name, header.name, sizeof(fw_model_name));
-	if (header_crc(header) != big_endian(header.header_crc)) {
+	if (header_crc(header) != be32toh(header.header_crc)) {
 		return IMAGE_BAD_HEADER;
 	}
 	if (wants_fwtool(header)) {
 		return check_with_fwtool(path);
 	}
-	return data_crc(file) == big_endian(header.data_crc) ? IMAGE_GOOD : IMAGE_BAD_CHECKSUM;
+	return data_crc(file) == be32toh(header.data_crc) ? IMAGE_GOOD : IMAGE_BAD_CHECKSUM;
 }
 
 int check_metadata(const char *path, const ImageHeader &header)
@@ -154,9 +148,8 @@ int check_file(const char *path, int descriptor)
 	}
 
 	const ImageHeader header = read_header(file);
-	const int result = big_endian(header.magic) == UIMAGE_MAGIC
-				   ? check_uimage(path, header, file)
-				   : check_metadata(path, header);
+	const int result = be32toh(header.magic) == UIMAGE_MAGIC ? check_uimage(path, header, file)
+								 : check_metadata(path, header);
 	if (result != IMAGE_GOOD) {
 		return result;
 	}

@@ -84,17 +84,6 @@ TEST(Text, CopyIsCutTerminatedAndPaddedWithZeros)
 	EXPECT_EQ(copied(""), std::string(5, '\0'));
 }
 
-TEST(Text, LimitedCopyTouchesNothingBehindTheLimit)
-{
-	char field[7] = "......";
-	copy_unterminated(field, 3, "abcdef");
-	EXPECT_STREQ(field, "abc...");
-	copy_unterminated(field, 3, "xyz");
-	EXPECT_STREQ(field, "xyz...");
-	copy_unterminated(field, 3, "q");
-	EXPECT_EQ(std::string(field, sizeof(field)), std::string("q\0\0...\0", 7));
-}
-
 TEST(Text, OneLineFeedIsStripped)
 {
 	const struct {
