@@ -4,6 +4,7 @@ import json
 
 import pytest
 
+from kept_answer import await_installer
 from simulated_router import Router, make_image, make_server
 
 NOTES = "Faster start, fewer surprises.\nSecond line: Grüße, žluť, 更新."
@@ -175,6 +176,34 @@ def test_without_a_daemon_the_status_is_3(command, missing, words):
             assert result.status == 3
             assert words in result.output
         assert json.loads(router.run("fwupdate-cli result --json").output) == {"job": "none"}
+
+
+@pytest.mark.parametrize("command", ["--json check", "check --json", "--json --json check"])
+def test_options_may_stand_before_the_command(router, command):
+    assert router.run(f"fwupdate-cli {command}").json()["version"] == "2.1.0"
+
+
+@pytest.mark.parametrize("command", [
+    "--timeout 60 --yes update --attempts=2 --delay 1 --detach", "update --yes --detach --timeout=60 --attempts=2 --delay=1",
+    "--detach --yes --timeout=60 update --delay=1 --attempts 2"])
+def test_a_value_may_follow_its_option_in_either_way(router, command):
+    router.must(f"fwupdate-cli {command}")
+    router.must("fwupdate-cli watch")
+    arguments = router.run("fwupdate-cli result --json").json()["arguments"]
+    await_installer(router)
+    router.must("rm -r /tmp/fwupdate-cli /tmp/fwupdate.bin /var/log/sysupgrade; ubus call fwupdate check")
+    assert arguments == {"partition": "firmware2", "timeout": 60, "attempts": 2, "delay": 1}
+
+
+@pytest.mark.parametrize("command", ["{}", "check {}", "--{} check", "update --yes --partition {}", "update --yes --timeout={}", "test {}"])
+@pytest.mark.parametrize("value, start", [("x" * 5000, "x" * 50), ("one\ntwo", "one'"), ("a\x1b[2Jb", "a[2Jb"), ("\xe4" * 99, "\xe4" * 9)])
+def test_a_quoted_value_is_one_short_line(router, command, value, start):
+    (router.folder / "value").write_text(value)
+    result = router.run("fwupdate-cli " + command.format(f'"$(cat {router.folder}/value)"'))
+    assert result.status == 2
+    first, *_ = result.raw.decode().splitlines()  # UTF-8, whatever was cut
+    assert len(first) < 200 and "\x1b" not in first and start in first
+    assert len(result.output.splitlines()) == 2
 
 
 def test_without_a_program_that_it_needs_the_status_is_3(silent_router):

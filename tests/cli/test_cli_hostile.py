@@ -90,6 +90,20 @@ def test_what_is_no_utf_8_is_left_out(router, bad):
     assert output.startswith(b"a") and output.endswith(b"z\n")
 
 
+def test_what_is_not_seen_is_the_same_as_on_the_page(router):
+    """At the edges of every range of the page's list, and one beyond."""
+    source = re.search(r"^const UNSHOWABLE = /\[(.*)\]\|\\p\{Cs\}/gu;$", (PROJECT / "web/page.js").read_text(), re.M).group(1)
+    ranges = re.sub(r"\\u\{(\w+)\}", lambda code: f"\\U{code.group(1):0>8}", source).replace("\\0", "\\x00")
+    hidden = re.compile(f"[{ranges}]")
+    edges = {ord(c) + d for c in re.findall(r".", eval(f"'{ranges}'"), re.S) if c != "-" for d in (-1, 0, 1)}
+    edges = sorted(edge for edge in edges if 32 <= edge < 0x110000 and not 0xd800 <= edge < 0xe000)
+    assert len(edges) > 30
+    (router.folder / "characters").write_text("".join(f"a{chr(edge)}z\n" for edge in edges))
+    shown = router.run(f'. /usr/share/fwupdate-cli/text.sh; plain "$(cat {router.folder}/characters)"; printf "%s\\n" "$text"')
+    expected = "".join("az\n" if hidden.match(chr(edge)) else f"a{chr(edge)}z\n" for edge in edges)
+    assert shown.raw.decode() == expected
+
+
 def test_a_version_of_several_lines_is_cut_to_the_first(router):
     answer(router, state=idle(), check=offer("9\nVersion 1 (build 1) is available"))
     first = router.run("fwupdate-cli check").output.split("\n")[0]
