@@ -114,6 +114,7 @@ keep_job() {
 	watcher=$!
 	keep watcher $watcher
 	[ -n "$asked" ] || call check '{}' "$check_limit"
+	ask_guard_for_force
 	read_arguments
 	ubus -S -t $longest_call call fwupdate update "$arguments" \
 		1<>"$job/answer.part" 2<>"$job/error" &
@@ -130,6 +131,7 @@ keep_job() {
 		stored gone
 		[ -z "$line" ] || end="lost daemon" ;;
 	esac
+	[ "$end" = "answered installing" ] || withdraw_force
 	keep end.part "$end $(date +%s)" && mv "$job/end.part" "$job/end"
 	kill -KILL $watcher 2>/dev/null
 }
@@ -167,6 +169,7 @@ watch_daemon() {
 		stored call
 		caller=$line
 		is_alive "$keeper" || break
+		end_hanging_fwtool
 		now=$(object_id)
 		before=${before:-$now}
 		[ "$now" != "$before" ] || continue

@@ -49,20 +49,37 @@ tell_answer() {
 		version=$text
 		plain_line "$build"
 		say "${good}Version $version (build $text) was downloaded and is good.${normal}"
-		say "It is being installed; the router restarts in a moment and is away for some minutes."
-		say "Should it not restart within five minutes, 'sysupgrade -T /tmp/fwupdate.bin' says why." ;;
+		tell_installation ;;
 	*) stored reason
 		tell_error "$error" "$line" ;;
 	esac
 }
 
+# What the guard refuses is not installed, whatever the daemon has answered before.
+tell_installation() {
+	if was_refused; then
+		say "${bad}Refused: $reason.${normal} Nothing was installed."
+		return
+	fi
+	say "It is being installed; the router restarts in a moment and is away for some minutes."
+	if [ -x "$trial_program" ]; then
+		say "Should it not restart within five minutes, 'fwupdate-cli result' says why."
+	else
+		say "Should it not restart within five minutes, 'sysupgrade -T /tmp/fwupdate.bin' says why."
+	fi
+}
+
+# With what the guard did, where there is one.
 print_job() {
 	job_as_json
+	guard_as_json
+	[ "$guard_json" = '{}' ] || line="${line%\}},\"guard\":$guard_json}"
 	print_raw "$line"
 }
 
 # Shows the last job's outcome and ends with its status; `read_outcome` has been called.
 tell_outcome() {
+	read_guard
 	if [ -n "$json" ]; then
 		if [ "$command" = update ] && [ "$outcome" = answered ]; then
 			print_raw "$answer"
@@ -71,7 +88,10 @@ tell_outcome() {
 		fi
 	else
 		case $outcome in
-		none) say "No update was started with fwupdate-cli since the router started." ;;
+		none) say "No update was started with fwupdate-cli since the router started."
+			tell_trial
+			tell_guard
+			tell_refusal ;;
 		running) say "An update is running; 'fwupdate-cli watch' follows it." ;;
 		answered) tell_answer "$detail" ;;
 		refused) stored error
@@ -81,7 +101,9 @@ tell_outcome() {
 		esac
 	fi
 	case $outcome:$detail in
-	answered:installing | answered:nothing) exit 0 ;;
+	answered:installing) ! was_refused || exit "$failed"
+		exit 0 ;;
+	answered:nothing) exit 0 ;;
 	answered:busy | running:*) exit "$busy" ;;
 	refused:4) exit "$absent" ;;
 	*) exit "$failed" ;;

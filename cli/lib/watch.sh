@@ -105,6 +105,7 @@ follow_other() {
 }
 
 run_status() {
+	[ -n "$json" ] || tell_hanging_fwtool
 	ask state '{}' "$state_limit"
 	if [ -n "$json" ]; then
 		print_raw "$reply"
@@ -132,4 +133,8 @@ run_status() {
 		fi ;;
 	esac
 	[ -z "$message" ] || say "Last log line: $message"
+	read_guard
+	tell_trial
+	tell_guard
+	tell_refusal
 }

@@ -9,9 +9,10 @@ import sys
 
 import pytest
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
+HERE = pathlib.Path(__file__).resolve()
+sys.path[:0] = [str(HERE.parents[1] / "support"), str(HERE.parents[2] / "testbed/machine")]
 from signed_images import Key, signed, with_metadata  # noqa: E402
-from simulated_router import BUILD, PROJECT, Router  # noqa: E402
+from simulated_router import BUILD, PROJECT, Router, make_server  # noqa: E402
 
 GUARD = "/usr/lib/fwupdate/guard/sysupgrade"
 TRIAL = "/usr/lib/fwupdate/trial"
@@ -24,7 +25,7 @@ class Guarded:
     """The router of a test, with keys and images."""
 
     def __init__(self, router, folder):
-        self.router, self.folder = router, folder
+        self.router, self.folder, self.server = router, folder, folder / "server"
         self.keys = {name: Key(folder, name) for name in ("maker", "other")}
         self.must, self.run = router.must, router.run
 
@@ -109,7 +110,9 @@ def opened(tmp_path_factory):
     for package in ("fwupdate", "fwupdate-guard"):
         subprocess.run([PROJECT / "testbed/install-package", "--build", BUILD, package, folder / "root"],
                        check=True)
-    with Router("--quiet", "--bind", folder, folder=folder) as router:
+    (folder / "server").mkdir()
+    make_server(folder / "server")
+    with Router("--quiet", "--bind", folder, folder=folder, server_root=folder / "server") as router:
         router.must(f"cp -R {folder}/root/. /; mkdir -p /root/backup; cp /etc/router/board.json /etc/config/fwupdate /root/;"
                     "rm /sbin/reboot; printf '%s\\n' '#!/bin/sh' 'echo \"$0\" >>/var/log/reboot' >/sbin/reboot; chmod 755 /sbin/reboot")
         yield Guarded(router, folder)

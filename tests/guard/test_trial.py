@@ -14,7 +14,8 @@ def begin(guard, told="firmware2", count=1, record=RECORD, runs="174200000", **v
               "bootcount": count, "upgrade_available": 1, **variables}
     for name, value in values.items():
         guard.must(f"fw_setenv {name} '{value}'")
-    guard.must(f"sed -i 's/171000000/{runs}/' /etc/router/board.json")
+    revision = "r1300" if runs == "174200000" else "r1234"
+    guard.must(f"sed -i 's/171000000/{runs}/; s/r1234/{revision}/' /etc/router/board.json")
     guard.restart(told)
 
 

@@ -1,10 +1,18 @@
+#!/usr/bin/python3 -B
 # SPDX-License-Identifier: ISC
 """Images with metadata and signatures, and keys to sign them, as a router's maker makes them.
-Chunks are built here byte by byte, so that tests may build wrong ones."""
+Chunks are built here byte by byte, so that tests may build wrong ones. As a program:
+
+    signed_images.py FOLDER IMAGE BUILD REVISION
+
+gives the image metadata, and the signature of the key "maker" in FOLDER, made when missing. Only
+with FOLDER it prints the fingerprint of that key."""
 import base64
 import json
+import pathlib
 import struct
 import subprocess
+import sys
 import zlib
 
 SIGNATURE, METADATA = 0, 1
@@ -16,7 +24,8 @@ class Key:
 
     def __init__(self, folder, name):
         self.public, self.secret = folder / f"{name}.pub", folder / f"{name}.sec"
-        subprocess.run([SIGNIFY, "-G", "-n", "-p", self.public, "-s", self.secret], check=True)
+        if not self.secret.exists():
+            subprocess.run([SIGNIFY, "-G", "-n", "-p", self.public, "-s", self.secret], check=True)
         self.fingerprint = base64.b64decode(self.public.read_text().splitlines()[1])[2:10].hex()
 
     def sign(self, data):
@@ -62,3 +71,16 @@ def uimage(payload, name=b"MODEL-X"):
     head = struct.pack(">7I4B32s", 0x27051956, 0, 0, len(payload), 0x80008000, 0x80008000,
                        zlib.crc32(payload), 5, 2, 2, 0, name)
     return head[:4] + struct.pack(">I", zlib.crc32(head)) + head[8:] + payload
+
+
+def main():
+    key = Key(pathlib.Path(sys.argv[1]), "maker")
+    if len(sys.argv) == 2:
+        print(key.fingerprint)
+        return
+    image, build, revision = pathlib.Path(sys.argv[2]), *sys.argv[3:]
+    image.write_bytes(signed(with_metadata(image.read_bytes(), build=build, revision=revision), key))
+
+
+if __name__ == "__main__":
+    main()
