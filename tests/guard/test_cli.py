@@ -188,15 +188,26 @@ def test_without_the_package_there_is_nothing_by_hand(guard, command):
 
 # --- A fwtool that never ends
 
-def test_a_fwtool_that_hangs_is_ended_and_the_daemon_answers(guard, daemon):
-    """The sandbox's processes are in /realproc; two minutes are four seconds here."""
+@pytest.fixture
+def hanging(guard, daemon):
+    """The sandbox's processes are in /realproc; two minutes are three seconds here."""
     guard.must("mkdir -p /root/backup/usr/share/fwupdate-cli; cp /usr/share/fwupdate-cli/guard.sh /root/backup/usr/share/fwupdate-cli/;"
-               "sed -i 's/^patience_with_fwtool=.*/patience_with_fwtool=4/; s|/proc/\\([[$]\\)|/realproc/\\1|; s|\"/proc/|\"/realproc/|' "
+               "sed -i 's/^patience_with_fwtool=.*/patience_with_fwtool=3/; s|/proc/\\([[$]\\)|/realproc/\\1|; s|\"/proc/|\"/realproc/|' "
                "/usr/share/fwupdate-cli/guard.sh")
     guard.replace("/usr/bin/fwtool", "while :; do read -r line </proc/uptime; done")
     daemon(guard.good())
-    running = guard.router.open("fwupdate-cli update --yes --partition firmware2 --attempts 2", columns=100)
-    guard.router.wait_for("pidof fwtool")
-    guard.router.wait_for("fwupdate-cli status 2>&1 | grep 'does not come to an end with the image'")
-    assert running.wait() == 1
+
+
+def test_a_fwtool_that_hangs_is_ended_and_the_daemon_answers(guard, hanging):
+    result = update(guard, "--attempts 2")
+    assert result.status == 1 and "Error on checking firmware" in result.output
     assert guard.run("pidof fwtool").status == 1
+
+
+def test_one_that_hangs_for_somebody_else_is_named(guard, hanging):
+    guard.put(guard.good())
+    guard.must(f"ubus -t 60 call fwupdate test '{{\"file\":\"{IMAGE}\"}}' >/dev/null 2>&1 &")
+    told = guard.router.wait_for("fwupdate-cli status 2>&1 | grep 'does not come to an end with the image'")
+    process = guard.must("pidof fwtool")
+    assert f"fwtool (process {process}) " in told and f"'kill {process}'" in told
+    guard.must(f"kill {process}; ubus -t 30 call fwupdate state")
