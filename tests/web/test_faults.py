@@ -12,7 +12,6 @@ def test_no_daemon(router, page):
     page.sign_in()
     page.await_text("verdict", "The update service does not answer.")
     assert page.text("here-version") == "r1234"
-    page.picture("no-daemon")
     router.bring_the_daemon_back()
     router.offer()
     page.click("check")
@@ -33,7 +32,6 @@ def test_update_server_that_is_down(router, page):
     page.sign_in()
     page.await_text("verdict", "The update server gave no usable answer.")
     assert not page.visible("update") and not page.visible("anyway-part")
-    page.picture("server-down")
 
 
 def test_gateway_that_is_down(router, page):
@@ -43,7 +41,6 @@ def test_gateway_that_is_down(router, page):
     router.power_off()
     page.look_now()
     page.await_text("connection", "The router does not answer. This page keeps trying.")
-    page.picture("no-answer")
     router.power_on()
     page.await_visible("sign-in")
 
@@ -64,7 +61,6 @@ def test_no_plugin(router, page):
     assert page.text("verdict") == "A new version is available"
     assert page.text("read-only").startswith("No updates from here")
     assert not page.visible("update")
-    page.picture("no-plugin")
 
 
 def test_check_that_takes_longer_than_the_gateway_waits(make_router, make_page):
@@ -115,7 +111,6 @@ def test_check_whose_answer_is_none(router, page):
         assert not page.visible("update"), what
         if what == "no JSON":
             assert page.text("verdict") == "This page does not understand the router’s answer."
-            page.picture("not-understood")
     assert page.text("verdict") == "The router could not do that (error 9)."
     router.relay.fault = lambda *_: False
     page.click("check")

@@ -52,7 +52,6 @@ def test_second_start_is_told_that_one_runs(router, page):
     held.release()
     page.await_text("connection", "Not started. An update is already running.")
     page.await_stage("Downloading")
-    page.picture("busy")
 
 
 def test_question_that_came_too_late_is_told_so(router, page):
@@ -89,7 +88,6 @@ def test_update_started_on_the_bus_is_seen(router, page):
     page.await_stage("Downloading")
     assert page.text("job-hint") == "Somebody else started this update."
     assert not page.visible("versions")
-    page.picture("started-elsewhere")
     router.release()
     page.await_stage("Installing")
 
@@ -101,7 +99,6 @@ def test_session_that_ends_does_not_end_the_update(router, page):
     assert page.text("sign-in-why") == "Your session has ended. The update goes on without it."
     assert page.find("user").get_attribute("value") == "root"
     assert not page.visible("job"), "who is signed out sees nothing of it"
-    page.picture("session-ended")
     router.release()
     page.sign_in()
     page.await_stage("Installing")
@@ -123,7 +120,6 @@ def test_lost_answer_is_said(router, page):
     router.lose_the_daemon()
     page.await_stage("The result of the update is unknown")
     router.bring_the_daemon_back()
-    page.picture("answer-lost")
     page.click("close-job")
     page.await_hidden("job")
     page.click("check")

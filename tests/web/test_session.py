@@ -7,7 +7,6 @@ def test_wrong_password_is_said(router, page):
     page.open()
     page.sign_in(password="wrong")
     page.await_text("sign-in-fault", "Wrong user name or password.")
-    page.picture("wrong-password")
     page.sign_in()
     page.await_visible("versions")
 
@@ -26,7 +25,6 @@ def test_read_only_account_sees_no_buttons(router, page):
     assert page.text("read-only") == "This account may look, but not update."
     for name in ("update", "check", "anyway", "file-button", "anyway-part", "file-part"):
         assert not page.visible(name), name
-    page.picture("read-only")
 
 
 def test_read_only_account_sees_a_running_update(router, page):

@@ -22,7 +22,6 @@ def test_update_server_is_asked_first(router, page):
     page.await_stage("Starting the update")
     assert page.text("job-text") == "Asking the update server …"
     assert not page.visible("bar") and not page.visible("job-buttons")
-    page.picture("starting")
     signal_update_server(router, "CONT")
     page.await_stage("Downloading")
 
@@ -42,7 +41,6 @@ def test_router_whose_services_are_not_there_yet(router, page):
     assert page.text("job-title") == "Restarting"
     for name in ("sign-in", "connection", "read-only"):
         assert not page.visible(name), name
-    page.picture("services-not-yet")
     router.relay.fault = lambda *_: False
     page.await_stage("The router answers again")
 
@@ -58,7 +56,6 @@ def test_offer_that_was_withdrawn_before_the_start(router, page):
     assert not page.visible("job-detail")
     page.await_text("verdict", "This router is up to date")
     assert not page.visible("update"), "the page has asked again"
-    page.picture("nothing-to-install")
     page.click("close-job")
     page.await_hidden("job")
 

@@ -26,7 +26,6 @@ def test_markup_in_the_notes_is_text(router, page):
     assert page.text("offer-version") == "<b>r1300"
     assert page.script(elements) == before
     assert page.script("return window.ran") is None
-    page.picture("hostile-notes")
 
 
 def test_any_bytes_of_the_notes_survive(router, page):
@@ -56,7 +55,6 @@ def test_long_notes_without_a_blank_stay_inside(router, page):
     assert len(shown_notes(router, page, "x" * 511)) == 511
     assert page.script("return document.documentElement.scrollWidth") <= 360
     assert page.script("const box = document.getElementById('notes'); return box.scrollWidth - box.clientWidth") <= 0
-    page.picture("long-notes")
 
 
 def test_mark_in_the_version_turns_nothing_around(router, page):
@@ -75,7 +73,6 @@ def test_german_where_the_browser_asks_for_it(router, make_page):
     page.await_text("verdict", "Eine neue Version ist verfügbar")
     assert page.script("return document.documentElement.lang") == "de"
     assert page.driver.title == "Anmelden – Firmware-Update"
-    page.picture("german")
 
 
 def test_english_where_no_language_fits(router, make_page):

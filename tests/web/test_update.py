@@ -32,43 +32,35 @@ def restart(router, page, runs):
 def test_whole_way_from_signing_in_to_back(router, page):
     router.offer_slowly()
     page.open()
-    page.picture("sign-in")
     page.open_and_sign_in()
     assert [page.text(name) for name in ("here-version", "offer-version")] == ["r1234", "r1300"]
     assert not page.visible("here-build"), "builds are details"
     assert page.text("notes") == "Faster start, fewer surprises."
     assert page.text("verdict") == "A new version is available"
-    page.picture("available")
 
     page.click("update")
     page.await_visible("question")
     assert "The settings are kept." in page.text("question")
     assert page.text("question-text") == "Version r1300 replaces version r1234."
-    page.picture("question")
     page.click("yes")
     page.await_stage("Downloading")
     page.await_text("figures", "of 2.0 MiB")
     await_half(router, page)
     assert "%" in page.text("figures")
     assert not page.visible("versions"), "nothing else on the page"
-    page.picture("downloading")
     router.release()
 
     page.await_stage("Installing")
-    page.picture("installing")
     router.await_installer()
     router.power_off()
     page.await_stage("Restarting")
     assert not page.visible("sign-in")
-    page.picture("restarting")
     router.power_on(NEW)
     page.await_stage("The router answers again")
-    page.picture("answers-again")
     page.sign_in()
     page.await_stage("Update complete")
     assert page.text("job-text") == "The router has restarted and runs version r1300."
     page.await_text("verdict", "This router is up to date")
-    page.picture("done")
     page.click("close-job")
     page.await_hidden("job")
 
@@ -82,7 +74,6 @@ def test_verifying_is_shown(router, page):
     page.await_text("figures", "25%")
     router.release()
     page.await_stage("Verifying")
-    page.picture("verifying")
     finish_verifying()
     page.await_stage("The update failed")
 
@@ -95,7 +86,6 @@ def test_failed_check_says_why(router, page):
     page.await_stage("The update failed")
     assert page.text("job-text") == "The firmware is damaged, or made for another model. Nothing was changed."
     assert page.text("job-detail") == "The router says: Error on checking firmware"
-    page.picture("failed")
     assert page.find("update").is_enabled()
     page.click("close-job")
     page.await_hidden("job")
@@ -121,17 +111,14 @@ def test_unknown_size_is_said(router, page):
     page.await_text("job-text", "The size of the firmware is not known yet.")
     assert not page.visible("figures")
     assert not page.script("return document.getElementById('bar').hasAttribute('value')")
-    page.picture("size-unknown")
 
 
 def test_same_build_can_be_installed_anyway(router, page):
     page.open_and_sign_in()
     assert page.text("verdict") == "This router is up to date"
-    page.picture("up-to-date")
     assert not page.visible("update")
     assert not page.visible("anyway"), "it is tucked away"
     page.find("anyway-part").click()
-    page.picture("anyway")
     install(router, page, "anyway")
     assert json.loads(router.run("fwupdate-cli result --json"))["answer"]["force_update"] == "1"
     restart(router, page, OLD)
@@ -157,7 +144,6 @@ def test_old_version_after_the_restart_is_no_success(router, page):
     restart(router, page, OLD)
     page.await_stage("The router still runs the old version")
     assert page.text("job-text") == "It has restarted with version r1234. Version r1300 was not installed, or did not start."
-    page.picture("still-old")
 
 
 def test_other_version_after_the_restart_is_said(router, page):
@@ -165,7 +151,6 @@ def test_other_version_after_the_restart_is_said(router, page):
     restart(router, page, {"revision": "r1299", "build": "174100000"})
     page.await_stage("The router runs an unexpected version")
     assert page.text("job-text") == "It has restarted with version r1299. Version r1300 was offered."
-    page.picture("other-version")
 
 
 def test_new_version_without_the_plugin_is_known_by_its_build(router, page):
@@ -188,7 +173,6 @@ def test_router_that_does_not_restart_is_no_success(router, page):
     page.put_clock_forward(1.1)
     page.await_stage("The router did not restart")
     assert "3 minutes ago" in page.text("job-text")
-    page.picture("did-not-restart")
     assert not page.visible("versions"), "no button contradicts the advice"
     page.click("close-job")
     page.await_hidden("job")
@@ -219,7 +203,6 @@ def test_router_that_stays_away_gets_a_hint(router, page):
     page.put_clock_forward(1.1)
     page.await_visible("job-hint")
     assert "another address or certificate" in page.text("job-hint")
-    page.picture("long-away")
 
 
 def test_lost_connection_is_no_restart(router, page):
