@@ -7,14 +7,15 @@ set -u
 usage() {
 	cat <<'TEXT'
 Usage: ./demo.sh [--shell | --fail | --web]
-       ./demo.sh --vm [--fail]
+       ./demo.sh --vm [--fail | --bad]
 
 Without an option: checks for firmware, downloads it, verifies it and installs it.
   --shell   leave me on that router, with a shell
   --fail    a damaged firmware: tried twice, refused, nothing installed
   --web     the update page of that router, on a loopback port for your browser
   --vm      on the virtual router instead, a 32-bit ARM machine with real flash, which
-            restarts into the new firmware; with --fail it keeps the old one
+            restarts into the new firmware; with --fail it keeps the old one, with
+            --bad a firmware that does not work goes out again by itself
   --help    show this
 The exit status is 0 only if every step went as it should.
 TEXT
@@ -38,7 +39,11 @@ case $#:${1-} in
 1:--fail) mode=fail ;;
 1:--web) mode=web ;;
 1:--vm) mode=vm ;;
-2:--vm) [ "$2" = --fail ] || misuse "unknown argument '$2'." && mode=vm-fail ;;
+2:--vm)
+	case $2 in
+	--fail | --bad) mode=vm$2 ;;
+	*) misuse "unknown argument '$2'." ;;
+	esac ;;
 1:--help) usage && exit 0 ;;
 *) misuse "unknown arguments '$*'." ;;
 esac
@@ -94,8 +99,11 @@ vm*)
 	./setup.sh --vm || exit 1
 	echo "Building the daemon and the virtual router ..."
 	testbed/machine/build || exit 1
-	[ "$mode" != vm ] || exec testbed/machine/demo update
-	exec testbed/machine/demo refusal
+	case $mode in
+	vm) exec testbed/machine/demo update ;;
+	vm--fail) exec testbed/machine/demo refusal ;;
+	esac
+	exec testbed/machine/demo bad
 	;;
 esac
 ./setup.sh || exit 1

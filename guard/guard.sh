@@ -6,9 +6,7 @@ export PATH=/usr/sbin:/usr/bin:/sbin:/bin
 umask 022
 place=/tmp/fwupdate-guard
 
-say() {
-	logger -t fwupdate-guard -p user.notice "$*"
-}
+say() { logger -t fwupdate-guard -p user.notice "$*"; }
 
 # A folder of somebody else's, or a link, is not ours to use.
 make_place() {
@@ -21,9 +19,7 @@ keep() {
 	echo "$2" >$place/new && mv $place/new "$place/$1"
 }
 
-variable() {
-	fw_printenv -n "$1" 2>/dev/null
-}
+variable() { fw_printenv -n "$1" 2>/dev/null; }
 
 # write NAME [VALUE]: fw_setenv may fail in silence, so it is read back.
 write() {
@@ -31,9 +27,7 @@ write() {
 	[ "$(variable "$1")" = "${2-}" ]
 }
 
-is_partition() {
-	grep -q " \"$1\"\$" /proc/mtd
-}
+is_partition() { grep -q " \"$1\"\$" /proc/mtd; }
 
 # word JSON EXPRESSION: what the boot environment can hold as one word; "-" for nothing.
 word() {

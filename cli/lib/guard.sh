@@ -195,11 +195,10 @@ run_confirm() {
 
 run_rollback() {
 	need_guard
-	other=$(variable fwupdate_before) told='' was=''
-	{ read -r told was <$guard_folder/start; } 2>/dev/null
-	[ "$told" != - ] || told=$was
+	other=$(variable fwupdate_before) runs=''
+	{ read -r runs _ <$guard_folder/start; } 2>/dev/null
 	[ -n "$other" ] || fail "$failed" "no update was made that could be taken back."
-	[ "$other" != "$told" ] || fail "$failed" "the firmware of before runs already, from '$told'."
+	[ "$other" != "$runs" ] || fail "$failed" "the firmware of before runs already, from '$runs'."
 	is_whole "$other" || fail "$failed" "there is no whole firmware in '$other'."
 	# shellcheck disable=SC2046 # words
 	set -- $(variable fwupdate_trial)

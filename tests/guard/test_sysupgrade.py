@@ -343,7 +343,7 @@ def test_without_a_build_number_the_image_itself_is_remembered(guard):
 
 def test_what_is_well_before_is_noted(guard):
     assert guard.install(guard.good()) == 0
-    assert guard.variable("fwupdate_trial") == "174200000 r1300 171000000 r1234 -,network.interface.wan -"
+    assert guard.variable("fwupdate_trial") == "174200000 r1300 171000000 r1234 -,network.interface.wan NONE"
 
 
 @pytest.mark.parametrize("wan, noted", [('"up": false', "-"), ('"up": true', "-,network.interface.wan")])
@@ -357,7 +357,7 @@ def test_an_interface_that_is_down_is_not_noted(guard, wan, noted):
 def test_a_server_that_the_daemon_has_just_reached_is_noted(guard):
     guard.must("ubus call fwupdate check")
     assert guard.install(guard.good()) == 0
-    assert guard.variable("fwupdate_trial").split()[5] == "reached"
+    assert guard.variable("fwupdate_trial").split()[5] == "XML_DONE"
 
 
 def test_a_reason_is_gone_with_the_next_image_that_gets_in(guard):

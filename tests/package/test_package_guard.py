@@ -54,7 +54,7 @@ def test_the_service_starts_the_daemon_with_the_guard_in_front(router):
     path = next(line for line in environment if line.startswith("PATH="))
     assert path.split("=")[1].split(":")[0] == "/usr/lib/fwupdate/guard"
     assert router.must("ls /usr/lib/fwupdate/guard") == "sysupgrade"
-    assert router.must("cat /tmp/fwupdate-guard/start") == "firmware2 firmware2"
+    assert router.must("cat /tmp/fwupdate-guard/start") == "firmware2 firmware2 firmware2"
 
 
 def test_without_a_trial_the_second_service_does_not_run(router):
