@@ -6,7 +6,7 @@
 #include "base/bus.h"
 #include "base/records.h"
 #include "daemon/state_method.h"
-#include "daemon/update_job.h"
+#include "daemon/update_method.h"
 #include "discovery/check_method.h"
 #include "fuzz_input.h"
 #include "fuzz_target.h"

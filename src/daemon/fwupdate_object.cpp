@@ -5,7 +5,7 @@
 
 #include "base/bus.h"
 #include "daemon/state_method.h"
-#include "daemon/update_job.h"
+#include "daemon/update_method.h"
 #include "discovery/check_method.h"
 #include "verify/test_method.h"
 

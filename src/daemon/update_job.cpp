@@ -14,7 +14,6 @@
 #include "base/text.h"
 #include "base/update_error.h"
 #include "daemon/update_reply.h"
-#include "discovery/manifest.h"
 #include "firmware/download.h"
 #include "verify/boot_partition.h"
 #include "verify/image.h"
@@ -22,22 +21,10 @@
 namespace fwupdate
 {
 
-const blobmsg_policy update_policy[UPDATE_ARGUMENTS] = {
-	{"force", BLOBMSG_TYPE_STRING},	 {"partition", BLOBMSG_TYPE_STRING},
-	{"timeout", BLOBMSG_TYPE_INT32}, {"attempts", BLOBMSG_TYPE_INT32},
-	{"delay", BLOBMSG_TYPE_INT32},
-};
-
 namespace
 {
 
-// The order of update_policy.
-enum { ARGUMENT_FORCE, ARGUMENT_PARTITION, ARGUMENT_TIMEOUT, ARGUMENT_ATTEMPTS, ARGUMENT_DELAY };
-
-constexpr std::int32_t DEFAULT_TIMEOUT = 30; // seconds
-constexpr std::int32_t DEFAULT_ATTEMPTS = 1;
-constexpr std::int32_t DEFAULT_DELAY = 0; // seconds
-constexpr int RETRY_WAIT = 1000;	  // milliseconds
+constexpr int RETRY_WAIT = 1000; // milliseconds
 
 // Two seconds for the answer to leave the router; the installer then runs on its own.
 constexpr char INSTALL_COMMAND[] = "sleep 2; sysupgrade -F /tmp/fwupdate.bin > /dev/null 2>&1 &";
@@ -72,17 +59,26 @@ bool use_attempt()
 	return job.attempts > 0;
 }
 
-// Starts a worker and watches it. False when none could be started.
-bool start_attempt()
+// Begins an attempt: starts a worker and watches it, or waits when none could be started.
+// False when that was the last attempt.
+bool begin_attempt()
 {
+	job.watch.cb = on_progress;
+	job.timer.cb = on_job_timeout;
+	job.active = true;
 	job.watch.fd = start_download(manifest_text(update_manifest.url),
 				      manifest_text(update_manifest.archive),
 				      manifest_text(update_manifest.file_name), job.timeout);
-	if (job.watch.fd < 0) {
+	if (job.watch.fd >= 0) {
+		uloop_timeout_set(&job.timer, seconds_to_milliseconds(job.timeout));
+		uloop_fd_add(&job.watch, ULOOP_READ);
+		return true;
+	}
+	job.job_result = ERROR_DOWNLOAD;
+	if (!use_attempt()) {
 		return false;
 	}
-	uloop_timeout_set(&job.timer, seconds_to_milliseconds(job.timeout));
-	uloop_fd_add(&job.watch, ULOOP_READ);
+	uloop_timeout_set(&job.timer, RETRY_WAIT);
 	return true;
 }
 
@@ -113,16 +109,7 @@ void restart_download()
 {
 	std::remove(DOWNLOADED_IMAGE);
 	job.delay = 0;
-	job.watch.cb = on_progress;
-	job.timer.cb = on_job_timeout;
-	job.active = true;
-	if (start_attempt()) {
-		return;
-	}
-	job.job_result = ERROR_DOWNLOAD;
-	if (use_attempt()) {
-		uloop_timeout_set(&job.timer, RETRY_WAIT);
-	} else {
+	if (!begin_attempt()) {
 		finish_job();
 	}
 }
@@ -141,50 +128,36 @@ void retry_or_finish(std::int32_t result)
 
 void begin_delay()
 {
+	use_attempt();
 	job.timer.cb = on_install;
 	job.install = true;
 	update_context.state = UpdateState::WAIT_DELAY;
 	uloop_timeout_set(&job.timer, seconds_to_milliseconds(job.delay));
 }
 
-void refuse_image(int code)
-{
-	log_message("%s [%d]", image_check_text(code), code);
-	retry_or_finish(ERROR_IMAGE);
-}
-
-// A boot partition that cannot be recorded stops only a job that has failed
-// before: the image itself is good, and the first attempt is installed all the same.
-void boot_partition_failed()
-{
-	update_context.result = ERROR_WRITE;
-	log_message("Can't set boot partition via fw_setenv");
-	const bool attempts_left = use_attempt();
-	if (job.job_result == NO_ERROR) {
-		begin_delay();
-	} else if (attempts_left) {
-		restart_download();
-	} else {
-		finish_job();
-	}
-}
-
+// A boot partition that cannot be recorded stops only a job that has failed before: the
+// image itself is good, and the first attempt is installed all the same.
 void verify_download()
 {
 	end_attempt();
 	const int code = verify_image(DOWNLOADED_IMAGE);
 	if (code < 0) {
-		refuse_image(code);
+		log_message("%s [%d]", image_check_text(code), code);
+		retry_or_finish(ERROR_IMAGE);
 		return;
 	}
 	update_context.state = UpdateState::FIRMWARE_UPDATE;
-	if (set_boot_partition(update_context.boot_partition) == 0) {
-		boot_partition_failed();
-		return;
+	if (set_boot_partition(update_context.boot_partition) != 0) {
+		job.job_result = NO_ERROR;
+	} else {
+		update_context.result = ERROR_WRITE;
+		log_message("Can't set boot partition via fw_setenv");
 	}
-	job.job_result = NO_ERROR;
-	use_attempt();
-	begin_delay();
+	if (job.job_result == NO_ERROR) {
+		begin_delay();
+	} else {
+		retry_or_finish(job.job_result);
+	}
 }
 
 // A size that was never announced is 0: such a download is never whole.
@@ -208,84 +181,21 @@ bool read_progress()
 	return true;
 }
 
-std::int32_t number_or(blob_attr *value, std::int32_t fallback)
-{
-	return value != nullptr ? static_cast<std::int32_t>(blobmsg_get_u32(value)) : fallback;
-}
-
-bool is_forced(blob_attr *value)
-{
-	return value != nullptr && parse_decimal(blobmsg_get_string(value)) == 1;
-}
-
-// What query_update_server returned, by the query that stands or a new one.
-int latest_query_result()
-{
-	if (update_context.state != UpdateState::XML_DONE) {
-		update_context.need_update = query_update_server();
-	}
-	return update_context.need_update;
-}
-
-int answer_now(ubus_request_data *request, bool force, UpdateError result)
-{
-	update_context.result = result;
-	reply_update_result(request, force);
-	return UBUS_STATUS_OK;
-}
-
-void begin_job(blob_attr *const (&arguments)[UPDATE_ARGUMENTS], bool force)
-{
-	clear_job();
-	job.delay = number_or(arguments[ARGUMENT_DELAY], DEFAULT_DELAY);
-	job.watch.cb = on_progress;
-	job.timer.cb = on_job_timeout;
-	job.attempts = number_or(arguments[ARGUMENT_ATTEMPTS], DEFAULT_ATTEMPTS);
-	job.force = force;
-	job.timeout = number_or(arguments[ARGUMENT_TIMEOUT], DEFAULT_TIMEOUT);
-	job.active = true;
-}
-
 } // namespace
 
-int handle_update(ubus_context * /*connection*/, ubus_object * /*object*/,
-		  ubus_request_data *request, const char * /*method*/, blob_attr *message)
+bool start_job(ubus_request_data *request, const UpdateArguments &arguments)
 {
-	blob_attr *arguments[UPDATE_ARGUMENTS];
-
-	update_context.result = NO_ERROR;
-	update_context.message[0] = '\0';
-	parse_arguments(update_policy, arguments, message);
-
-	const bool force = is_forced(arguments[ARGUMENT_FORCE]);
-	// Taken before anything is decided: it counts for a running job as well.
-	if (!choose_boot_partition(text_or_null(arguments[ARGUMENT_PARTITION]))) {
-		return UBUS_STATUS_INVALID_ARGUMENT;
-	}
-
-	const int offer = latest_query_result();
-	if (offer < 0) {
-		return answer_now(request, force, ERROR_CHECK);
-	}
-	if (offer != 1 && !force) {
-		return answer_now(request, force, NO_ERROR);
-	}
-	if (job.active) {
-		return answer_now(request, force, ERROR_ALREADY_UPDATING);
-	}
-
-	begin_job(arguments, force);
-	if (!start_attempt()) {
-		job.job_result = ERROR_DOWNLOAD;
-		if (!use_attempt()) {
-			// The job stays active: see the header.
-			return answer_now(request, force, ERROR_DOWNLOAD);
-		}
-		uloop_timeout_set(&job.timer, RETRY_WAIT);
+	clear_job();
+	job.timeout = arguments.timeout;
+	job.attempts = arguments.attempts;
+	job.delay = arguments.delay;
+	job.force = arguments.force;
+	if (!begin_attempt()) {
+		return false;
 	}
 	ubus_defer_request(bus_connection, request, &job.request);
 	job.generation = bus_generation;
-	return UBUS_STATUS_OK;
+	return true;
 }
 
 void on_job_timeout(uloop_timeout * /*timer*/)
@@ -310,7 +220,7 @@ void on_progress(uloop_fd *watch, unsigned int events)
 		verify_download();
 		return;
 	}
-	// What an earlier attempt came to stays.
+	// When an earlier attempt has failed, its result stands.
 	retry_or_finish(job.job_result == NO_ERROR ? ERROR_DOWNLOAD : job.job_result);
 }
 

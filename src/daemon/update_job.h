@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: ISC
 //
-// The bus method `update` and the job that it starts. One timer and one watch on
-// the download worker's progress pipe carry the job through the event loop; its
-// fields are update_context.job, which nothing else writes.
+// The job that an `update` request starts. One timer and one watch on the download
+// worker's progress pipe carry it through the event loop; its fields are
+// update_context.job, which nothing else writes.
 //
 //   phase        event                                    next
 //   idle         update is due, the start succeeds        downloading
 //   idle         update is due, the start fails           retry wait, or stuck
-//   not idle     update                                   the same; refused
+//   not idle     update                                   the same; answers at once
 //   downloading  record                                   downloading
 //   downloading  record of a failure                      again
 //   downloading  time-out                                 again
@@ -32,24 +32,26 @@
 // `check` and `test` may run meanwhile; the job never looks at the daemon's state.
 #pragma once
 
-#include <cstddef>
+#include <cstdint>
 
 #include "base/bus_and_loop.h"
 
 namespace fwupdate
 {
 
-inline constexpr std::size_t UPDATE_ARGUMENTS = 5;
-extern const blobmsg_policy update_policy[UPDATE_ARGUMENTS];
+// What an `update` request asks for.
+struct UpdateArguments {
+	const char *partition; // to be recorded; null: none was named. Lives as the request does
+	std::int32_t timeout;  // seconds that one download attempt may take
+	std::int32_t attempts;
+	std::int32_t delay; // seconds between a good check and the installation
+	bool force;	    // install whatever the server says
+};
 
-// The bus method. Arguments: `force` (the number 1 as text installs whatever the
-// server says), `partition` (1 to 31 characters), `timeout` (seconds of one
-// download attempt, 30), `attempts` (1), `delay` (seconds before the installation,
-// 0). Asks the server unless the last query still stands; answers at once when
-// there is nothing to do, and otherwise when the job has ended. Returns 0, or
-// UBUS_STATUS_INVALID_ARGUMENT without an answer for a bad partition.
-int handle_update(ubus_context *connection, ubus_object *object, ubus_request_data *request,
-		  const char *method, blob_attr *message);
+// Starts the job for an update that is due, while none is active. The request is deferred:
+// it is answered when the job has ended. False, with the request as it was, when the start
+// failed and no attempt is left.
+bool start_job(ubus_request_data *request, const UpdateArguments &arguments);
 
 // Loop callback: an attempt took longer than `timeout`, or the wait before a
 // retry is over.

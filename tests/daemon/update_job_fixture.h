@@ -13,6 +13,7 @@
 #include "base/records.h"
 #include "base/update_error.h"
 #include "daemon/update_job.h"
+#include "daemon/update_method.h"
 #include "support/fixture.h"
 
 namespace router_test

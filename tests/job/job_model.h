@@ -59,7 +59,7 @@ enum Row {
 inline constexpr std::array<const char *, ROWS> row_texts = {
 	"idle         update is due, the start succeeds        downloading",
 	"idle         update is due, the start fails           retry wait, or stuck",
-	"not idle     update                                   the same; refused",
+	"not idle     update                                   the same; answers at once",
 	"downloading  record                                   downloading",
 	"downloading  record of a failure                      again",
 	"downloading  time-out                                 again",

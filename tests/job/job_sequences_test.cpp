@@ -18,6 +18,7 @@
 #include "base/records.h"
 #include "daemon/state_method.h"
 #include "daemon/update_job.h"
+#include "daemon/update_method.h"
 #include "discovery/manifest.h"
 #include "job_choices.h"
 #include "job_world.h"
