@@ -42,6 +42,8 @@ NOT_RUN = {
         "rclone copy /srv/update/model-x/stable store:updates/model-x/stable --include '/releases/**'",
         "rclone copyto /srv/update/model-x/stable/update.xml store:updates/model-x/stable/update.xml",
         "fwupdate-publish --verify https://updates.example.com/model-x/stable/update.xml \\"],
+    "it makes a key, and puts it into a build tree": [
+        "usign -G -p maker.pub -s maker.sec", "cp maker.pub files/etc/fwupdate/keys/$(usign -F -p maker.pub)"],
     "it needs a real router": ["sysupgrade -b /tmp/backup.tar.gz"],
     "it needs the router system's build tree": [
         'echo "src-link fwupdate /path/to/the/clone/package" >>feeds.conf',
