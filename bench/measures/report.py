@@ -13,7 +13,7 @@ TITLES = {
     "size": "Size on flash", "memory": "Resident memory", "start": "Start",
     "state": "`state`, idle", "state-download": "`state` during a download",
     "check": "`check`", "download": "Download", "verify": "Image check",
-    "update": "A whole update", "waiting": "Waiting",
+    "update": "A whole update", "guard": "The guard", "waiting": "Waiting",
 }
 # The one cost that does not grow in a straight line, and what its lines are called.
 PLOT = "Throughput by image size"

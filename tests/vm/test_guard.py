@@ -6,12 +6,15 @@ import os
 import pathlib
 import random
 import shutil
+import struct
 import time
+import zlib
 
 import machine
 import pytest
 from conftest import offer
-from flash import environment_part, read_environment, set_variable, wait_until
+from flash import (ENVIRONMENT, ENVIRONMENT_SIZE, HEADER, PARTITIONS, environment_part, logged_writes,
+                   read_environment, set_variable)
 from signed_images import METADATA, SIGNATURE, Key, chunk, metadata, signed, with_metadata
 from steps import begin_update, facts, update
 
@@ -31,7 +34,8 @@ def guarded(tmp_path):
         server = offer(tmp_path / "server", image)
         if not switch_on.flash.exists():
             shutil.copyfile(WORK / "guarded-flash", switch_on.flash)
-        machines.append(machine.Machine(tmp_path, switch_on.flash, server))
+        (tmp_path / "writes").touch()
+        machines.append(machine.Machine(tmp_path, switch_on.flash, server, write_log=tmp_path / "writes"))
         if wait:
             machines[-1].wait_up()
         return machines[-1]
@@ -65,9 +69,70 @@ def await_outcome(router):
     raise AssertionError("the trial has no end")
 
 
+# --- What a power cut would have left, at every moment of a test that is over
+
+def whole(flash, partition):
+    place = PARTITIONS[partition]
+    header = bytes(flash[place:place + 64])
+    fields = list(struct.unpack(HEADER, header))
+    if fields[0] != 0x27051956 or fields[3] > 0x1800000:
+        return False
+    checksum, fields[1] = fields[1], 0
+    return zlib.crc32(struct.pack(HEADER, *fields)) == checksum and \
+        zlib.crc32(flash[place + 64:place + 64 + fields[3]]) == fields[6]
+
+
+def chosen(variables, is_whole):
+    """The partition that the boot loader starts, or None."""
+    wanted = variables["bootpart"]
+    if variables.get("upgrade_available") == "1" and \
+            int(variables.get("bootcount") or 0) + 1 > int(variables["bootlimit"]):
+        wanted = variables["fwupdate_before"]
+    other = "firmware" if wanted == "firmware2" else "firmware2"
+    return next((name for name in (wanted, other) if is_whole[name]), None)
+
+
+def check_every_moment(log, folder, end):
+    """Replays what was written to the flash. In the environment each write counts, and half of
+    it; of the writes into the partitions 40 by chance."""
+    flash = bytearray((WORK / "guarded-flash").read_bytes())
+    writes = list(logged_writes(log))
+    seed = int(os.environ.get("FWUPDATE_VM_SEED", time.time()))
+    of_partitions = [number for number, (place, _) in enumerate(writes) if place >= PARTITIONS["firmware"]]
+    print(f"FWUPDATE_VM_SEED={seed}")
+    looked_at = set(random.Random(seed).sample(of_partitions, 40)) | {of_partitions[-1]}
+    is_whole = {name: whole(flash, name) for name in PARTITIONS}
+    touched, moments, before = False, 0, None
+    for number, (place, data) in enumerate(writes):
+        in_environment = ENVIRONMENT <= place < ENVIRONMENT + ENVIRONMENT_SIZE
+        for size in (len(data) // 2, len(data)):
+            flash[place:place + size] = data[:size]
+            touched = touched or not in_environment
+            if not in_environment and number not in looked_at:
+                continue
+            if touched:
+                is_whole["firmware2"] = whole(flash, "firmware2")
+                touched = not in_environment
+            variables = read_environment(bytes(flash[ENVIRONMENT:ENVIRONMENT + ENVIRONMENT_SIZE]), folder)
+            assert variables is not None, f"the environment is lost at write {number}"
+            moments += 1
+            starts = chosen(variables, is_whole)
+            outcome = variables.get("fwupdate_outcome", "")
+            # The old firmware is never lost, and the new one starts on trial or confirmed only.
+            assert is_whole["firmware"] and starts
+            if starts == "firmware2" and variables.get("fwupdate_trial"):
+                on_trial = variables["upgrade_available"] == "1" and variables["fwupdate_before"] == "firmware"
+                assert on_trial or outcome.startswith("confirmed"), (number, variables)
+            if variables.get("upgrade_available") == "0" and outcome.startswith("taken-back"):
+                assert starts == "firmware"
+            before = starts
+    assert moments > 200 and before == end
+    print(f"{moments} moments, {len(writes)} writes")
+
+
 # --- Let in
 
-def test_signed_firmware_is_installed_and_confirmed(guarded):
+def test_signed_firmware_is_installed_and_confirmed(guarded, tmp_path):
     router = guarded()
     assert update(router, "firmware2")["error_code"] == "0"
     router.wait_up()
@@ -76,6 +141,8 @@ def test_signed_firmware_is_installed_and_confirmed(guarded):
     assert await_outcome(router) == "confirmed 174200000 r1300"
     print(f"confirmed {time.monotonic() - begin:.0f} s after the new firmware was up")
     assert "confirmed" in router.output("fwupdate-cli result || :")
+    router.quit()
+    check_every_moment(tmp_path / "writes", tmp_path, "firmware2")
 
 
 def test_single_firmware_router_is_told_that_there_is_no_way_back(guarded):
@@ -192,7 +259,7 @@ def test_an_attacker_without_the_key_installs_nothing(guarded):
     ("bad-server", "taken-back 174200000 30-server r1300"),
     ("bad-confirm", "taken-back 174200000 confirm r1300"),
 ])
-def test_firmware_that_does_not_work_goes_out_again(guarded, image, came):
+def test_firmware_that_does_not_work_goes_out_again(guarded, tmp_path, image, came):
     router = guarded(WORK / f"{image}.bin")
     assert update(router, "firmware2")["error_code"] == "0"
     begin = time.monotonic()
@@ -217,6 +284,8 @@ def test_firmware_that_does_not_work_goes_out_again(guarded, image, came):
     router.output("until [ -e /tmp/fwupdate-guard/refused ]; do usleep 100000; done")
     assert "build 174200000 was taken back before" in router.output("fwupdate-cli status")
     assert facts(router) == OLD
+    router.quit()
+    check_every_moment(tmp_path / "writes", tmp_path, "firmware")
 
 
 def test_server_that_was_away_before_too_is_no_reason(guarded):
