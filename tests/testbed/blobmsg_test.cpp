@@ -119,28 +119,6 @@ TEST(Blobmsg, TheFirstAttributeOfTheNameAndTypeWins)
 	EXPECT_EQ(tb[4], nullptr);
 }
 
-TEST(Blobmsg, ArraysAreParsedByPosition)
-{
-	static const blobmsg_policy policy[] = {
-		{nullptr, BLOBMSG_TYPE_STRING},
-		{nullptr, BLOBMSG_TYPE_UNSPEC},
-		{nullptr, BLOBMSG_TYPE_INT32},
-	};
-	blob_attr *tb[3];
-	Buffer b;
-
-	blobmsg_add_u32(&b, nullptr, 1);
-	blobmsg_add_string(&b, nullptr, "first");
-	blobmsg_add_u32(&b, nullptr, 2);
-	ASSERT_EQ(blobmsg_parse_array(policy, 3, tb, blob_data(b.head),
-				      static_cast<unsigned>(blob_len(b.head))),
-		  0);
-	EXPECT_STREQ(blobmsg_get_string(tb[0]), "first");
-	ASSERT_NE(tb[1], nullptr);
-	EXPECT_EQ(blobmsg_get_u32(tb[1]), 2u);
-	EXPECT_EQ(tb[2], nullptr);
-}
-
 TEST(Blobmsg, NothingIsNoMessage)
 {
 	static const blobmsg_policy policy[] = {{"a", BLOBMSG_TYPE_STRING}};
@@ -150,7 +128,6 @@ TEST(Blobmsg, NothingIsNoMessage)
 	EXPECT_EQ(blobmsg_parse(policy, 1, tb, nullptr, 0), -EINVAL);
 	EXPECT_EQ(tb[0], nullptr);
 	EXPECT_EQ(blobmsg_parse(policy, 1, tb, none, 0), -EINVAL);
-	EXPECT_EQ(blobmsg_parse_array(policy, 1, tb, nullptr, 0), 0);
 }
 
 TEST(Blobmsg, NamesOfEveryLengthArePadded)

@@ -146,18 +146,6 @@ struct blob_attr *blob_put(struct blob_buf *buf, int id, const void *ptr, unsign
 	return attr;
 }
 
-struct blob_attr *blob_put_raw(struct blob_buf *buf, const void *ptr, unsigned int len)
-{
-	struct blob_attr *attr;
-
-	if (!ptr || len < sizeof(struct blob_attr))
-		return NULL;
-	attr = append(buf, len);
-	if (attr)
-		memcpy(attr, ptr, len);
-	return attr;
-}
-
 void *blob_nest_enter(struct blob_buf *buf, struct blob_attr *attr, size_t outer_offset)
 {
 	buf->head = attr;

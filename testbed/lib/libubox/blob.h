@@ -107,14 +107,6 @@ static inline uint8_t blob_get_u8(const struct blob_attr *attr)
 	return (uint8_t)attr->data[0];
 }
 
-static inline uint16_t blob_get_u16(const struct blob_attr *attr)
-{
-	uint16_t value;
-
-	memcpy(&value, attr->data, sizeof(value));
-	return be16_to_cpu(value);
-}
-
 static inline uint32_t blob_get_u32(const struct blob_attr *attr)
 {
 	uint32_t value;
@@ -129,16 +121,6 @@ static inline uint64_t blob_get_u64(const struct blob_attr *attr)
 
 	memcpy(&value, attr->data, sizeof(value));
 	return be64_to_cpu(value);
-}
-
-static inline int8_t blob_get_int8(const struct blob_attr *attr)
-{
-	return (int8_t)blob_get_u8(attr);
-}
-
-static inline int16_t blob_get_int16(const struct blob_attr *attr)
-{
-	return (int16_t)blob_get_u16(attr);
 }
 
 static inline int32_t blob_get_int32(const struct blob_attr *attr)
@@ -158,12 +140,6 @@ static inline const char *blob_get_string(const struct blob_attr *attr)
 
 void blob_set_raw_len(struct blob_attr *attr, unsigned int len);
 
-// Same head and payload; two NULLs are equal.
-bool blob_attr_equal(const struct blob_attr *a1, const struct blob_attr *a2);
-
-// A copy of its own, padding included, for free(); NULL without memory.
-struct blob_attr *blob_memdup(const struct blob_attr *attr);
-
 // Empties the buffer, whose memory is used again, and starts the outermost attribute.
 // Returns 0, or -1 without memory.
 int blob_buf_init(struct blob_buf *buf, int id);
@@ -177,10 +153,6 @@ bool blob_buf_grow(struct blob_buf *buf, int required);
 // or NULL, the buffer unchanged, when blob_buf_grow fails.
 struct blob_attr *blob_new(struct blob_buf *buf, int id, int payload);
 struct blob_attr *blob_put(struct blob_buf *buf, int id, const void *ptr, unsigned int len);
-
-// Appends finished attributes, `len` bytes in all; NULL also when that is less than a
-// head. Returns the first.
-struct blob_attr *blob_put_raw(struct blob_buf *buf, const void *ptr, unsigned int len);
 
 // Opens an attribute that takes what is appended until blob_nest_end gets the cookie.
 // Nests close in the reverse order. NULL when there is no room, which blob_nest_end
@@ -205,17 +177,6 @@ static inline struct blob_attr *blob_put_string(struct blob_buf *buf, int id, co
 	return blob_put(buf, id, str, (unsigned int)strlen(str) + 1);
 }
 
-static inline struct blob_attr *blob_put_u8(struct blob_buf *buf, int id, uint8_t val)
-{
-	return blob_put(buf, id, &val, sizeof(val));
-}
-
-static inline struct blob_attr *blob_put_u16(struct blob_buf *buf, int id, uint16_t val)
-{
-	val = cpu_to_be16(val);
-	return blob_put(buf, id, &val, sizeof(val));
-}
-
 static inline struct blob_attr *blob_put_u32(struct blob_buf *buf, int id, uint32_t val)
 {
 	val = cpu_to_be32(val);
@@ -227,11 +188,6 @@ static inline struct blob_attr *blob_put_u64(struct blob_buf *buf, int id, uint6
 	val = cpu_to_be64(val);
 	return blob_put(buf, id, &val, sizeof(val));
 }
-
-#define blob_put_int8 blob_put_u8
-#define blob_put_int16 blob_put_u16
-#define blob_put_int32 blob_put_u32
-#define blob_put_int64 blob_put_u64
 
 // Walks `rem` bytes of attributes from `attr` on, and stops at the first that does
 // not fit into what is left.

@@ -3,28 +3,6 @@
 
 #include "blob.h"
 
-bool blob_attr_equal(const struct blob_attr *a1, const struct blob_attr *a2)
-{
-	if (!a1 || !a2)
-		return a1 == a2;
-	if (a1->id_len != a2->id_len)
-		return false;
-	return memcmp(a1->data, a2->data, blob_len(a1)) == 0;
-}
-
-struct blob_attr *blob_memdup(const struct blob_attr *attr)
-{
-	const size_t len = blob_pad_len(attr);
-	struct blob_attr *copy;
-
-	if (blob_raw_len(attr) < sizeof(struct blob_attr))
-		return NULL;
-	copy = malloc(len);
-	if (copy)
-		memcpy(copy, attr, len);
-	return copy;
-}
-
 bool blob_check_type(const void *ptr, unsigned int len, int type)
 {
 	const char *bytes = ptr;

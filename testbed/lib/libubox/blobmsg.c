@@ -111,27 +111,6 @@ int blobmsg_parse(const struct blobmsg_policy *policy, int policy_len, struct bl
 	return parse_result(attr, rem);
 }
 
-int blobmsg_parse_array(const struct blobmsg_policy *policy, int policy_len, struct blob_attr **tb,
-			void *data, unsigned int len)
-{
-	struct blob_attr *attr;
-	size_t rem = len;
-	int i = 0;
-
-	clear_table(tb, policy_len);
-	if (!data)
-		return 0;
-	__blob_for_each_attr(attr, data, rem)
-	{
-		if (i >= policy_len || !type_matches(&policy[i], attr))
-			continue;
-		if (!blobmsg_check_attr_len(attr, false, rem))
-			return -1;
-		tb[i++] = attr;
-	}
-	return parse_result(attr, rem);
-}
-
 // Appends the attribute up to and including its name, with `len` bytes for the value.
 static struct blob_attr *append_named(struct blob_buf *buf, int type, const char *name,
 				      unsigned int len)

@@ -100,12 +100,6 @@ bool blobmsg_check_attr(const struct blob_attr *attr, bool name);
 int blobmsg_parse(const struct blobmsg_policy *policy, int policy_len, struct blob_attr **tb,
 		  void *data, unsigned int len);
 
-// The same by position: tb[0] is the first element of policy[0]'s type, tb[1] the next
-// of policy[1]'s, and so on. Elements of other types are not looked into, and no data
-// is an empty array.
-int blobmsg_parse_array(const struct blobmsg_policy *policy, int policy_len, struct blob_attr **tb,
-			void *data, unsigned int len);
-
 // Everything that adds returns 0, or -1 without room, the buffer unchanged. A NULL name
 // is the empty one, as elements of arrays have it. `data` is in wire format.
 int blobmsg_add_field(struct blob_buf *buf, int type, const char *name, const void *data,

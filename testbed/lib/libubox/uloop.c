@@ -60,7 +60,7 @@ void uloop_done(void)
 	uloop_restore_signals();
 	close_descriptors();
 	uloop_drop_timers();
-	uloop_drop_processes();
+	uloop_forget_children();
 	fetched_count = 0;
 	fetched_next = 0;
 }

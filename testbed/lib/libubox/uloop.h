@@ -15,7 +15,6 @@
 
 struct uloop_fd;
 struct uloop_timeout;
-struct uloop_process;
 
 // `events` holds ULOOP_READ and ULOOP_WRITE as far as they are possible now; it is
 // 0 when the call only reports `eof` or `error`. The callback may delete any
@@ -27,7 +26,6 @@ typedef void (*uloop_timeout_handler)(struct uloop_timeout *t);
 
 // `ret` is the child's status as waitpid() reports it. The record is out of the
 // loop already.
-typedef void (*uloop_process_handler)(struct uloop_process *c, int ret);
 
 #define ULOOP_READ (1 << 0)
 #define ULOOP_WRITE (1 << 1)
@@ -48,13 +46,6 @@ struct uloop_timeout {
 	bool pending; // the loop's; must start as false
 	uloop_timeout_handler cb;
 	struct timeval time; // the loop's: when it fires, on the monotonic clock
-};
-
-struct uloop_process {
-	struct list_head list;
-	bool pending; // the loop's; must start as false
-	uloop_process_handler cb;
-	pid_t pid;
 };
 
 // Set by uloop_end() and by SIGINT and SIGTERM: the loop ends after the callback that
@@ -88,13 +79,6 @@ int64_t uloop_timeout_remaining64(struct uloop_timeout *timeout);
 
 // Milliseconds until the first timer, 0 when it is due, -1 when there is none.
 int uloop_get_next_timeout(void);
-
-// Announces a child of this process. Several records may wait for one child. Returns -1
-// when the record is registered already.
-int uloop_process_add(struct uloop_process *p);
-
-// Forgets the child, which is still collected. Returns -1 when it is not registered.
-int uloop_process_delete(struct uloop_process *p);
 
 static inline void uloop_end(void)
 {

@@ -19,7 +19,6 @@ void uloop_restore_signals(void);
 int uloop_ending_signal(void);
 void uloop_forget_ending_signal(void);
 
-// After a SIGCHLD, collects every child that has exited, announced or not, and runs the
-// callbacks of the announced ones.
+// After a SIGCHLD, collects every child that has exited.
 void uloop_collect_children(void);
-void uloop_drop_processes(void);
+void uloop_forget_children(void);

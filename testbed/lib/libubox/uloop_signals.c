@@ -26,8 +26,6 @@ static struct loop_signal signals[] = {
 static volatile sig_atomic_t ending_signal;
 static volatile sig_atomic_t child_exited;
 
-static LIST_HEAD(processes);
-
 static void on_ending_signal(int number)
 {
 	ending_signal = number;
@@ -77,63 +75,19 @@ void uloop_restore_signals(void)
 	}
 }
 
-int uloop_process_add(struct uloop_process *p)
+void uloop_forget_children(void)
 {
-	if (p->pending)
-		return -1;
-	list_add_tail(&p->list, &processes);
-	p->pending = true;
-	return 0;
-}
-
-int uloop_process_delete(struct uloop_process *p)
-{
-	if (!p->pending)
-		return -1;
-	list_del(&p->list);
-	p->pending = false;
-	return 0;
-}
-
-// The callbacks may delete, and announce, any other record.
-static void report_exit(pid_t pid, int status)
-{
-	LIST_HEAD(ended);
-	struct uloop_process *p;
-	struct uloop_process *following;
-
-	list_for_each_entry_safe(p, following, &processes, list)
-	{
-		if (p->pid != pid)
-			continue;
-		list_del(&p->list);
-		list_add_tail(&p->list, &ended);
-	}
-	while (!list_empty(&ended)) {
-		p = list_first_entry(&ended, struct uloop_process, list);
-		uloop_process_delete(p);
-		p->cb(p, status);
-	}
+	child_exited = 0;
 }
 
 void uloop_collect_children(void)
 {
-	int status;
 	pid_t pid;
 
 	if (!child_exited)
 		return;
 	child_exited = 0;
 	do {
-		pid = waitpid(-1, &status, WNOHANG);
-		if (pid > 0)
-			report_exit(pid, status);
+		pid = waitpid(-1, NULL, WNOHANG);
 	} while (pid > 0 || (pid < 0 && errno == EINTR));
-}
-
-void uloop_drop_processes(void)
-{
-	while (!list_empty(&processes))
-		uloop_process_delete(list_first_entry(&processes, struct uloop_process, list));
-	child_exited = 0;
 }

@@ -188,7 +188,6 @@ static inline void ubus_handle_event(struct ubus_context *ctx)
 // Puts an object on the bus, and takes it off again. UBUS_STATUS_INVALID_ARGUMENT:
 // its path is taken. Both wait for the broker.
 int ubus_add_object(struct ubus_context *ctx, struct ubus_object *obj);
-int ubus_remove_object(struct ubus_context *ctx, struct ubus_object *obj);
 
 // Calls `cb` for each object of that path, in path order. A trailing `*`
 // stands for anything, NULL for every object. UBUS_STATUS_NOT_FOUND: there is none.
@@ -257,11 +256,6 @@ int ubus_send_event(struct ubus_context *ctx, const char *id, struct blob_attr *
 // May be called again on the same handler to add a pattern.
 int ubus_register_event_handler(struct ubus_context *ctx, struct ubus_event_handler *ev,
 				const char *pattern);
-static inline int ubus_unregister_event_handler(struct ubus_context *ctx,
-						struct ubus_event_handler *ev)
-{
-	return ubus_remove_object(ctx, &ev->obj);
-}
 
 #ifdef __cplusplus
 }

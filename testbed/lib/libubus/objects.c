@@ -88,27 +88,6 @@ void ubus_add_objects_again(struct ubus_context *ctx)
 	}
 }
 
-int ubus_remove_object(struct ubus_context *ctx, struct ubus_object *obj)
-{
-	struct blob_buf buf = {0};
-	struct ubus_request req;
-	int status;
-
-	blob_buf_init(&buf, 0);
-	blob_put_u32(&buf, UBUS_ATTR_OBJID, obj->id);
-	status = ubus_start_request(ctx, &req, &buf, UBUS_MSG_REMOVE_OBJECT, 0);
-	if (!status)
-		status = ubus_complete_request(ctx, &req, 0);
-	if (status)
-		return status;
-	obj->id = 0;
-	if (obj->type)
-		obj->type->id = 0;
-	list_del_init(&obj->avl.list);
-	ctx->objects.count--;
-	return UBUS_STATUS_OK;
-}
-
 struct lookup {
 	ubus_lookup_handler_t cb;
 	void *priv;
