@@ -16,9 +16,13 @@ WITH_COMMANDS = [d for d in DOCUMENTS if "```console" in d.read_text()]
 # What no test of the documents runs, and why. Every "not run" stands here, and no more.
 NOT_RUN = {
     "it runs this test, or has run before any test can": [
-        "./test.sh", "cmake --preset release && cmake --build --preset release"],
+        "./test.sh", "./test.sh --all", "cmake --preset release && cmake --build --preset release",
+        "cmake --preset debug && cmake --build --preset debug", "cmake --workflow --preset debug"],
+    "it needs a container program": [
+        'docker run --rm -it --privileged -v "$PWD":/fwupdate -w /fwupdate debian:12 ./test.sh'],
     "it is a test run of its own, or takes many minutes": [
         "./test.sh --vm", "./test.sh --mutants 40 --seed 7", "tests/mutate --count 10 --files 'src/verify/*' --jobs 2",
+        "tests/mutate --count 10 --of python",
         "bench/run --write", "bench/router-curl", "bench/soak", "bench/soak 300", "bench/load",
         "fuzz/run mtd", "fuzz/run mtd 3600", "fuzz/run --all 60"],
     "it installs packages that the tests do without": [
@@ -73,6 +77,18 @@ def test_commands_stand_nowhere_but_in_console_blocks(path):
 def test_commands_that_are_not_run_are_known():
     not_run = {command for path in WITH_COMMANDS for command, _ in console.read(path).not_run}
     assert not_run == {command for commands in NOT_RUN.values() for command in commands}
+
+
+def test_what_is_run_stands_in_the_one_list():
+    """./test.sh --help lists all that can be run: every option that a document or the automatic run uses."""
+    help_text = subprocess.run(["./test.sh", "--help"], cwd=console.project, capture_output=True, text=True,
+                               check=True).stdout
+    uses = [*DOCUMENTS, console.project / ".ci/run"]
+    lines = [line for path in uses if path.name != "CHANGELOG.md"
+             for line in re.findall(r"\./test\.sh((?: --?[a-z-]+[^-`\n]*)+)", path.read_text())]
+    used = {option for line in lines for option in re.findall(r"--[a-z-]+", line)}
+    assert {"--all", "--second-try", "--mutants"} <= used
+    assert [option for option in sorted(used) if option not in help_text] == []
 
 
 def test_readme_has_commands_and_less_than_120_lines():
