@@ -301,7 +301,8 @@ arch)
 	! grep -q "^$arch " bench/size-budget || plan+=("size $arch = bench/size --check $arch")
 	;;
 mutants)
-	plan+=("mutants = test_mutants --count $mutants ${mutate[*]}")
+	plan+=("build release = build release fwupdate ubusd ubus jsonfilter fwtool routerd router_tests"
+		"mutants = test_mutants --count $mutants ${mutate[*]}")
 	;;
 esac
 
