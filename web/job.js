@@ -319,8 +319,11 @@ function onFile(model, { path, at }, effects) {
 function onTest(model, { reply }) {
 	const code = oneLine(field(table(reply.data).answer, "check_code"));
 	const result = say(/^(0|-[2-79])$/.test(code) ? `file${code}` : "fileOther", { code });
-	const file = code ? say("fileResult", { ...model.file?.values, result }) : say(faultOf(reply), reply);
-	return { ...model, busy: "", file };
+	const { status, message } = table(reply.data);
+	if (code)
+		return { ...model, busy: "", file: say("fileResult", { ...model.file?.values, result }) };
+	const words = [1, 2].includes(status) && oneLine(message);
+	return { ...model, busy: "", file: words ? say("daemonSays", { message: words }) : say(faultOf(reply), reply) };
 }
 
 // --- The start, and the end

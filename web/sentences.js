@@ -90,7 +90,7 @@ const check = (name) => (Object.hasOwn(CHECKS, name) ? say(CHECKS[name]) : name)
 function versions({ board, offer, checked, mayUpdate, plugin, findings, file, question, busy, facts, links }) {
 	const act = mayUpdate && plugin;
 	return {
-		verdict: checked && !busy ? verdict(checked, offer, board) : say(busy || facts.daemon ? "checking" : "noDaemon"),
+		verdict: !plugin ? say("noPlugin") : checked && !busy ? verdict(checked, offer, board) : say(busy || facts.daemon ? "checking" : "noDaemon"),
 		"checked-at": checked && say("checkedAt", checked),
 		findings: findings?.map((finding) => say("finding", finding)),
 		"here-version": board.version || "?",
@@ -100,12 +100,12 @@ function versions({ board, offer, checked, mayUpdate, plugin, findings, file, qu
 		"offer-build": offer ? offer.build || "?" : "–",
 		"notes-part": Boolean(offer?.notes),
 		notes: offer?.notes,
-		check: mayUpdate,
+		check: act,
 		update: act && offer?.due,
 		"anyway-part": act && offer && !offer.due,
 		"file-part": act,
 		"file-result": file,
-		"read-only": plugin ? !mayUpdate && say("readOnly") : say("noPlugin"),
+		"read-only": plugin && !mayUpdate && say("readOnly"),
 		backup: links.backup,
 		"question-text": question && offer && say("questionText", { new: offer.version, old: board.version }),
 	};

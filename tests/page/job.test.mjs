@@ -200,6 +200,13 @@ for (const [code, wanted] of Object.entries({
 		assert.equal(shown(events, scene("up-to-date"))["file-result"], `/x: ${wanted}`);
 	});
 
+for (const [data, wanted] of [
+	[{ status: 1, message: "no such file\nx" }, "The router says: no such file x"], [{ status: 4, message: "busy" }, "An update is already running."],
+	[{ status: 3, message: "x" }, "The update service does not answer."], [{}, "This page does not understand the router’s answer."]])
+	test(`a file that was not checked: ${wanted}`, () => {
+		assert.equal(shown([{ type: "file", path: "/x" }, { type: "test", reply: { data } }], scene("up-to-date"))["file-result"], wanted);
+	});
+
 for (const [update, wanted, words] of [
 	[answered("failed", "1"), "The update server gave no usable answer. Nothing was changed.", false],
 	[answered("busy", "6", "Already updating"), "Another update is running. If there is none: /etc/init.d/fwupdate restart", "The router says: Already updating"],

