@@ -53,13 +53,11 @@ build=build/release
 work=build/demo
 log=$work/build.log
 server=$work/server
-programs="fwupdate ubusd ubus jsonfilter fwtool routerd"
 
 # On a terminal ninja draws its own single line; elsewhere a log is enough.
 build_programs() {
 	cmake --preset release >"$log" 2>&1 || return
-	# shellcheck disable=SC2086 # one word per target
-	set -- cmake --build --preset release --target $programs
+	set -- cmake --build --preset release --target router_programs
 	if [ -t 1 ]; then
 		"$@"
 	else

@@ -194,7 +194,7 @@ prepare_arch() {
 units=(base_tests daemon_tests discovery_tests firmware_tests verify_tests)
 build_arch_quickly() {
 	build "$arch" fwupdate "${units[@]}" &&
-		build release fwupdate ubusd ubus jsonfilter fwtool routerd router_tests
+		build release router_programs router_tests
 }
 
 test_arch_quickly() {
@@ -282,7 +282,7 @@ coverage)
 	plan+=("build coverage = build coverage" "test coverage = test_build coverage" "coverage = report_coverage")
 	;;
 web)
-	plan+=("build release = build release fwupdate ubusd ubus jsonfilter fwtool routerd"
+	plan+=("build release = build release router_programs"
 		"test web = test_part web -n $jobs")
 	;;
 vm)
@@ -301,7 +301,7 @@ arch)
 	! grep -q "^$arch " bench/size-budget || plan+=("size $arch = bench/size --check $arch")
 	;;
 mutants)
-	plan+=("build release = build release fwupdate ubusd ubus jsonfilter fwtool routerd router_tests"
+	plan+=("build release = build release router_programs router_tests"
 		"mutants = test_mutants --count $mutants ${mutate[*]}")
 	;;
 esac
