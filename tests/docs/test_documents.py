@@ -42,10 +42,14 @@ NOT_RUN = {
         "mkdir -p /srv/update && cp -r publish/server/nothing /srv/update/", "nginx -t && nginx -s reload",
         "sed 's/origin.example.com/198.51.100.1/' publish/server/update-cache.conf"
         " >/etc/nginx/sites-enabled/update-cache.conf"],
+    "it needs this server to be there": [
+        "fwupdate-publish verify http://update.example.com/update.xml --out /srv/update/model-x/stable \\",
+        "uci set system.@system[0].fwupdate_xml_url=http://update.example.com/update.xml && uci commit system",
+        "fwupdate-cli check"],
     "it needs an account at an object store": [
         "rclone copy /srv/update/model-x/stable store:updates/model-x/stable --include '/releases/**'",
         "rclone copyto /srv/update/model-x/stable/update.xml store:updates/model-x/stable/update.xml",
-        "fwupdate-publish --verify https://updates.example.com/model-x/stable/update.xml \\"],
+        "fwupdate-publish verify https://updates.example.com/model-x/stable/update.xml \\"],
     "it makes a key, and puts it into a build tree": [
         "usign -G -p maker.pub -s maker.sec", "cp maker.pub files/etc/fwupdate/keys/$(usign -F -p maker.pub)"],
     "it needs a real router": ["sysupgrade -b /tmp/backup.tar.gz"],

@@ -11,9 +11,12 @@ def fleet(tmp_path):
     return fleet
 
 
-def night(fleet, updated=40, until=50 * HOUR, **others):
-    """A log of routers to which the build was offered in the first hour."""
+def night(fleet, updated=40, until=50 * HOUR, others_gone=0, **others):
+    """A log of routers to which the build was offered in the first hour, and of fifty others."""
     timed = [(until, line(until, "last"))]
+    for n in range(50):
+        seen = n if n < others_gone else until - n
+        timed += [(seen, line(seen, f"other{n}"))]
     for kind, number in {"updated": updated, **others}.items():
         for n in range(number):
             timed += outcome(n, f"{kind[:2]}{n}", kind.replace("_", " "))
@@ -40,11 +43,11 @@ def test_next_step_is_taken_when_the_routers_are_well(fleet):
 
 
 @pytest.mark.parametrize("others, reason", [
-    ({"stuck": 10}, "80.0 % of 50 are updated; at least 90 % should be (stuck: 10"),
+    ({"stuck": 10}, "80.0 % of 50 that asked again are updated; at least 90 % should be (stuck: 10)"),
     ({"silent": 3}, "7.0 % of 43 are silent since; at most 2 % may be"),
     ({"taken_back": 1}, "2.4 % of 41 have taken it back; at most 0.5 % may"),
-    ({"updated": 10}, "it was offered to 10 routers long enough ago; 20 are needed"),
-    ({"until": 20 * HOUR}, "it was offered to 0 routers long enough ago")])
+    ({"updated": 10}, "of the last step 10 routers were offered it 36 hours ago or before; 20 are needed"),
+    ({"until": 30 * HOUR}, "of the last step 0 routers were offered it")])
 def test_next_step_is_refused(fleet, others, reason):
     before = fleet.config.read_text()
     log = night(fleet, **others)
@@ -61,6 +64,24 @@ def test_limits_are_options(fleet):
     words = ("--updated", "70", "--max-silent", "10")
     assert fleet.kept("step", "50", log, *words[:2]).returncode == 3
     assert fleet.kept("step", "50", *words).returncode == 0
+
+
+def test_each_step_is_looked_at_by_itself(fleet):
+    """The routers of the first are well; nothing is known of the second's, and then too much."""
+    assert fleet.kept("step", "50", night(fleet), "--at", stamp(50 * HOUR)).returncode == 0
+    result = fleet.kept("step", "100")
+    assert result.returncode == 3 and "of the last step 0 routers" in result.text
+    timed = [entry for n in range(30) for entry in outcome(51 * HOUR + n, f"new{n}", "stuck" if n < 4 else "updated")]
+    timed += [(90 * HOUR + n, line(90 * HOUR + n, f"other{n}")) for n in range(50)]
+    result = fleet.kept("step", "100", fleet.log(in_order(timed), "second.log"))
+    assert result.returncode == 3 and "86.7 % of 30 that asked again are updated" in result.text, result.text
+
+
+def test_server_that_is_down_is_not_the_builds_fault(fleet):
+    """A third of all routers is not heard of, with and without the offer."""
+    log = night(fleet, silent=15, others_gone=17)
+    assert fleet.kept("watch", log).returncode == 0
+    assert fleet.kept("step", "50").returncode == 0
 
 
 def test_pause_and_going_on(fleet):
@@ -102,7 +123,7 @@ def test_watch_lets_a_good_rollout_go_on(fleet):
 
 def test_watch_waits_while_nothing_is_known_yet(fleet):
     result = fleet.kept("watch", night(fleet, until=10 * HOUR, on_the_way=40))
-    assert result.returncode == 0 and "but it was offered to 0 routers long enough ago" in result.text
+    assert result.returncode == 0 and "but of the last step 0 routers were offered it" in result.text
 
 
 def test_watch_pauses_by_itself_and_says_why(fleet):
@@ -140,13 +161,13 @@ def test_step_without_a_rollout_is_refused(tmp_path):
 
 def test_new_rollout_does_not_inherit_what_was_stuck_before(fleet):
     """A paused candidate's routers ask with the old build, and are offered the mended one."""
-    first = in_order([entry for n in range(40) for entry in outcome(n, f"S{n}", "stuck")] + [(30 * HOUR, line(30 * HOUR, "x"))])
+    first = in_order([entry for n in range(40) for entry in outcome(n, f"S{n}", "stuck")] + [(38 * HOUR, line(38 * HOUR, "x"))])
     log = fleet.log(first)
-    assert fleet.kept("watch", log, "--at", stamp(30 * HOUR)).returncode == 3
+    assert fleet.kept("watch", log, "--at", stamp(38 * HOUR)).returncode == 3
     assert fleet.kept("step", "10", "--build", "174300000", "--at", stamp(40 * HOUR)).returncode == 0
-    more = in_order([entry for n in range(40) for entry in [
+    more = in_order([(78 * HOUR, line(78 * HOUR, "x"))] + [entry for n in range(40) for entry in [
         (41 * HOUR + n, line(41 * HOUR + n, f"S{n}", OLD, "candidate")),
-        (42 * HOUR + n, line(42 * HOUR + n, f"S{n}", "174300000", "candidate"))]] + [(70 * HOUR, line(70 * HOUR, "x"))])
+        (76 * HOUR + n, line(76 * HOUR + n, f"S{n}", "174300000", "candidate"))]])
     fleet.log(first + more)
     assert fleet.kept("step", "50", log).returncode == 0
     assert fleet.report("--state", fleet.state)["rollout"]["states"]["updated"] == 40

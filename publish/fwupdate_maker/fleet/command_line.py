@@ -103,13 +103,12 @@ def parser(command: str) -> Parser:
 
 def add_gate(add: Callable[..., Any]) -> None:
     limits = rollout.Limits()
-    add("--settle", metavar="HOURS", type=number, default=24, help="count routers that were offered it so long ago (24)")
     add("--updated", metavar="PERCENT", type=number, default=limits.updated,
-        help=f"so many of them have to be updated ({limits.updated:g})")
+        help=f"so many of those who asked again have to be updated ({limits.updated:g})")
     add("--max-silent", metavar="PERCENT", type=number, default=limits.silent,
-        help=f"so many of them may be silent since ({limits.silent:g})")
+        help=f"so many more may be silent than among the others ({limits.silent:g})")
     add("--max-taken-back", metavar="PERCENT", type=number, default=limits.taken_back,
-        help=f"so many of them may have taken it back ({limits.taken_back:g})")
+        help=f"so many may have taken it back ({limits.taken_back:g})")
     add("--least", metavar="N", type=number, default=limits.least, help=f"fewer routers prove nothing ({limits.least})")
     add("--config", metavar="FILE", default=CONFIG, help=f"nginx's file ({CONFIG})")
     add("--nginx", metavar="COMMAND", default="nginx", help="how nginx is called (nginx)")
@@ -173,8 +172,7 @@ def opened(options: Options, path: str) -> State:
 
 
 def times(options: Options) -> report.Times:
-    hours = {name: int(getattr(options, name, 24) * report.HOUR) for name in ("silent", "again", "settle")}
-    return report.Times(**hours)
+    return report.Times(int(options.silent * report.HOUR), int(options.again * report.HOUR))
 
 
 def chosen_build(options: Options, state: State) -> str | None:

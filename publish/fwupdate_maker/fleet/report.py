@@ -39,13 +39,12 @@ class Times:
 
     silent: int = 36 * HOUR  # a router that asks once a day has missed its time
     again: int = HOUR  # an update asks twice within minutes; an hour later it has failed
-    settle: int = DAY  # every router has had its turn
 
 
 def rollout(state: State, build: str, times: Times, settled: bool = False) -> list[tuple[Any, ...]]:
     """(step's time, state, number) of the routers that were offered the build; with
-    `settled` only of those to whom it was offered long enough ago."""
-    before = state.counted("latest") - (times.settle if settled else -1)
+    `settled` only of those who would be silent if they had not asked since."""
+    before = state.counted("latest") - (times.silent if settled else -1)
     return state.rows(f"SELECT step, state, count(*) FROM ({OFFERED}) WHERE at <= :before GROUP BY step, state",
                       build=build, latest=state.counted("latest"), silent=times.silent, again=times.again, before=before)
 

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import dataclasses
+import math
 import os
 import pathlib
 import re
@@ -25,13 +26,12 @@ split_clients "{build} $arg_sn" $step {{
 
 @dataclasses.dataclass(frozen=True)
 class Limits:
-    """What the routers have to look like to whom the build was offered a day ago, or as
-    long as `Times.settle` says. The defaults: of a good build nearly all routers are there
-    after a day; what is switched off or has lost its line is less than one in fifty; and
-    no build that is good is taken back more than by chance."""
+    """What the routers have to look like to whom the build was offered so long ago that
+    each has had its turn. The defaults: of those who ask again nearly all have a good build;
+    few more are silent than among the others; none takes a good build back but by chance."""
 
-    updated: float = 90.0  # percent, at least
-    silent: float = 2.0  # percent, at most
+    updated: float = 90.0  # percent of those who asked again, at least
+    silent: float = 2.0  # percent more than among the routers without the offer, at most
     taken_back: float = 0.5  # percent, at most
     least: int = 20  # routers; fewer prove nothing
 
@@ -41,24 +41,49 @@ class Failed(Exception):
 
 
 def reasons(state: State, build: str, times: report.Times, limits: Limits) -> tuple[list[str], list[str]]:
-    """What speaks against the build, and what speaks against knowing it already."""
-    counts = report.totals(report.rollout(state, build, times, settled=True))
+    """What speaks against the build, and what speaks against knowing it already. The last
+    step that reached new routers is looked at by itself too: what is bad in it only would
+    be lost among the many of the steps before."""
+    rows = report.rollout(state, build, times, settled=True)
+    last = last_raise(state, build)
+    newest = report.totals([row for row in rows if row[0] is not None and row[0] >= last])
+    usual = report.others_silent(state, build, times)
+    bad: list[str] = []
+    for counts in (report.totals(rows), newest):
+        if sum(counts.values()) >= limits.least:
+            bad += [reason for reason in against(counts, usual, limits) if reason not in bad]
+    whole = sum(newest.values())
+    if whole >= limits.least:
+        return bad, []
+    return bad, [f"of the last step {whole} routers were offered it {times.silent / report.HOUR:g} hours ago or before;"
+                 f" {limits.least} are needed"]
+
+
+def last_raise(state: State, build: str) -> int:
+    """When the share last became larger than it had ever been."""
+    at, most = 0, 0.0
+    for when, of, percent in state.steps():
+        if of == build and (percent or 0) > most:
+            at, most = when, percent
+    return at
+
+
+def against(counts: dict[str, int], usual: tuple[int, int], limits: Limits) -> list[str]:
     whole = sum(counts.values())
-    if whole < limits.least:
-        return [], [f"it was offered to {whole} routers long enough ago; {limits.least} are needed"]
-
-    def percent(name: str) -> float:
-        return 100 * counts[name] / whole
-
-    bad = []
-    if percent("updated") < limits.updated:
-        bad.append(f"{percent('updated'):.1f} % of {whole} are updated; at least {limits.updated:g} % should be"
-                   f" (stuck: {counts['stuck']}, on the way: {counts['on the way']})")
-    if percent("silent") > limits.silent:
-        bad.append(f"{percent('silent'):.1f} % of {whole} are silent since; at most {limits.silent:g} % may be")
-    if percent("taken back") > limits.taken_back:
-        bad.append(f"{percent('taken back'):.1f} % of {whole} have taken it back; at most {limits.taken_back:g} % may")
-    return bad, []
+    heard = counts["updated"] + counts["stuck"] + counts["taken back"]
+    found = []
+    if heard and 100 * counts["updated"] < limits.updated * heard:
+        found.append(f"{100 * counts['updated'] / heard:.1f} % of {heard} that asked again are updated; at least"
+                     f" {limits.updated:g} % should be (stuck: {counts['stuck']})")
+    share = usual[0] / usual[1] if usual[1] else 0
+    # As many as elsewhere, with twice the deviation that chance gives to so few.
+    allowed = limits.silent + 100 * (share + 2 * math.sqrt(share * (1 - share) / whole))
+    if 100 * counts["silent"] > allowed * whole:
+        found.append(f"{100 * counts['silent'] / whole:.1f} % of {whole} are silent since; at most {allowed:.3g} % may be")
+    if 100 * counts["taken back"] > limits.taken_back * whole:
+        found.append(f"{100 * counts['taken back'] / whole:.1f} % of {whole} have taken it back; at most"
+                     f" {limits.taken_back:g} % may")
+    return found
 
 
 def configuration(build: str, percent: float) -> str:
