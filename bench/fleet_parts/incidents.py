@@ -15,7 +15,7 @@ START, HOUR, DAY = 1763769600, 3600, 86400
 OLD, NEW = "171000000", "174200000"
 ROUTERS = 10_000
 STEPS = (1, 10, 50, 100)
-LOOK = 2  # hours between two looks of `watch`
+LOOK = 4  # hours between two looks of `watch`
 LIMIT = 14 * 24  # hours after which a rollout is not waited for any more
 
 
@@ -70,8 +70,9 @@ class Paper:
             if number % LOOK == 0:
                 at = ("--at", stamp(START + number * HOUR))
                 logs = [path for path in self.logs if path.exists()]
-                if number and self.call("watch", *logs, *at)[0] == 3:
-                    self.share, self.paused = 0, number
+                status, said = self.call("watch", *logs, *at) if number else (0, "")
+                if status == 3:
+                    self.share, self.paused = 0, said
                     return number
                 if waiting and self.call("step", waiting[0], *logs, "--build", NEW, *at)[0] == 0:
                     self.share = waiting.pop(0)
@@ -118,7 +119,7 @@ def play(folder, say):
             assert fate is good and have == ROUTERS, (name, have)
             say(f"{name}: {have:,} of {ROUTERS:,} have it after {hours} hours; no pause.")
         else:
-            assert fate is not good, name
+            assert fate is not good, (name, paper.paused)
             say(f"{name}: paused after {hours} hours at {steps[0]} %; {len(paper.hit):,} routers were reached"
                 f" ({100 * len(paper.hit) / ROUTERS:.1f} %), {len(paper.dead):,} are gone.")
     return 0

@@ -56,14 +56,18 @@ def totals(rows: list[tuple[Any, ...]]) -> dict[str, int]:
     return found
 
 
-def others_silent(state: State, build: str, times: Times) -> tuple[int, int]:
-    """How many routers without the offer are silent, of how many that asked in the week
-    before: what is usual."""
-    latest = state.counted("latest")
-    row = state.rows(f"SELECT sum(seen < :edge), count(*) FROM ({NOW}) WHERE seen >= :week AND serial NOT IN"
-                     " (SELECT serial FROM asked WHERE offer = :build)",
-                     edge=latest - times.silent, week=latest - 7 * DAY, build=build)[0]
-    return row[0] or 0, row[1]
+def others_silent(state: State, build: str, times: Times, since: int | None = None) -> tuple[int, int]:
+    """How many routers without the offer are silent, of how many: what is usual. Only those
+    count that asked between `since` (a week ago) and when the settled ones were offered it.
+    Of those that still ask it is not known whether they did; a router that asks once within
+    two thirds of `silent`, as the default has it, did so with the chance that this gives."""
+    edge = state.counted("latest") - times.silent
+    begin = edge - 7 * DAY if since is None else since
+    silent, alive = state.rows(f"SELECT sum(seen < :edge), sum(seen >= :edge) FROM ({NOW}) WHERE seen >= :begin"
+                               " AND serial NOT IN (SELECT serial FROM asked WHERE offer = :build)",
+                               edge=edge, begin=begin, build=build)[0]
+    chance = min(1.0, max(edge - begin, 0) / (times.silent * 2 / 3))
+    return silent or 0, (silent or 0) + round((alive or 0) * chance)
 
 
 def collect(state: State, build: str | None, times: Times) -> dict[str, Any]:

@@ -47,10 +47,11 @@ def reasons(state: State, build: str, times: report.Times, limits: Limits) -> tu
     rows = report.rollout(state, build, times, settled=True)
     last = last_raise(state, build)
     newest = report.totals([row for row in rows if row[0] is not None and row[0] >= last])
-    usual = report.others_silent(state, build, times)
+    first = min((row[0] for row in rows if row[0] is not None), default=last)
     bad: list[str] = []
-    for counts in (report.totals(rows), newest):
+    for counts, since in ((report.totals(rows), first), (newest, last)):
         if sum(counts.values()) >= limits.least:
+            usual = report.others_silent(state, build, times, since)
             bad += [reason for reason in against(counts, usual, limits) if reason not in bad]
     whole = sum(newest.values())
     if whole >= limits.least:
