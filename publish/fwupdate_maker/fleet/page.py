@@ -10,7 +10,7 @@ from .report import DAY, STATES, share, when
 
 WIDTH, HEIGHT = 360, 200
 LEFT, RIGHT, TOP, BOTTOM = 40, 8, 8, 22
-COLOURS = ("#1f5fa8", "#d9822b", "#3b8f5a", "#8a5ab0", "#b8433f", "#5c8f99", "#9a9a9a")
+COLOURS = ("#1f5fa8", "#d9822b", "#3b8f5a", "#8a5ab0", "#b8433f", "#5c8f99", "#c9a227", "#6b4f3a", "#9a9a9a")
 STATE_COLOURS = dict(zip(STATES, ("#3b8f5a", "#9fc3e6", "#d9822b", "#777777", "#b8433f")))
 BUILDS = len(COLOURS) - 1  # the rest are drawn together
 
@@ -30,7 +30,7 @@ def page(found: dict[str, Any], series: tuple[int, list[int], dict[str, list[int
     parts = [f"<h1>{found['routers']:,} routers</h1>",
              f"<p>{found['seen_last_day']:,} of them asked in the last day of the logs, which end at"
              f" {when(found['latest'])} UTC.</p>",
-             "<h2>What they run, over time</h2>", adoption_chart(*series)]
+             "<h2>What they run, over time</h2>", adoption_chart(*series, found.get("rollout", {}).get("build"))]
     if "rollout" in found:
         parts += rollout(found["rollout"])
     parts += ["<h2>By model</h2>", model_chart(found["builds"])]
@@ -119,11 +119,11 @@ def build_colours(builds: list[dict[str, Any]]) -> dict[str, str]:
     return dict(zip(sorted(count, key=lambda b: -count[b])[:BUILDS], COLOURS))
 
 
-def adoption_chart(width: int, starts: list[int], series: dict[str, list[int]]) -> str:
-    """Areas, one upon the other: the oldest build below."""
+def adoption_chart(width: int, starts: list[int], series: dict[str, list[int]], always: str | None) -> str:
+    """Areas, one upon the other: the oldest build below. `always` is shown however few run it."""
     if not starts or not series:
         return "<p>Nothing yet.</p>"
-    most = sorted(series, key=lambda b: -max(series[b]))[:BUILDS]
+    most = sorted(series, key=lambda b: (b != always, -max(series[b])))[:BUILDS]
     shown = {b: series[b] for b in sorted(most, key=lambda b: int(b or 0))}
     others = [sum(values[i] for b, values in series.items() if b not in shown) for i in range(len(starts))]
     if any(others):
