@@ -78,6 +78,21 @@ TEST_F(FwTool, TruncateCutsTheChunkAndAllAboveIt)
 	EXPECT_EQ(read("out"), json);
 }
 
+TEST_F(FwTool, PrintsWhatIsLeftWithoutTheChunk)
+{
+	const std::string stacked = with_signature(with_metadata(image), "S");
+	const RunResult unsigned_image =
+		fwtool({"-T", "-s", "/dev/null", write("firmware", stacked)});
+	EXPECT_EQ(unsigned_image.status.code, 0);
+	EXPECT_EQ(unsigned_image.output, with_metadata(image));
+	EXPECT_EQ(fwtool({"-T", "-i", path("out"), path("firmware")}).output, image);
+	EXPECT_EQ(read("firmware"), stacked);
+
+	const RunResult without = fwtool({"-T", "-s", path("out"), write("firmware", image)});
+	EXPECT_EQ(without.status.code, 1);
+	EXPECT_EQ(without.output, "");
+}
+
 TEST_F(FwTool, DashIsStandardOutputAndInput)
 {
 	const RunResult result = fwtool({"-i", "-", write("firmware", with_metadata(image))});
