@@ -46,8 +46,14 @@ examine_bus() {
 	ubus -t "$state_limit" call fwupdate state >/dev/null 2>&1
 	case $? in
 	0) finding daemon yes "it answers" ;;
-	7) finding daemon unknown "it did not answer within $state_limit seconds" \
-		"It is busy with the network or an image." "Try again in a minute." ;;
+	7) find_hanging_fwtool
+		if [ -n "$hanging" ]; then
+			finding daemon no "fwtool (process $hanging) does not come to an end with an image" \
+				"The daemon waits for it and answers nobody." "kill $hanging"
+		else
+			finding daemon unknown "it did not answer within $state_limit seconds" \
+				"It is busy with the network or an image." "Try again in a minute."
+		fi ;;
 	*) finding daemon no "it is not on the bus" "Nobody looks for updates." "/etc/init.d/fwupdate restart" ;;
 	esac
 }

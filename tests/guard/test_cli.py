@@ -210,4 +210,6 @@ def test_one_that_hangs_for_somebody_else_is_named(guard, hanging):
     told = guard.router.wait_for("fwupdate-cli status 2>&1 | grep 'does not come to an end with the image'")
     process = guard.must("pidof fwtool")
     assert f"fwtool (process {process}) " in told and f"'kill {process}'" in told
+    faults = [line for line in guard.run("fwupdate-cli doctor").output.splitlines() if line.startswith("fault")]
+    assert f"fault  daemon: fwtool (process {process}) does not come to an end with an image" in faults
     guard.must(f"kill {process}; ubus -t 30 call fwupdate state")
