@@ -84,6 +84,11 @@ def test_version_is_the_same_everywhere(fields):
     assert f"\nversion={version}\n" in command
 
 
+def test_is_position_independent_by_the_build_systems_defaults(fields):
+    """Its hardening is the build system's, which leaves this one out unless a package asks for it."""
+    assert fields["PKG_ASLR_PIE_REGULAR"] == "1"
+
+
 def test_every_entry_of_the_menu_rebuilds_the_package(fields):
     entries = set(re.findall(r"config (FWUPDATE_\w+)", fields["fwupdate.config"]))
     assert len(entries) == 2
