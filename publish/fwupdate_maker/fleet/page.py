@@ -18,9 +18,9 @@ STYLE = """
 body { font: 16px/1.4 sans-serif; margin: 0 auto; padding: 0 8px 2em; max-width: 720px; color: #222; background: #fff }
 h1 { font-size: 1.3em } h2 { font-size: 1.1em; margin-top: 1.6em }
 svg { width: 100%; height: auto; display: block } svg text { font: 10px sans-serif; fill: #444 }
-table { border-collapse: collapse; width: 100% } td, th { padding: 3px 4px; text-align: right; border-bottom: 1px solid #ddd;
-  font-variant-numeric: tabular-nums; overflow-wrap: anywhere }
-td:first-child, th:first-child { text-align: left } .wide { overflow-x: auto }
+table { border-collapse: collapse; width: 100%; font-size: .9em } .wide { overflow-x: auto }
+td, th { padding: 3px 4px; text-align: right; border-bottom: 1px solid #ddd; font-variant-numeric: tabular-nums }
+td:first-child, th:first-child { text-align: left; overflow-wrap: anywhere; min-width: 6em }
 ul.key { list-style: none; padding: 0; display: flex; flex-wrap: wrap; gap: 2px 14px; margin: 4px 0 }
 .key b { display: inline-block; width: .8em; height: .8em; margin-right: 5px } .note { color: #555; font-size: .9em }
 """
