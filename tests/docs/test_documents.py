@@ -28,7 +28,7 @@ NOT_RUN = {
     "it installs packages that the tests do without": [
         "./setup.sh --bench", "./setup.sh --fuzz", "./setup.sh --vm"],
     "it boots a whole machine": [
-        "./demo.sh --vm", "./demo.sh --vm --fail", "testbed/vm", "testbed/vm -- ubus call fwupdate check",
+        "./demo.sh --vm", "./demo.sh --vm --fail", "./demo.sh --vm --bad", "testbed/vm", "testbed/vm -- ubus call fwupdate check",
         "testbed/vm --flash FILE"],
     "it waits for its user": [
         "testbed/router", "./demo.sh --web", "fwupdate-cli update", "pid=$(pidof fwupdate); ln -s /realproc/$pid /proc/",
