@@ -9,6 +9,8 @@ import subprocess
 from measures import router
 from measures.samples import Row, interleave
 
+LOOK = pathlib.Path(__file__).parents[2] / "cli/fwupdate-job"
+LOOK_SCRIPT = pathlib.Path(__file__).parent.parent / "look.sh"
 CHECK_SCRIPT = pathlib.Path(__file__).parent.parent / "check.sh"
 CLIENTS = (1, 8, 64)
 GOALS = ("<= 1.05", "<= 1.2")  # of the median and of the 99th percentile
@@ -178,3 +180,23 @@ def check(runs):
     script_ms = [1000 * sample for sample in got["script"]]
     return [Row("`check`", "ms", ours_ms, script_ms, "script with the same pipelines and curl",
                 "<= 1.05")]
+
+
+def look(runs):
+    """What a page asks once a second while an update runs."""
+    job = pathlib.Path("/tmp/fwupdate-cli/job.1")
+    job.mkdir(parents=True, mode=0o700)
+    for name, text in {"pid": os.getpid(), "watcher": os.getppid(), "started": 1763796000,
+                       "arguments": "no firmware2 900 3 0"}.items():
+        (job / name).write_text(f"{text}\n")
+
+    def sample(script):
+        return lambda: 1000 * router.timed("/bin/sh", script, "call", "status")
+
+    with router.daemon():
+        for script in (LOOK, LOOK_SCRIPT):
+            update = json.loads(router.run("/bin/sh", script, "call", "status"))["update"]
+            router.expect(update, "job", "running")
+        got = interleave(runs, {"ours": sample(LOOK), "script": sample(LOOK_SCRIPT)})
+    return [Row("a page's look", "ms", got["ours"], got["script"],
+                "script with a program for each value")]

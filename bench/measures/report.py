@@ -12,7 +12,7 @@ from measures.samples import table
 TITLES = {
     "size": "Size on flash", "memory": "Resident memory", "start": "Start",
     "state": "`state`, idle", "state-download": "`state` during a download",
-    "check": "`check`", "download": "Download", "verify": "Image check",
+    "check": "`check`", "look": "A page's look", "download": "Download", "verify": "Image check",
     "update": "A whole update", "guard": "The guard", "waiting": "Waiting",
 }
 # The one cost that does not grow in a straight line, and what its lines are called.
