@@ -72,6 +72,7 @@ tell_installation() {
 # With what the guard did, where there is one.
 print_job() {
 	job_as_json
+	read_guard
 	guard_as_json
 	[ "$guard_json" = '{}' ] || line="${line%\}},\"guard\":$guard_json}"
 	print_raw "$line"
