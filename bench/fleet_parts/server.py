@@ -88,7 +88,7 @@ class UpdateServer(Router):
         self.running = True
 
     def get(self, query, path="/update.xml"):
-        return self.must(f"wget -q -O- 'http://192.0.2.1{path}?{query}'")
+        return self.must(f"busybox wget -q -O- 'http://192.0.2.1{path}?{query}'")
 
     def log(self):
         """The access log's lines as dictionaries."""

@@ -62,7 +62,7 @@ class Plugins:
 
 def run(command, given, limit):
     """Returns (exit status or None when the limit passed, output). The program is left running."""
-    with subprocess.Popen(["setsid", *command], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+    with subprocess.Popen(["/bin/busybox", "setsid", *command], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                           stderr=subprocess.DEVNULL) as program:
         try:
             output, _ = program.communicate(given, limit)

@@ -12,12 +12,12 @@ GOES_ON = "Stopped watching; the update goes on."
 
 def test_ctrl_c_ends_the_watching_only(router):
     terminal = router.open("fwupdate-cli update --yes", 80)
-    terminal.expect(" % ")
+    terminal.expect(" %")
     terminal.interrupt()
     assert terminal.wait() == -signal.SIGINT
     assert GOES_ON in terminal.output()
     again = router.open("fwupdate-cli watch", 80)
-    again.expect(" % ")
+    again.expect(" %")
     router.release()
     assert again.wait() == 0
     assert GOOD in again.output()
@@ -25,7 +25,7 @@ def test_ctrl_c_ends_the_watching_only(router):
 
 def test_a_hang_up_ends_the_watching_only(router):
     terminal = router.open("fwupdate-cli update --yes", 80)
-    terminal.expect(" % ")
+    terminal.expect(" %")
     terminal.hang_up()
     assert terminal.wait() in (-signal.SIGHUP, 128 + signal.SIGHUP)
     assert kept(router)["job"] == "running"
@@ -55,9 +55,9 @@ def test_signals_for_the_whole_group_end_the_watching_only(router):
 def test_the_folder_is_private(fast_router):
     router = fast_router
     router.run("umask 000; fwupdate-cli update --detach --yes; fwupdate-cli watch")
-    modes = router.run("stat -c '%a' /tmp/fwupdate-cli /tmp/fwupdate-cli/job.*").output.split()
+    modes = router.run("busybox stat -c '%a' /tmp/fwupdate-cli /tmp/fwupdate-cli/job.*").output.split()
     assert modes == ["700", "700"]
-    files = router.run("stat -c '%a' /tmp/fwupdate-cli/job.*/*").output.split()
+    files = router.run("busybox stat -c '%a' /tmp/fwupdate-cli/job.*/*").output.split()
     assert files and set(files) == {"600"}
 
 

@@ -81,7 +81,7 @@ def test_an_update_of_somebody_else_is_met(router):
     refused = router.run("fwupdate-cli update --yes")
     assert refused.status == 4 and "for somebody else" in refused.output
     watching = router.open("fwupdate-cli watch", 80)
-    watching.expect(" % ")
+    watching.expect(" %")
     router.release()
     watched = watching.result()
     assert watched.status == 0 and "has ended" in watched.output

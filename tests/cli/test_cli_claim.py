@@ -43,7 +43,7 @@ def test_a_killed_claim_hides_no_answer_and_nobody_waits(fast_router, script):
 
 def test_a_claim_that_is_being_made_counts_as_running(fast_router):
     router = fast_router
-    router.must("mkdir -p -m 700 /tmp/fwupdate-cli/job.3; setsid sh -c 'echo $$ >/tmp/fwupdate-cli/job.3/claim; exec sleep 600' "
+    router.must("mkdir -p -m 700 /tmp/fwupdate-cli/job.3; busybox setsid sh -c 'echo $$ >/tmp/fwupdate-cli/job.3/claim; exec sleep 600' "
                 "</dev/null >/dev/null 2>&1 & until [ -s /tmp/fwupdate-cli/job.3/claim ]; do :; done")
     assert kept(router)["job"] == "running"
     assert router.run("fwupdate-cli update --yes").status == 4

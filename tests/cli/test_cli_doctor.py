@@ -73,7 +73,7 @@ def replace(router, path, script):
 LACKS = {
     "daemon": ("kill -KILL $(pidof fwupdate)", "/etc/init.d/fwupdate restart"),
     "tools": ("rm /usr/bin/fwtool", "packages"),
-    "wan": ("echo '{}' >/etc/router/wan.json; kill $(pidof routerd); setsid routerd </dev/null >/dev/null 2>&1 & "
+    "wan": ("echo '{}' >/etc/router/wan.json; kill $(pidof routerd); busybox setsid routerd </dev/null >/dev/null 2>&1 & "
             "sleep 1; ubus -t 30 wait_for system", "/etc/config/network"),
     "address": ("ip route del default", "ip route"),
     "partition": ("fw_setenv bootpart gone; printf 'dev: size erasesize name\\nmtd0: 00080000 00010000 \"u-boot\"\\n' >/tmp/mtd; "

@@ -5,9 +5,9 @@ from kept_answer import await_download, await_installer, kept
 
 def restart_bus(router):
     """With everybody on it; the daemon comes back by itself."""
-    router.run("kill $(pidof ubusd); setsid ubusd </dev/null >/dev/null 2>&1 &")
+    router.run("kill $(pidof ubusd); busybox setsid ubusd </dev/null >/dev/null 2>&1 &")
     router.wait_for("ubus list >/dev/null")
-    router.run("setsid routerd </dev/null >/dev/null 2>&1 &")
+    router.run("busybox setsid routerd </dev/null >/dev/null 2>&1 &")
 
 
 def kill_daemon(router):
@@ -19,13 +19,13 @@ def restart_daemon(router):
     """Without its worker, which would keep the new one from starting for a while."""
     router.run("kill -KILL $(pidof fwupdate)")
     router.wait_for("! pidof fwupdate")
-    router.run("setsid /usr/sbin/fwupdate --debug </dev/null >/dev/null 2>&1 &")
+    router.run("busybox setsid /usr/sbin/fwupdate --debug </dev/null >/dev/null 2>&1 &")
     router.must("ubus -t 60 wait_for fwupdate")
 
 
 def test_a_restart_of_the_bus_loses_the_answer_and_it_says_so(router):
     terminal = router.open("fwupdate-cli update --yes", 80)
-    terminal.expect(" % ")
+    terminal.expect(" %")
     restart_bus(router)
     # The daemon goes on, and its state tells how far it comes.
     assert "The bus was restarted" in terminal.expect("its answer does not come here")
@@ -59,7 +59,7 @@ def test_a_daemon_that_stays_away_is_told(router):
 
 def test_a_daemon_that_ends_during_an_update_is_noticed(router):
     terminal = router.open("fwupdate-cli update --yes", 80)
-    terminal.expect(" % ")
+    terminal.expect(" %")
     restart_daemon(router)
     terminal.expect("The daemon ended or was restarted")
     assert terminal.wait() == 1

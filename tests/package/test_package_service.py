@@ -108,7 +108,7 @@ def test_the_script_is_not_taken_for_a_second_instance(router):
     script = router.run("pidof fwupdate").output.split()
     assert len(script) == 1
     # Under its plain name the daemon takes the script for another daemon, and ends.
-    assert router.run("timeout 60 fwupdate").status == 0
+    assert router.run("busybox timeout 60 fwupdate").status == 0
     number = start(router)
     assert router.run("pidof fwupdate").output.split() != script
     assert router.run(f"pidof {COMMAND}").output.split() == [number]

@@ -40,7 +40,7 @@ def build_for(server, query):
 def test_step_reaches_the_serial_numbers_that_the_hash_says(server, percent):
     server.rollout(percent)
     serials = [f"SN{number:04d}" for number in range(120)]
-    text = server.must("for sn in " + " ".join(serials) + f"; do wget -q -O- \"http://192.0.2.1/update.xml?sn=$sn&{MODEL}\""
+    text = server.must("for sn in " + " ".join(serials) + f"; do busybox wget -q -O- \"http://192.0.2.1/update.xml?sn=$sn&{MODEL}\""
                        " | grep buildtime; done")
     got = {sn for sn, line in zip(serials, text.splitlines()) if "1002" in line}
     assert got == {sn for sn in serials if reached(sn, percent)}
@@ -83,7 +83,7 @@ def test_manifest_and_head_fit_into_one_packet(server):
 
 
 def test_image_may_be_kept_for_ever(server):
-    answer = server.must("wget -S -O /tmp/got http://192.0.2.1/model-x/stable/releases/1001/image.bin 2>&1")
+    answer = server.must("busybox wget -S -O /tmp/got http://192.0.2.1/model-x/stable/releases/1001/image.bin 2>&1")
     assert "immutable" in answer and "Content-Length: 5064" in answer
     server.must(f"cmp /tmp/got {server.folder}/image.bin")
 

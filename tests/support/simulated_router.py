@@ -197,7 +197,7 @@ class Router:
         release(). What is sent is /srv/update/firmware.bin. The size may be "unknown"."""
         (self.folder / "held").unlink(missing_ok=True)
         self.hold_again()
-        self.must(f"setsid /host/usr/bin/python3 -B {SUPPORT}/held_server.py /srv/update/firmware.bin "
+        self.must(f"busybox setsid /host/usr/bin/python3 -B {SUPPORT}/held_server.py /srv/update/firmware.bin "
                   f"{self.folder} {size} >/var/log/held-server 2>&1 &")
         wait_until((self.folder / "held").exists, lambda: self.must("cat /var/log/held-server"))
 

@@ -134,7 +134,7 @@ class Router:
         self.wait_for("! ubus list fwupdate >/dev/null 2>&1")
 
     def bring_the_daemon_back(self):
-        self.run("setsid /usr/sbin/fwupdate >/dev/null 2>&1 & ubus -t 60 wait_for fwupdate")
+        self.run("busybox setsid /usr/sbin/fwupdate >/dev/null 2>&1 & ubus -t 60 wait_for fwupdate")
 
     def make_image(self, model="MODEL-X", size=2048 * 1024):
         make_image(self.served / "firmware.bin", size, model)

@@ -57,7 +57,7 @@ def test_no_check_during_an_update(router, ready):
     """It would overwrite what the update shows."""
     router.offer_slowly()
     router.run("ubus call fwupdate check")
-    router.run("""setsid ubus -t 60 call fwupdate update '{"force":"1"}' >/dev/null 2>&1 &""")
+    router.run("""busybox setsid ubus -t 60 call fwupdate update '{"force":"1"}' >/dev/null 2>&1 &""")
     router.wait_for("ubus call fwupdate state | grep -q FIRMWARE_CONNECT")
     put_image(router, "/tmp/x")
     check(ready, "/tmp/x")

@@ -81,7 +81,7 @@ def test_update_started_at_the_prompt_is_seen(router, page):
 
 def test_update_started_on_the_bus_is_seen(router, page):
     router.offer_slowly()
-    router.run("setsid ubus -t 60 call fwupdate update >/dev/null 2>&1 &")
+    router.run("busybox setsid ubus -t 60 call fwupdate update >/dev/null 2>&1 &")
     router.wait_for("ubus call fwupdate state | grep -q FIRMWARE_CONNECT")
     page.open()
     page.sign_in()
