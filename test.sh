@@ -33,7 +33,7 @@ OPTION:
                       (with --web and --vm as pytest's -k takes it)
   --second-try        tests that failed run once more, alone; the last lines name them
   --of KIND           with --mutants: what is changed, cpp (src/, the default), shell (the
-                      command), python (the publisher) or page (the page's script)
+                      command), python (the publisher) or page (what the page decides)
   --seed S            with --mutants: which changes (1)
 
 The last line is "N passed, N failed"; the exit status is 0 only when nothing
