@@ -8,7 +8,7 @@
 #include "fuzz_target.h"
 #include "outside.h"
 #include "verify/image.h"
-#include "verify/signature.h"
+#include "verify/metadata.h"
 
 namespace
 {

@@ -22,7 +22,7 @@
 #include "firmware/worker.h"
 #include "fuzz_input.h"
 #include "fuzz_target.h"
-#include "verify/signature.h"
+#include "verify/metadata.h"
 
 // NOLINTNEXTLINE(readability-identifier-naming): Mini-XML's name
 extern "C" void outside_mxmlDelete(mxml_node_t *node);

@@ -16,7 +16,7 @@ namespace fwupdate
 // the same record when it connects again.
 extern ubus_context *bus_connection;
 
-// How often the daemon has tried to come back to the bus. A request that was put off
+// How often the daemon has tried to come back to the bus. A deferred request
 // belongs to the connection that it came over: on a later one its caller's number may be
 // somebody else's.
 extern std::uint32_t bus_generation;

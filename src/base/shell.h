@@ -28,8 +28,8 @@ enum class CommandResult {
 CommandResult run_command(const char *command);
 
 // Reads one line of at most size - 1 bytes, terminated, into `line`. A read that a
-// signal interrupts goes on where it was, and loses nothing of the line. False,
-// and an empty line, at the end of the file or on an error.
+// signal interrupts goes on where it was, and loses nothing of the line. The end of
+// the file and an error end the line, too: false when not a byte of it was read.
 bool read_line(std::FILE *stream, char *line, std::size_t size);
 
 } // namespace fwupdate

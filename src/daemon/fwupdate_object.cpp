@@ -63,8 +63,9 @@ void on_reconnect(uloop_timeout *timer)
 	}
 }
 
-// Called more than once for one loss, also from within a call that waits for the bus. All
-// messages of the lost connection have been handled when the timer fires.
+// Called more than once for one loss, also from within a call that waits for the bus. What the
+// library has read from the lost connection is handled before the timer fires. What it has not
+// read is lost, and so is everybody who waits for an answer to it.
 void on_connection_lost(ubus_context *connection)
 {
 	uloop_fd_delete(&connection->sock);

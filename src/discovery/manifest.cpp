@@ -23,17 +23,16 @@ void release_document()
 	manifest_buffer.document = nullptr;
 }
 
-// The values go into the query as they are, without percent-encoding.
+// The facts go into the query as they are, without percent-encoding.
 void format_request_url(char (&url)[REQUEST_URL_SIZE])
 {
 	const DeviceFacts &facts = device_facts;
 	const char *base = facts.cpe_update_xml_url[0] != '\0' ? facts.cpe_update_xml_url
 							       : FWUPDATE_MANIFEST_URL;
-	const char *model = read_cpe_model();
 	format_text(url, sizeof(url),
 		    "%s?fw=%s&version=%s&mac=%s&ip=%s&model=%s&sn=%s&customid=%s&os=%s", base,
 		    facts.cpe_builddate, facts.cpe_version, facts.cpe_wan_mac, facts.cpe_wan_ip,
-		    model, facts.cpe_sn, device_customid(), "VOLKRAN");
+		    facts.cpe_model, facts.cpe_sn, device_customid(), "VOLKRAN");
 }
 
 bool is_one(const char *flag)
@@ -95,6 +94,7 @@ int query_update_server()
 	release_document();
 	update_context.state = UpdateState::NETWORK_GET;
 	gather_device_facts();
+	read_cpe_model();
 	format_request_url(url);
 	if (fetch_manifest(url) != 0) {
 		return -1;

@@ -68,7 +68,6 @@ int fetch_manifest(const char *url)
 		log_message("Error on geting update info via CURL [%s] (url = '%s')\n", error, url);
 		return -1;
 	}
-	// Standard error is not Mini-XML's to write to.
 	manifest_buffer.document = load_document(manifest_buffer.data);
 	return 0;
 }

@@ -12,8 +12,8 @@ namespace fwupdate
 
 inline constexpr mxml_descend_t ALL_LEVELS = MXML_DESCEND_ALL;
 
-// Every value as the text it is. Complaints about a malformed one are not printed. Null when
-// there is nothing to load; what was loaded is the caller's.
+// Loads `text` with every value as the text it is. Null when it is no XML; the document is the
+// caller's. Complaints are dropped: the daemon's standard error is not for them.
 inline mxml_node_t *load_document(const char *text)
 {
 	mxml_options_t *options = mxmlOptionsNew();
@@ -29,7 +29,7 @@ inline mxml_node_t *load_document(const char *text)
 
 inline constexpr int ALL_LEVELS = MXML_DESCEND;
 
-// As above.
+// As for version 4.
 inline mxml_node_t *load_document(const char *text)
 {
 	mxmlSetErrorCallback([](const char *) {});

@@ -144,21 +144,21 @@ void run_worker(const char *url, const char *target, std::int32_t timeout, int p
 	std::exit(0);
 }
 
-int report_progress(void *tracker, curl_off_t total, curl_off_t now, curl_off_t /*upload_total*/,
+int report_progress(void *user, curl_off_t total, curl_off_t now, curl_off_t /*upload_total*/,
 		    curl_off_t /*upload_now*/)
 {
-	auto &state = *static_cast<ProgressTracker *>(tracker);
+	auto &tracker = *static_cast<ProgressTracker *>(user);
 	timespec clock = {};
 	clock_gettime(CLOCK_MONOTONIC, &clock);
 	const std::int64_t second = clock.tv_sec;
-	if (state.last_second >= second && now != total) {
+	if (tracker.last_second >= second && now != total) {
 		return 0;
 	}
-	state.last_second = second;
-	state.record.total = static_cast<std::uint32_t>(total);
-	state.record.received = static_cast<std::uint32_t>(now);
-	state.record.status = 0;
-	if (!send_record(state.descriptor, state.record)) {
+	tracker.last_second = second;
+	tracker.record.total = static_cast<std::uint32_t>(total);
+	tracker.record.received = static_cast<std::uint32_t>(now);
+	tracker.record.status = 0;
+	if (!send_record(tracker.descriptor, tracker.record)) {
 		log_message("Error, can't write to pipe fd!\n");
 		return -1;
 	}

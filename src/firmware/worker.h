@@ -29,10 +29,10 @@ struct ProgressTracker {
 
 // libcurl's progress callback. Sends a record when a new second of the monotonic
 // clock has begun, and whenever the two counts are equal: all announced bytes have
-// arrived, or both are 0 because the server has said nothing yet. `tracker` points to
+// arrived, or both are 0 because the server has said nothing yet. `user` points to
 // the ProgressTracker. Returns 0, or -1 to end the transfer when nobody reads the
 // pipe any more.
-int report_progress(void *tracker, curl_off_t total, curl_off_t now, curl_off_t upload_total,
+int report_progress(void *user, curl_off_t total, curl_off_t now, curl_off_t upload_total,
 		    curl_off_t upload_now);
 
 } // namespace fwupdate

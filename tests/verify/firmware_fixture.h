@@ -16,7 +16,7 @@
 #include "support/debug_fixture.h"
 #include "support/images.h"
 #include "verify/image.h"
-#include "verify/signature.h"
+#include "verify/metadata.h"
 
 namespace router_test
 {
@@ -34,7 +34,7 @@ inline constexpr const char *real_fwtool_path = "/usr/bin/fwtool.real";
 inline constexpr const char *firmware_path = "/tmp/firmware.bin";
 inline constexpr const char *side_file = "/tmp/firmware.bin.signature";
 
-// What the log says, and what check_signature returns.
+// What the log says, and what read_firmware_model returns.
 inline constexpr const char *damaged_text =
 	"Error on reading signature, possibly firmware is damaged\n";
 inline constexpr const char *no_customid_text = "Error on reading customid\n";

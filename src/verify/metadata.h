@@ -2,7 +2,8 @@
 //
 // The metadata that the build system appends to a firmware file: extracted with
 // fwtool into "<path>.signature" and read with jsonfilter. Called by the image
-// check for files that are no uImage. It compares nothing itself.
+// check for files that are no uImage. It compares nothing itself,
+// and verifies no signature.
 #pragma once
 
 #include <cstddef>
@@ -27,10 +28,10 @@ bool format_fwtool_command(char (&command)[VERIFY_COMMAND_SIZE], const char *pat
 // Deletes "<path>.signature". A name that does not fit its buffer is left alone.
 void remove_metadata_file(const char *path);
 
-// Fills fw_model_name from the metadata of the file. Returns 0; -1 when fwtool
+// Reads the model from the metadata of the file into fw_model_name. Returns 0; -1 when fwtool
 // could not be run (an over-long path included); -3 when it failed, mostly for
 // want of metadata; -2 when no model is named, or model and custom ID together
 // exceed 31 characters: in these two cases the metadata file stays.
-int check_signature_model(const char *path);
+int read_firmware_model(const char *path);
 
 } // namespace fwupdate

@@ -15,13 +15,13 @@ constexpr const char *jsonfilter_path = "/usr/bin/jsonfilter";
 constexpr int not_run = -1;
 constexpr int no_metadata = -3;
 
-class Signature : public FirmwareFixture
+class FirmwareMetadata : public FirmwareFixture
 {
 protected:
 	static int check(std::string_view file)
 	{
 		write_bytes(firmware_path, file);
-		return check_signature_model(firmware_path);
+		return read_firmware_model(firmware_path);
 	}
 
 	static std::string file_with_metadata()
@@ -32,7 +32,7 @@ protected:
 
 } // namespace
 
-TEST_F(Signature, MissingLeavesNothingBehindAndSaysNothing)
+TEST_F(FirmwareMetadata, MissingLeavesNothingBehindAndSaysNothing)
 {
 	const std::string image = build_uimage("data", {});
 	for (const std::string &file : {std::string(), std::string("x"), noise(1000), image,
@@ -43,12 +43,12 @@ TEST_F(Signature, MissingLeavesNothingBehindAndSaysNothing)
 		EXPECT_FALSE(exists(side_file));
 		EXPECT_EQ(remembered_model(), "EARLIER");
 	}
-	EXPECT_EQ(check_signature_model("/tmp/nowhere"), no_metadata);
+	EXPECT_EQ(read_firmware_model("/tmp/nowhere"), no_metadata);
 	EXPECT_FALSE(exists("/tmp/nowhere.signature"));
 	EXPECT_EQ(logged(), Texts{});
 }
 
-TEST_F(Signature, IsMissingWhenFwtoolFailsWhateverItWrote)
+TEST_F(FirmwareMetadata, IsMissingWhenFwtoolFailsWhateverItWrote)
 {
 	for (const char *status : {"1", "2", "127", "128", "255"}) {
 		SCOPED_TRACE(status);
@@ -62,7 +62,7 @@ TEST_F(Signature, IsMissingWhenFwtoolFailsWhateverItWrote)
 	EXPECT_EQ(logged(), Texts{});
 }
 
-TEST_F(Signature, IsMissingWithoutFwtool)
+TEST_F(FirmwareMetadata, IsMissingWithoutFwtool)
 {
 	const std::string file = file_with_metadata();
 	files.remove(fwtool_path);
@@ -74,7 +74,7 @@ TEST_F(Signature, IsMissingWithoutFwtool)
 	EXPECT_EQ(logged(), Texts{});
 }
 
-TEST_F(Signature, CountsAsExtractedWhenASignalKillsFwtool)
+TEST_F(FirmwareMetadata, CountsAsExtractedWhenASignalKillsFwtool)
 {
 	files.install_tool(fwtool_path,
 			   R"(echo '{"supported_devices":["ABC"]}' >"$2"; kill -KILL $$)");
@@ -83,7 +83,7 @@ TEST_F(Signature, CountsAsExtractedWhenASignalKillsFwtool)
 	EXPECT_FALSE(exists(side_file));
 }
 
-TEST_F(Signature, CannotBeReadWhenFwtoolCannotBeRun)
+TEST_F(FirmwareMetadata, CannotBeReadWhenFwtoolCannotBeRun)
 {
 	const std::string file = file_with_metadata();
 	set_remembered_model("EARLIER");
@@ -95,12 +95,12 @@ TEST_F(Signature, CannotBeReadWhenFwtoolCannotBeRun)
 	EXPECT_TRUE(exists(side_file)) << "not touched";
 }
 
-TEST_F(Signature, NeedsAPathWhoseCommandsFit)
+TEST_F(FirmwareMetadata, NeedsAPathWhoseCommandsFit)
 {
 	const std::string file = file_with_metadata();
 	const std::string fits = path_of_length(longest_path);
 	write_bytes(fits, file);
-	EXPECT_EQ(check_signature_model(fits.c_str()), extracted);
+	EXPECT_EQ(read_firmware_model(fits.c_str()), extracted);
 	EXPECT_EQ(remembered_model(), "ABC[77]");
 	EXPECT_FALSE(exists(fits + ".signature"));
 	EXPECT_EQ(logged(), Texts{});
@@ -108,14 +108,14 @@ TEST_F(Signature, NeedsAPathWhoseCommandsFit)
 	const std::string longer = path_of_length(longest_path + 1);
 	write_bytes(longer, file);
 	write_bytes(longer + ".signature", "of an earlier check");
-	EXPECT_EQ(check_signature_model(longer.c_str()), not_run);
+	EXPECT_EQ(read_firmware_model(longer.c_str()), not_run);
 	EXPECT_EQ(read_file(longer + ".signature"), "of an earlier check");
 	EXPECT_EQ(logged().size(), 1U);
-	EXPECT_EQ(check_signature_model(std::string(5000, 'x').c_str()), not_run);
+	EXPECT_EQ(read_firmware_model(std::string(5000, 'x').c_str()), not_run);
 	EXPECT_EQ(logged().size(), 1U);
 }
 
-TEST_F(Signature, AsksFwtoolAndThenJsonfilterForCustomIdAndModel)
+TEST_F(FirmwareMetadata, AsksFwtoolAndThenJsonfilterForCustomIdAndModel)
 {
 	record_fwtool();
 	const std::string real = std::string(jsonfilter_path) + ".real";
@@ -132,7 +132,7 @@ TEST_F(Signature, AsksFwtoolAndThenJsonfilterForCustomIdAndModel)
 		  (Texts{"-i", side_file, "-e", "@[\"supported_devices\"]"}));
 }
 
-TEST_F(Signature, IsOfNoUseWithoutJsonfilter)
+TEST_F(FirmwareMetadata, IsOfNoUseWithoutJsonfilter)
 {
 	const std::string file = file_with_metadata();
 	files.remove(jsonfilter_path);
@@ -141,7 +141,7 @@ TEST_F(Signature, IsOfNoUseWithoutJsonfilter)
 	EXPECT_TRUE(exists(side_file));
 }
 
-TEST_F(Signature, IsOfNoUseWhenJsonfilterCannotBeStarted)
+TEST_F(FirmwareMetadata, IsOfNoUseWhenJsonfilterCannotBeStarted)
 {
 	const std::string file = file_with_metadata();
 	set_remembered_model("EARLIER");
@@ -153,7 +153,7 @@ TEST_F(Signature, IsOfNoUseWhenJsonfilterCannotBeStarted)
 	EXPECT_TRUE(exists(side_file));
 }
 
-TEST_F(Signature, LeavesNothingOpen)
+TEST_F(FirmwareMetadata, LeavesNothingOpen)
 {
 	const auto before = open_descriptors(getpid());
 	for (int round = 0; round < 5; round++) {
