@@ -57,6 +57,16 @@ def test_steps_are_told_apart(fleet):
         (10, 1, 0), (50, 1, 1)]
 
 
+def test_line_without_a_time_does_not_begin_a_step(fleet):
+    for at, build in ((0, NEW), (DAY, "174300000")):
+        assert fleet.kept("step", "10", "--build", build, "--at", stamp(at)).returncode == 0
+    lines = [line(HOUR, "A", offer="candidate"), "z" * 30 + "\n", "9999-99\n", line(2 * HOUR, "B", offer="candidate"),
+             line(DAY, "C", offer="candidate"), "zz\n"]
+    log = fleet.log(lines)
+    assert fleet.report(log, "--state", fleet.state, "--build", NEW)["rollout"]["offered"] == 2
+    assert fleet.report("--state", fleet.state)["rollout"]["offered"] == 1
+
+
 def test_lines_are_read_once_whatever_becomes_of_the_log(fleet):
     """Growing, rotated, compressed, and half-written at its end."""
     words = ("--state", fleet.state)

@@ -52,7 +52,7 @@ def test_image_is_signed_with_its_build_and_a_router_takes_it(maker, router, ima
 
 def test_plain_image_cannot_be_signed(maker):
     maker.image.write_bytes(uimage(b"kernel"))
-    for result in (maker.publish(sign="release.sec"),
+    for result in (maker.publish(sign="release.sec"), maker.publish(sign="release.sec", dry_run=True),
                    maker.run("sign", maker.image, "--build", "1", "--sign", "release.sec", "--output", "signed.bin")):
         assert result.returncode == 2 and "cannot carry a signature" in result.text, result.text
     assert not maker.out.exists() and not (maker.folder / "signed.bin").exists()

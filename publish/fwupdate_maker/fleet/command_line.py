@@ -159,7 +159,7 @@ def tell(text: str) -> None:
 def opened(options: Options, path: str) -> State:
     """The state, with the logs read."""
     for log in options.logs:
-        if log != "-" and not os.path.isfile(log):
+        if not os.path.isfile(log):
             raise Refusal(f"log '{log}': there is no such file.", "Name the logs that nginx has written.")
     state = State(path)
     since = getattr(options, "since", None)

@@ -14,10 +14,10 @@ import datetime
 import gzip
 import hashlib
 import re
-import sys
 import zlib
 from typing import BinaryIO, Dict, Iterator, List, Tuple
 
+CUT = (EOFError, zlib.error, gzip.BadGzipFile)  # what a gzipped file says that is not whole
 READ = 1 << 20
 LINE_LIMIT = 32768  # nginx takes no longer request
 GROUPS_LIMIT = 400_000  # kept in memory at once, some 400 bytes each
@@ -95,16 +95,13 @@ class Log:
         self.path = path
         self.mark = ""
         self.cut = False
-        with self.opened() as file, contextlib.suppress(EOFError, zlib.error):
+        with self.opened() as file, contextlib.suppress(*CUT):
             first = file.readline(LINE_LIMIT)
             if first.endswith(b"\n"):
                 self.mark = hashlib.sha256(first).hexdigest()
 
     @contextlib.contextmanager
     def opened(self) -> Iterator[BinaryIO]:
-        if self.path == "-":
-            yield sys.stdin.buffer
-            return
         with open(self.path, "rb") as plain:
             packed = plain.read(2) == b"\x1f\x8b"
             plain.seek(0)
@@ -118,7 +115,11 @@ class Log:
         """Whole lines from there on, some at a time, and where they end. A last line
         without an end is still being written."""
         with self.opened() as file:
-            file.seek(offset)
+            try:
+                file.seek(offset)
+            except CUT:
+                self.cut = True
+                return
             rest = b""
             while data := self._read(file):
                 lines = (rest + data).split(b"\n")
@@ -134,6 +135,6 @@ class Log:
     def _read(self, file: BinaryIO) -> bytes:
         try:
             return file.read1(READ)  # type: ignore[attr-defined, no-any-return]
-        except (EOFError, zlib.error, gzip.BadGzipFile):
+        except CUT:
             self.cut = True
             return b""

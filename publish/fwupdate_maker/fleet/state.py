@@ -85,18 +85,25 @@ class State:
     def _read_log(self, log: Log, offset: int) -> int:
         batch = Batch()
         changes = [(at, build) for at, build, _ in self.steps()]
-        offer, change = "", None  # no line is read yet, so the time is not known
+        offer: str = ""
+        change: bytes | None = None  # no line is read yet, so the time is not known
         for lines, offset in log.chunks(offset):
-            start = 0
+            start = at = 0
             if change is None:
-                offer, change, changes = self._offer_at(lines, changes)
+                offer, change = self._offer_at(lines, changes)
             while change and lines[-1][:19] >= change:
+                at = next((i for i in range(at, len(lines)) if lines[i][:19] >= change), len(lines))
+                then, after = self._offer_at(lines[at:at + 1], changes)
+                if after is None:  # no time stands there, or the lines are at their end
+                    at += 1
+                    if at >= len(lines):
+                        break
+                    continue
                 # The lines before the change belong to the offer of before.
-                at = next((i for i in range(start, len(lines)) if lines[i][:19] >= change), len(lines))
                 batch.add(lines[start:at])
                 self._merge(batch, offer)
-                batch, start = Batch(), at
-                offer, change, changes = self._offer_at(lines[at:], changes)
+                batch, start, offer, change = Batch(), at, then, after
+                at += 1
             batch.add(lines[start:] if start else lines)
             if len(batch.groups) > GROUPS_LIMIT:
                 self._merge(batch, offer)
@@ -104,10 +111,9 @@ class State:
         self._merge(batch, offer)
         return offset
 
-    def _offer_at(self, lines: list[bytes], changes: list[tuple[int, str]]
-                  ) -> tuple[str, bytes | None, list[tuple[int, str]]]:
-        """The offer at the first line's time; when it changes next, as the log would write
-        it; the changes. Without a readable time there is none."""
+    def _offer_at(self, lines: list[bytes], changes: list[tuple[int, str]]) -> tuple[str, bytes | None]:
+        """The offer at the first line's time, and when it changes next, as the log would
+        write it: b"" for never, None where no line has a readable time."""
         for line in lines:
             try:
                 now = self.times.seconds(line[:25])
@@ -115,8 +121,8 @@ class State:
                 continue
             offer = ([build for at, build in changes if at <= now] or [""])[-1]
             later = [at for at, _ in changes if at > now]
-            return offer, as_logged(later[0], line[19:25]) if later else b"", changes
-        return "", None, changes
+            return offer, as_logged(later[0], line[19:25]) if later else b""
+        return "", None
 
     def _merge(self, batch: Batch, offer: str) -> None:
         asked, addresses, strange, nameless = self._rows(batch, offer)

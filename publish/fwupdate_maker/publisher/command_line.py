@@ -215,6 +215,9 @@ def release(options: Options, folder: Folder, manifest: Manifest, image: str) ->
     if options.sign is None:
         folder.check_same(manifest, pathlib.Path(image), image)
         check_signature(options, folder, manifest, image)
+    else:
+        with mapped(image) as content:
+            signing.check_can_carry(image, content)
     text = manifest.text()
     say(f"Version {manifest.version}, build {manifest.build}, for the model {model}:"
         f" {os.stat(image).st_size} bytes, manifest {len(text)} of {manifests.ANSWER_LIMIT}.")

@@ -97,17 +97,22 @@ def build_of(image: Any, name: str) -> str | None:
     return None if value is None else str(value)
 
 
-def write_signed(name: str, image: Any, source: BinaryIO, target: BinaryIO, key: str, build: str) -> None:
-    """Writes the image with the build in its metadata and a signature of `key` at its end.
-    `image` are the bytes of `source`; a signature and metadata that it has are replaced."""
+def check_can_carry(name: str, image: Any) -> None:
+    """Refuses an image that has no place for a signature."""
     try:
-        metadata = fwtool.read_metadata(name, image)
+        fwtool.metadata_chunk(name, image)
     except fwtool.NoMetadata:
         raise Refusal(f"image '{name}': it cannot carry a signature. A plain U-Boot image has nowhere to put it:"
                       " its data checksum covers whatever follows.",
                       "Build an image with fwtool metadata: docs/firmware-images.md shows how.") from None
-    start = fwtool.metadata_chunk(name, image).start
-    writer = fwtool.copy_with_metadata(source, start, {**metadata, fwtool.BUILD_MEMBER: build}, target)
+
+
+def write_signed(name: str, image: Any, source: BinaryIO, target: BinaryIO, key: str, build: str) -> None:
+    """Writes the image with the build in its metadata and a signature of `key` at its end.
+    `image` are the bytes of `source`; a signature and metadata that it has are replaced."""
+    check_can_carry(name, image)
+    metadata = {**fwtool.read_metadata(name, image), fwtool.BUILD_MEMBER: build}
+    writer = fwtool.copy_with_metadata(source, fwtool.metadata_chunk(name, image).start, metadata, target)
     target.flush()
     with temporary_folder() as folder:
         call("-S", "-m", str(target.name), "-s", key, "-x", str(folder / "sig"))
