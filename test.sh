@@ -21,10 +21,11 @@ RUN, with its time on two idle cores:
   --web               the update page in a real browser; with --pictures the screenshots
                       in docs/pictures are taken anew (5 min)
   --vm                updates on the virtual router, power cuts included (13 min)
-  --arch ARCH         the tests for another architecture, run by an emulator where one is
-                      needed; what it cannot do is in tests/not-emulated.md (20 min). With
-                      --quick: the unit tests, and an update by a daemon of ARCH on a
-                      bus of this machine (3 min)
+  --arch ARCH         the tests with musl, as on a router: x86_64-musl, or mips-musl,
+                      mipsel-musl, aarch64-musl, armhf-musl by an emulator; what it cannot
+                      do is in tests/not-emulated.md (20 min). With --quick: the unit
+                      tests, and an update by a daemon of ARCH on a bus of this machine
+                      (3 min). The first time its compiler and libraries are made (10 min)
   --mutants N         N small changes that the tests must notice (1 min each, 5 before)
   --help              show this
 
@@ -185,7 +186,9 @@ check_not_emulated() {
 }
 
 prepare_arch() {
-	testbed/sysroot "$arch" && emulate=(testbed/emulate "$arch") &&
+	local maker=sysroot
+	[[ $arch != *-musl ]] || maker=toolchain
+	"testbed/$maker" "$arch" && emulate=(testbed/emulate "$arch") &&
 		excluded=$(tests/not_emulated all "$arch")
 }
 
