@@ -108,6 +108,11 @@ def links(path):
             yield target
 
 
+def test_index_has_every_page():
+    folder = console.project / "docs"
+    assert {path.name for path in folder.glob("*.md")} - {"README.md"} - set(links(folder / "README.md")) == set()
+
+
 @pytest.mark.parametrize("path", DOCUMENTS, ids=name)
 def test_links_lead_somewhere(path):
     missing = [target for target in links(path) if not (path.parent / target).exists()]
