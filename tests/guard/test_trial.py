@@ -205,6 +205,15 @@ def test_the_old_firmware_ends_the_trial(guard, told, count, check, refused):
     assert not rebooted(guard)
 
 
+@pytest.mark.parametrize("told", ["firmware", ""])
+def test_after_a_return_bootpart_is_put_back_to_the_old_firmware(guard, told):
+    """The boot loader took the old one without writing that down."""
+    begin(guard, told, 4, runs="171000000")
+    guard.install(guard.body())
+    assert guard.reason() == "not signed"
+    assert guard.variable("bootpart") == "firmware"
+
+
 def test_the_old_firmware_never_confirms_itself(guard):
     """Also where the boot loader took it without a word."""
     begin(guard, told="", runs="171000000")
