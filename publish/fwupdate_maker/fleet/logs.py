@@ -20,7 +20,7 @@ from typing import BinaryIO, Dict, Iterator, List, Tuple
 CUT = (EOFError, zlib.error, gzip.BadGzipFile)  # what a gzipped file says that is not whole
 READ = 1 << 20
 LINE_LIMIT = 32768  # nginx takes no longer request
-GROUPS_LIMIT = 400_000  # kept in memory at once, some 400 bytes each
+GROUPS_LIMIT = 200_000  # kept in memory at once, some 700 bytes each
 MANIFEST = b"/update.xml"
 NAMELESS = (b"sn=-\t", b"sn=\t")  # nginx writes "-" for what the query does not have
 FACT = re.compile(rb"[!-\[\]-~]{1,31}")  # what a router has room for; nginx writes other bytes with a backslash
