@@ -39,7 +39,10 @@ function dispatch(type, more) {
 
 function draw() {
 	const shown = picture(model, Date.now());
+	const before = document.activeElement;
 	show(shown);
+	if (!before.checkVisibility())
+		wanted ||= "title"; // what had the focus is gone
 	if (wanted && shown.stage !== "opening")
 		focus(wanted, model.user);
 	wanted = shown.stage === "opening" ? wanted : "";

@@ -47,8 +47,9 @@ for (const name of ["asking", "loading", "verifying", "installing", "restarting"
 }
 
 test("a tab that slept asks for the password with the reason", () => {
-	const { stage: at, "job-text": words, asked } = shown([after(3600), looked(DENIED)], scene("loading"));
+	const { stage: at, "job-text": words, asked, "sign-in-why": why } = shown([after(3600), looked(DENIED)], scene("loading"));
 	assert.equal(at, "returned");
+	assert.equal(why, false, "nobody knows whether the update goes on");
 	assert.equal(words, "Sign in to see what became of the update.");
 	assert.ok(asked.includes("destroy"));
 });

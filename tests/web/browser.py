@@ -77,8 +77,8 @@ class Page:
         return self.driver.execute_script(code, *args)
 
     def text(self, name):
-        """What is visible of it, without the marks that fence values off."""
-        return self.find(name).text.replace("\u2068", "").replace("\u2069", "")
+        """What is visible of it. The page may be loaded anew at any time, hence by one script."""
+        return self.script("const one = document.getElementById(arguments[0]); return one && one.checkVisibility() ? one.innerText.trim() : ''", name)
 
     def visible(self, name):
         return self.script("return document.getElementById(arguments[0]).checkVisibility()", name)

@@ -96,9 +96,9 @@ def test_update_of_somebody_else_ends_well(router, page):
 
 
 def test_account_without_rights_is_told_so(router, page):
-    router.run("""printf "config login\\n\\toption username 'guest'\\n\\toption password ''\\n\\tlist read 'unauthenticated'\\n" >>/etc/config/rpcd""")
+    router.run("""printf "config login\\n\\toption username 'guest'\\n\\toption password '\\$p\\$root'\\n\\tlist read 'unauthenticated'\\n" >>/etc/config/rpcd""")
     page.open()
-    page.sign_in("guest", "")
+    page.sign_in("guest")
     page.await_text("sign-in-fault", "This account may not use this page.")
     assert not page.visible("sign-in-why")
     page.sign_in()

@@ -17,7 +17,7 @@ def luci(router, page):
     def put():
         router.run(f"""cp -R {PROJECT}/testbed/web/luci/. {package}/htdocs/. /www/; cp -R {package}/root/. /
             cp {package}/root/usr/share/luci/menu.d/*.json /www/luci-static/menu.json
-            printf "config login\\n\\toption username 'guest'\\n\\toption password ''\\n\\tlist read 'luci-app-fwupdate'\\n\\tlist read 'unauthenticated'\\n" >>/etc/config/rpcd""")
+            printf "config login\\n\\toption username 'guest'\\n\\toption password '\\$p\\$root'\\n\\tlist read 'luci-app-fwupdate'\\n\\tlist read 'unauthenticated'\\n" >>/etc/config/rpcd""")
 
     def enter(user="root", password="router"):
         put()
@@ -68,7 +68,7 @@ def test_signing_out_ends_lucis_session(router, luci):
 
 def test_account_that_may_only_look(router, luci):
     router.offer()
-    page = luci("guest", "")
+    page = luci("guest")
     page.await_text("fwupdate-available", "r1300")
     assert page.text("fwupdate-open") == "Show…"
     page.click("fwupdate-open")
