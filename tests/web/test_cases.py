@@ -81,7 +81,7 @@ def test_new_firmwares_page_takes_over_when_the_router_is_back(router, page):
 def test_update_of_somebody_else_ends_well(router, page):
     router.offer_slowly()
     page.open_and_sign_in()
-    router.run("setsid ubus -t 60 call fwupdate update >/dev/null 2>&1 &")
+    router.run("busybox setsid ubus -t 60 call fwupdate update >/dev/null 2>&1 &")
     page.await_stage("Downloading")
     assert page.text("job-hint") == "Somebody else started this update."
     router.release()
