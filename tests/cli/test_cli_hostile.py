@@ -92,7 +92,7 @@ def test_what_is_no_utf_8_is_left_out(router, bad):
 
 def test_what_is_not_seen_is_the_same_as_on_the_page(router):
     """At the edges of every range of the page's list, and one beyond."""
-    source = re.search(r"^const UNSHOWABLE = /\[(.*)\]\|\\p\{Cs\}/gu;$", (PROJECT / "web/page.js").read_text(), re.M).group(1)
+    source = re.search(r"^const UNSHOWABLE = /\[(.*)\]\|\\p\{Cs\}/gu;$", (PROJECT / "web/facts.js").read_text(), re.M).group(1)
     ranges = re.sub(r"\\u\{(\w+)\}", lambda code: f"\\U{code.group(1):0>8}", source).replace("\\0", "\\x00")
     hidden = re.compile(f"[{ranges}]")
     edges = {ord(c) + d for c in re.findall(r".", eval(f"'{ranges}'"), re.S) if c != "-" for d in (-1, 0, 1)}
