@@ -269,7 +269,7 @@ int main(int argc, char **argv)
 {
 	Request request;
 	int actions = 0;
-	for (int option; (option = getopt(argc, argv, "i:I:s:S:tTq")) != -1;) {
+	for (int option; (option = getopt(argc, argv, "+i:I:s:S:tTq")) != -1;) {
 		switch (option) {
 		case 'i':
 		case 'I':

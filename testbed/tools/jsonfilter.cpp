@@ -179,7 +179,7 @@ int main(int argc, char **argv)
 	Json document;
 	int result = all_matched;
 	bool asked = false;
-	for (int option; (option = getopt(argc, argv, "qi:s:e:t:")) != -1;) {
+	for (int option; (option = getopt(argc, argv, "+qi:s:e:t:")) != -1;) {
 		switch (option) {
 		case 'q':
 			source.quiet = true;

@@ -137,7 +137,7 @@ int usage()
 int main(int argc, char **argv)
 {
 	const char *socket = nullptr; // the usual one
-	for (int option; (option = getopt(argc, argv, "s:d:")) != -1;) {
+	for (int option; (option = getopt(argc, argv, "+s:d:")) != -1;) {
 		switch (option) {
 		case 's':
 			socket = optarg;

@@ -90,7 +90,7 @@ std::optional<CommandLine> parse_command_line(int argc, char **argv)
 	CommandLine line;
 	int option = 0;
 
-	while ((option = getopt(argc, argv, "s:t:Sv")) != -1) {
+	while ((option = getopt(argc, argv, "+s:t:Sv")) != -1) {
 		switch (option) {
 		case 's':
 			line.socket = optarg;

@@ -156,7 +156,7 @@ int main(int argc, char **argv)
 	std::string path = default_socket;
 	int option = 0;
 
-	while ((option = getopt(argc, argv, "s:")) != -1) {
+	while ((option = getopt(argc, argv, "+s:")) != -1) {
 		if (option != 's') {
 			std::fprintf(stderr, "Usage: ubusd [-s SOCKET]\n");
 			return 1;

@@ -219,6 +219,7 @@ TEST_F(FwTool, ExplainsItsUse)
 	for (const std::vector<std::string> &options : std::vector<std::vector<std::string>>{
 		     {},
 		     {firmware},
+		     {firmware, "-i", path("out")}, // options come first
 		     {"-t", firmware},
 		     {"-z", firmware},
 		     {"-i"},
