@@ -37,7 +37,7 @@ TEST_F(Log, SendsUserInfoWithIdentAndProcessId)
 	EXPECT_EQ(line.priority, LOG_USER | LOG_INFO);
 	EXPECT_EQ(line.ident, "fwupdate");
 	EXPECT_EQ(line.pid, getpid());
-	EXPECT_EQ(line.text, "Error on reading cpe_sn\n");
+	EXPECT_EQ(line.text, "Error on reading cpe_sn");
 }
 
 TEST_F(Log, LastTextIsKeptWithItsLineEnd)
@@ -52,7 +52,7 @@ TEST_F(Log, LastTextIsKeptWithItsLineEnd)
 TEST_F(Log, TextIsNotTakenForAFormat)
 {
 	log_message("%s", "100%s %n done\n");
-	EXPECT_EQ(syslog.lines().at(0).text, "100%s %n done\n");
+	EXPECT_EQ(syslog.lines().at(0).text, "100%s %n done");
 }
 
 TEST_F(Log, KeptTextStopsAt255CharactersAndLoggedTextAt511)

@@ -42,7 +42,7 @@ TEST_F(UpdateJobCallbacks, TimeoutLogsUnlessAnAttemptHasFailedBefore)
 	expect_finished(ERROR_DOWNLOAD);
 	EXPECT_EQ(fcntl(descriptor, F_GETFD), -1);
 	ASSERT_EQ(syslog.lines().size(), 1u);
-	EXPECT_EQ(syslog.lines().front().text, "Unable to download firmware: timeout\n");
+	EXPECT_EQ(syslog.lines().front().text, "Unable to download firmware: timeout");
 }
 
 TEST_F(UpdateJobCallbacks, RetryDeletesTheImageAndTheDelayAndKeepsTheRest)

@@ -122,7 +122,7 @@ TEST_F(Facts, ManifestUrlThatIsNotSetIsLoggedAndEmpty)
 {
 	gather_device_facts();
 	EXPECT_STREQ(device_facts.cpe_update_xml_url, "");
-	EXPECT_THAT(logged(), ElementsAre("Error on reading cpe_update_xml_url\n"));
+	EXPECT_THAT(logged(), ElementsAre("Error on reading cpe_update_xml_url"));
 }
 
 TEST_F(Facts, ManifestUrlIsCutTo255Characters)

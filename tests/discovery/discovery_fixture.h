@@ -31,14 +31,10 @@ protected:
 		RouterFixture::TearDown();
 	}
 
-	// What was logged, line ends included.
+	// What was logged.
 	std::vector<std::string> logged() const
 	{
-		std::vector<std::string> texts;
-		for (const LogLine &line : syslog.lines()) {
-			texts.push_back(line.text);
-		}
-		return texts;
+		return syslog.texts();
 	}
 
 	SyslogCatcher syslog;

@@ -135,9 +135,9 @@ TEST_F(ManifestValue, ThatIsMissingIsLoggedByItsName)
 	EXPECT_EQ(bytes(), untouched);
 	EXPECT_EQ(get("buildtime"), -1);
 	EXPECT_THAT(logged(), ElementsAre("Error parsing XML recived from update server, "
-					  "can't find 'url' section\n",
+					  "can't find 'url' section",
 					  "Error parsing XML recived from update server, "
-					  "can't find 'buildtime' section\n"));
+					  "can't find 'buildtime' section"));
 }
 
 TEST_F(ManifestValue, OfNoDocumentIsMissing)
@@ -145,7 +145,7 @@ TEST_F(ManifestValue, OfNoDocumentIsMissing)
 	EXPECT_EQ(get("url"), -1);
 	EXPECT_EQ(bytes(), untouched);
 	EXPECT_THAT(logged(), ElementsAre("Error parsing XML recived from update server, "
-					  "can't find 'url' section\n"));
+					  "can't find 'url' section"));
 }
 
 TEST_F(ManifestValue, WithoutTextIsLoggedAndTakenOut)
@@ -164,7 +164,7 @@ TEST_F(ManifestValue, WithoutTextIsLoggedAndTakenOut)
 		EXPECT_EQ(get("url"), -1);
 		EXPECT_EQ(bytes(), untouched);
 		EXPECT_THAT(logged(), ElementsAre("Error parsing XML recived from update server, "
-						  "can't get 'url' value\n"));
+						  "can't get 'url' value"));
 		EXPECT_EQ(get("url"), 0);
 		EXPECT_STREQ(field, "next");
 		EXPECT_EQ(get("b"), -1);

@@ -36,7 +36,7 @@ protected:
 
 std::string failure_of(const std::string &fact)
 {
-	return "Error on reading " + fact + "\n";
+	return "Error on reading " + fact;
 }
 
 // What the shell says about a missing tool goes to the daemon's standard error, and is of no
@@ -129,11 +129,10 @@ TEST_F(MissingFacts, EachFailureHasItsMessageInTheOrderOfGathering)
 	files.install_tool("/sbin/ip", "exit 1");
 	gather_quietly();
 	EXPECT_THAT(logged(),
-		    ElementsAre("Error on reading cpe_sn\n", "Error on reading cpe_version\n",
-				"Error on reading cpe_builddate\n",
-				"Error on reading cpe_wan_device\n",
-				"Error on reading cpe_wan_if\n",
-				"Error on reading cpe_update_xml_url\n"));
+		    ElementsAre("Error on reading cpe_sn", "Error on reading cpe_version",
+				"Error on reading cpe_builddate", "Error on reading cpe_wan_device",
+				"Error on reading cpe_wan_if",
+				"Error on reading cpe_update_xml_url"));
 	EXPECT_STREQ(update_context.message, "Error on reading cpe_update_xml_url\n");
 }
 
@@ -153,8 +152,8 @@ TEST_F(MissingFacts, FailuresOfBoardAndProductNameHaveTheirMessages)
 	files.set_board("{}");
 	EXPECT_STREQ(read_cpe_model(), "");
 	EXPECT_STREQ(read_cpe_product_name(), "");
-	EXPECT_THAT(logged(), ElementsAre("Error on reading cpe_model\n",
-					  "Error on reading cpe_product_name\n"));
+	EXPECT_THAT(logged(),
+		    ElementsAre("Error on reading cpe_model", "Error on reading cpe_product_name"));
 }
 
 TEST_F(MissingFacts, FailureLeavesNothingOfAnEarlierValue)

@@ -76,7 +76,7 @@ TEST_F(RequestUrl, IsAlwaysTheConfiguredOneHoweverShort)
 {
 	set_url("a");
 	EXPECT_EQ(query_update_server(), -1);
-	EXPECT_TRUE(syslog.contains("(url = 'a" + facts_of_the_router + "')\n"));
+	EXPECT_TRUE(syslog.contains("(url = 'a" + facts_of_the_router + "')"));
 }
 
 TEST_F(RequestUrl, HasEmptyValuesForFactsThatAreMissing)
@@ -149,7 +149,7 @@ TEST_F(RequestUrl, WithABlankOrControlCharacterIsNotAsked)
 					server.url("/update.xml?fw=171000000&version=r1234"
 						   "&mac=02:00:00:00:00:10&ip=192.0.2.10"
 						   "&model=QOR,MODEL-X&sn=") +
-					serial + "&customid=&os=VOLKRAN')\n";
+					serial + "&customid=&os=VOLKRAN')";
 		const std::vector<std::string> messages = query_messages();
 		ASSERT_EQ(messages.size(), 1u);
 		EXPECT_THAT(messages[0],

@@ -149,14 +149,16 @@ TEST_F(WorkerTest, TargetThatCannotBeMadeEndsItWithoutARecord)
 TEST_F(WorkerTest, MissingMemoryForTheTransferEndsItWithoutARecord)
 {
 	Worker worker(server.url("/f"), 30, [] {
-		// Enough for the open file, and for nothing else.
+		// Enough for the open file and a log line, and for nothing else.
+		std::FILE *file = std::fopen("/dev/null", "w");
 		void *reserve = std::malloc(1500);
 		const rlimit none = {0, 0};
 		setrlimit(RLIMIT_AS, &none);
-		for (std::size_t size = 1 << 20; size >= 16; size /= 2) {
+		for (std::size_t size = 1 << 20; size >= 16; size -= size / 8) {
 			while (std::malloc(size) != nullptr) { // NOLINT(*-unix.Malloc)
 			}
 		}
+		std::fclose(file);
 		std::free(reserve);
 	});
 	EXPECT_TRUE(worker.records().empty());

@@ -103,7 +103,7 @@ TEST_F(Startup, MissingBusEndsItWithStatus255)
 	EXPECT_EQ(daemon.wait().code, 255);
 	EXPECT_EQ(daemon.errors(), "");
 	ASSERT_EQ(syslog.lines().size(), 1u);
-	EXPECT_EQ(syslog.lines()[0].text, "Failed to connect to ubus\n");
+	EXPECT_EQ(syslog.lines()[0].text, "Failed to connect to ubus");
 }
 
 TEST_F(Startup, MissingBusIsSilentWithoutDebug)

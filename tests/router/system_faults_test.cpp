@@ -3,7 +3,6 @@
 // docs/reliability.md. What a test leaves behind is compared by its fixture.
 #include <optional>
 #include <sys/resource.h>
-#include <sys/syscall.h>
 
 #include "router/update_fixture.h"
 #include "support/fault_row.h"
@@ -52,16 +51,12 @@ protected:
 	std::optional<LateRefusals> refusals_;
 };
 
-const std::vector<int> processes = {SYS_clone, SYS_clone3, SYS_fork, SYS_vfork};
-const std::vector<int> forks = {SYS_clone, SYS_fork};
-const std::vector<int> pipes = {SYS_pipe, SYS_pipe2};
-
 TEST_F(RefusedDaemon, WithoutProcessesFailsTheCheckOnly)
 {
 	record({.fault = "No process to be had for any tool.",
 		.caller = "`check`: code 1; the next one succeeds"});
 	offer();
-	start_under(processes);
+	start_under(process_calls);
 	refuse(EAGAIN);
 	EXPECT_EQ(text_of(daemon().check().fields, "error_code"), "1");
 	EXPECT_TRUE(syslog.contains("Error on reading cpe_sn"));
@@ -75,7 +70,7 @@ TEST_F(RefusedDaemon, WithoutAProcessForDfIsAFailedStart)
 	record({.fault = "No process to be had when a download starts.",
 		.caller = "`update`: code 2, \"Error on reading tmpfs\"",
 		.left = stuck});
-	start_checked(processes);
+	start_checked(process_calls);
 	refuse(EAGAIN);
 	expect_outcome(daemon().update(), {.code = 2, .text = "Error on reading tmpfs\n"});
 	allow();
@@ -87,8 +82,8 @@ TEST_F(RefusedDaemon, WithoutAProcessForTheWorkerIsAFailedStart)
 	record({.fault = "No process to be had for the worker.",
 		.caller = "`update`: code 2, \"Error, couldn't get CURL pipe\"",
 		.left = stuck});
-	start_checked(forks);
-	refuse(EAGAIN);
+	start_checked(process_calls);
+	refuse(EAGAIN, 5); // for df, fw_printenv and the memory
 	expect_outcome(daemon().update(), {.code = 2, .text = "Error, couldn't get CURL pipe\n"});
 	EXPECT_EQ(syslog.texts(), (std::vector<std::string>{"Error, couldn't fork!",
 							    "Error, couldn't get CURL pipe"}));
@@ -102,8 +97,8 @@ TEST_F(RefusedDaemon, WorkerIsStartedWhenThereIsAProcessAgain)
 	record({.fault = "No process to be had for the first of three workers.",
 		.caller = "`update`: code 0",
 		.left = "the installed image"});
-	start_checked(forks);
-	refuse(EAGAIN);
+	start_checked(process_calls);
+	refuse(EAGAIN, 5); // for df, fw_printenv and the memory
 	PendingCall pending = daemon().start_update({int32_field("attempts", 3)});
 	ASSERT_TRUE(syslog.wait_for("Error, couldn't get CURL pipe"));
 	allow();
@@ -117,10 +112,10 @@ TEST_F(RefusedDaemon, WithoutAPipeForTheWorkerIsAFailedStart)
 		.caller = "`update`: code 2, \"Error, couldn't get CURL pipe\"",
 		.left = stuck});
 	offer(answer(good_image()));
-	start_under(pipes);
+	start_under(pipe_calls);
 	daemon().test({string_field("partition", "unlisted")});
 	EXPECT_EQ(text_of(daemon().check().fields, "error_code"), "0");
-	refuse(EMFILE, 1); // the first is for df
+	refuse(EMFILE, pipes_of_a_command); // for df
 	expect_outcome(daemon().update(), {.code = 2, .text = "Error, couldn't get CURL pipe\n"});
 	EXPECT_EQ(syslog.texts(), (std::vector<std::string>{"Error, couldn't open pipe!",
 							    "Error, couldn't get CURL pipe"}));
@@ -133,7 +128,7 @@ TEST_F(RefusedDaemon, WithoutProcessesRefusesTheImage)
 	record({.fault = "No process to be had when the image is checked.",
 		.caller = "`update`: code 3, \"Bad Model [-9]\""});
 	offer(answer(good_image()).hold());
-	start_under(processes);
+	start_under(process_calls);
 	PendingCall pending = daemon().start_update();
 	ASSERT_TRUE(server.wait_for_requests(firmware, 1));
 	refuse(EAGAIN);
@@ -146,11 +141,11 @@ TEST_F(RefusedDaemon, WithoutProcessesRefusesTheImage)
 TEST_F(RefusedDaemon, WithoutAProcessForTheInstallerInstallsNothing)
 {
 	record({.fault = "No process to be had for the installer.",
-		.caller = "`update`: code 0, nothing logged",
+		.caller = "`update`: code 0; \"Can't run sysupgrade\" is logged",
 		.left = "the image, not installed"});
 	clock.stop();
 	offer(answer(good_image()));
-	start_under(processes, FakeClock::settings());
+	start_under(process_calls, FakeClock::settings());
 	PendingCall pending = daemon().start_update({int32_field("delay", 1)});
 	ASSERT_TRUE(daemon().wait_for_state("WAIT_DELAY"));
 	refuse(EAGAIN);
@@ -160,7 +155,11 @@ TEST_F(RefusedDaemon, WithoutAProcessForTheInstallerInstallsNothing)
 	EXPECT_EQ(daemon().state_name(), "WAIT_DELAY");
 	allow();
 	EXPECT_EQ(files.tool_calls(installer), Calls{});
+#ifdef __GLIBC__ // answers as when the installer was started and failed; routers have musl
 	EXPECT_EQ(syslog.texts(), std::vector<std::string>{});
+#else
+	EXPECT_EQ(syslog.texts(), std::vector<std::string>{"Can't run sysupgrade"});
+#endif
 	EXPECT_TRUE(exists(image_path));
 	may_leave_image = true;
 }

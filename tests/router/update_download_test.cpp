@@ -105,8 +105,8 @@ TEST_F(UpdateDownload, FailsForAnAddressThatCannotBeUsed)
 		std::string url;
 		const char *log;
 	} const cases[] = {
-		{"http://127.0.0.1:" + std::to_string(unused_port()) + "/x", "connect to server\n"},
-		{"nonsense://127.0.0.1/x", "Unsupported protocol\n"},
+		{"http://127.0.0.1:" + std::to_string(unused_port()) + "/x", "connect to server"},
+		{"nonsense://127.0.0.1/x", "Unsupported protocol"},
 		{"http://127.0.0.1:99999/x", "Unable to download firmware: "},
 		{"file:///tmp/there/is/none", "Unable to download firmware: "},
 		{" ", "Unable to download firmware: "},
@@ -147,7 +147,7 @@ TEST_F(UpdateDownload, FailureIsAnsweredWithTheDaemonsLastLogLine)
 	expect_outcome(daemon().update(), {.code = 2, .text = line});
 	EXPECT_EQ(logged(syslog), "<" + line +
 					  "><Unable to download firmware: "
-					  "HTTP response code said error\n>");
+					  "HTTP response code said error>");
 }
 
 TEST_F(UpdateDownload, SaysNothingWithoutDebug)
@@ -231,7 +231,7 @@ TEST_F(UpdateDownload, FailsWhenTheTargetCannotBeCreated)
 	offer(answer(good_image()));
 	start_daemon();
 	expect_outcome(daemon().update(), {.code = 2, .text = download_failed});
-	EXPECT_EQ(logged(syslog), "<Error, couldn't open /tmp/fwupdate.bin\n>");
+	EXPECT_EQ(logged(syslog), "<Error, couldn't open /tmp/fwupdate.bin>");
 	EXPECT_EQ(downloads(), 0u);
 	may_leave_image = true;
 }

@@ -125,7 +125,7 @@ TEST_F(UpdateRetry, GivesUpAtOnceForATimeoutThatIsNotPositive)
 			       {.code = 2, .text = timed_out_text});
 		const auto line = syslog.wait_for("timeout");
 		ASSERT_TRUE(line.has_value());
-		EXPECT_EQ(line->text, timed_out_text);
+		EXPECT_EQ(line->text + "\n", timed_out_text);
 		EXPECT_EQ(line->pid, daemon().pid());
 		EXPECT_EQ(daemon().state_name(), "NONE");
 		EXPECT_TRUE(daemon().wait_for_workers(0));

@@ -15,6 +15,13 @@ namespace
 
 constexpr std::int64_t nanoseconds = 1000000000;
 
+// Where seconds outgrew a long, the call has another number.
+#ifdef SYS_clock_gettime
+constexpr long clock_call = SYS_clock_gettime;
+#else
+constexpr long clock_call = SYS_clock_gettime64;
+#endif
+
 const volatile router_test::ClockControl *control()
 {
 	static const void *mapping = [] {
@@ -55,7 +62,7 @@ extern "C" {
 
 int clock_gettime(clockid_t clock, timespec *time) noexcept
 {
-	const long result = syscall(SYS_clock_gettime, clock, time);
+	const long result = syscall(clock_call, clock, time);
 	const auto *changes = control();
 	if (result != 0 || changes == nullptr) {
 		return static_cast<int>(result);

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <linux/close_range.h>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/mman.h>
@@ -93,7 +94,8 @@ Pipe open_pipe()
 	dup2(input, STDIN_FILENO);
 	dup2(output, STDOUT_FILENO);
 	dup2(errors, STDERR_FILENO);
-	close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
+	syscall(SYS_close_range, STDERR_FILENO + 1, ~0U,
+		CLOSE_RANGE_CLOEXEC); // not every C library has it
 	execve(program, words, environment);
 	int reason = errno;
 	if (write(failure, &reason, sizeof(reason)) < 0) {

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <future>
+#include <limits>
 #include <linux/capability.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
@@ -53,19 +54,28 @@ void require(bool installed)
 	}
 }
 
-// Answers each call that the filter hands over: the second is refused, the others go on. Returns
-// when the filtered thread has ended.
-void refuse_second_call(int listener)
+// Which of the calls of one thread are refused, counted from 1; what it starts is refused nothing.
+struct Refused {
+	int error;
+	int first;
+	int last;
+};
+
+// Answers each call that the filter hands over. Returns when the filtered thread has ended.
+void answer_calls(int listener, pid_t thread, const Refused &refused)
 {
 	pollfd watched = {.fd = listener, .events = POLLIN, .revents = 0};
-	for (int count = 1; poll(&watched, 1, -1) > 0 && (watched.revents & POLLIN) != 0; count++) {
+	int count = 0;
+	while (poll(&watched, 1, -1) > 0 && (watched.revents & POLLIN) != 0) {
 		seccomp_notif request = {};
 		if (ioctl(listener, SECCOMP_IOCTL_NOTIF_RECV, &request) != 0) {
 			continue;
 		}
+		count += static_cast<pid_t>(request.pid) == thread ? 1 : 0;
 		seccomp_notif_resp response = {.id = request.id, .val = 0, .error = 0, .flags = 0};
-		if (count == 2) {
-			response.error = -EMFILE;
+		if (static_cast<pid_t>(request.pid) == thread && count >= refused.first &&
+		    count <= refused.last) {
+			response.error = -refused.error;
 		} else {
 			response.flags = SECCOMP_USER_NOTIF_FLAG_CONTINUE;
 		}
@@ -73,7 +83,52 @@ void refuse_second_call(int listener)
 	}
 }
 
+void with_some_refused(const std::vector<int> &calls, const Refused &refused,
+		       const std::function<void()> &step)
+{
+	std::promise<std::pair<int, pid_t>> filtered;
+	std::thread running([&] {
+		const int installed = install(make_filter(calls, SECCOMP_RET_USER_NOTIF),
+					      SECCOMP_FILTER_FLAG_NEW_LISTENER);
+		filtered.set_value({installed, static_cast<pid_t>(syscall(SYS_gettid))});
+		if (installed >= 0) {
+			step();
+		}
+	});
+	const auto [listener, thread] = filtered.get_future().get();
+	if (listener >= 0) {
+		answer_calls(listener, thread, refused);
+		close(listener);
+	}
+	running.join();
+	require(listener >= 0);
+}
+
 } // namespace
+
+// The newer processors have the general calls only.
+const std::vector<int> process_calls = {
+	SYS_clone,
+	SYS_clone3,
+#ifdef SYS_fork
+	SYS_fork,
+#endif
+#ifdef SYS_vfork
+	SYS_vfork,
+#endif
+};
+const std::vector<int> pipe_calls = {
+	SYS_pipe2,
+#ifdef SYS_pipe
+	SYS_pipe,
+#endif
+};
+static const std::vector<int> open_calls = {
+	SYS_openat,
+#ifdef SYS_open
+	SYS_open,
+#endif
+};
 
 void with_refused(const std::vector<int> &calls, int error, const std::function<void()> &step)
 {
@@ -90,32 +145,19 @@ void with_refused(const std::vector<int> &calls, int error, const std::function<
 
 void with_processes_refused(const std::function<void()> &step)
 {
-	with_refused({SYS_clone, SYS_clone3, SYS_fork, SYS_vfork}, EAGAIN, step);
+	with_refused(process_calls, EAGAIN, step);
 }
 
-void with_pipes_refused(const std::function<void()> &step)
+void with_pipes_refused(const std::function<void()> &step, int commands_before)
 {
-	with_refused({SYS_pipe, SYS_pipe2}, EMFILE, step);
+	const int pipes_before = commands_before * (static_cast<int>(pipes_of_a_command) - 1);
+	with_some_refused(pipe_calls, {EMFILE, pipes_before + 1, std::numeric_limits<int>::max()},
+			  step);
 }
 
 void with_second_open_refused(const std::function<void()> &step)
 {
-	std::promise<int> listener;
-	std::thread thread([&] {
-		const int installed = install(make_filter({SYS_openat}, SECCOMP_RET_USER_NOTIF),
-					      SECCOMP_FILTER_FLAG_NEW_LISTENER);
-		listener.set_value(installed);
-		if (installed >= 0) {
-			step();
-		}
-	});
-	const int descriptor = listener.get_future().get();
-	if (descriptor >= 0) {
-		refuse_second_call(descriptor);
-		close(descriptor);
-	}
-	thread.join();
-	require(descriptor >= 0);
+	with_some_refused(open_calls, {EMFILE, 2, 2}, step);
 }
 
 LateRefusals::LateRefusals(const std::vector<int> &calls, const std::function<void()> &start)

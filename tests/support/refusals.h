@@ -15,6 +15,17 @@
 namespace router_test
 {
 
+// The system calls by which a C library starts a process, and by which it makes a pipe.
+extern const std::vector<int> process_calls;
+extern const std::vector<int> pipe_calls;
+
+// So many pipes does popen(3) make: musl needs one of its own to learn how the start went.
+#ifdef __GLIBC__
+constexpr std::size_t pipes_of_a_command = 1;
+#else
+constexpr std::size_t pipes_of_a_command = 2;
+#endif
+
 // Runs `step` in a thread of its own in which each of these system calls (SYS_...) fails with
 // `error`.
 void with_refused(const std::vector<int> &calls, int error, const std::function<void()> &step);
@@ -22,8 +33,8 @@ void with_refused(const std::vector<int> &calls, int error, const std::function<
 // The same, with what fork(2), system(3) and popen(3) rest on.
 void with_processes_refused(const std::function<void()> &step);
 
-// The same, with what popen(3) needs and system(3) does not.
-void with_pipes_refused(const std::function<void()> &step);
+// The same for the pipes that popen(3) makes, when system(3) has run so many commands before.
+void with_pipes_refused(const std::function<void()> &step, int commands_before = 0);
 
 // The same for the second file that the step opens; all others are opened.
 void with_second_open_refused(const std::function<void()> &step);

@@ -31,12 +31,15 @@ int to_number(std::string_view text)
 	return number;
 }
 
-// "<14>Jan  2 03:04:05 fwupdate[123]: text"
-LogLine parse_line(const std::string &raw)
+// "<14>Jan  2 03:04:05 fwupdate[123]: text". A line feed at the end is no part of the text: musl
+// puts one there when there is none.
+LogLine parse_line(std::string raw)
 {
+	if (raw.ends_with('\n')) {
+		raw.pop_back();
+	}
 	constexpr std::size_t stamp_size = sizeof("Jan  2 03:04:05 ") - 1;
 	LogLine line;
-	line.raw = raw;
 	line.text = raw;
 	std::string_view rest = raw;
 	std::size_t bracket = rest.find('>');
@@ -146,11 +149,7 @@ std::vector<std::string> SyslogCatcher::texts() const
 {
 	std::vector<std::string> texts;
 	for (const LogLine &line : lines()) {
-		std::string text = line.text;
-		if (text.ends_with('\n')) {
-			text.pop_back();
-		}
-		texts.push_back(text);
+		texts.push_back(line.text);
 	}
 	return texts;
 }

@@ -20,8 +20,7 @@ struct LogLine {
 	int priority = -1; // facility | level, as sent: LOG_USER | LOG_INFO is 14
 	std::string ident = {};
 	pid_t pid = 0;	       // 0 when the sender gave none
-	std::string text = {}; // exactly as sent, a trailing line feed included
-	std::string raw = {};
+	std::string text = {}; // without a line feed at its end, which musl adds
 };
 
 class SyslogCatcher
@@ -34,7 +33,7 @@ public:
 
 	// Everything sent so far: what a process logged before it was waited for is in it.
 	std::vector<LogLine> lines() const;
-	std::vector<std::string> texts() const;		// lines without the final line feed
+	std::vector<std::string> texts() const;
 	std::size_t count(std::string_view text) const; // lines whose text contains it
 	bool contains(std::string_view text) const
 	{

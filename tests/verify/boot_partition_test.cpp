@@ -19,7 +19,7 @@ namespace
 
 constexpr const char *printenv_path = "/usr/sbin/fw_printenv";
 constexpr const char *mtd_path = "/proc/mtd";
-constexpr const char *not_read_text = "Error on reading fw_part\n";
+constexpr const char *not_read_text = "Error on reading fw_part";
 constexpr const char *wrong_text = "Partition in 'bootpart' is wrong, try find current partition";
 
 class BootPartition : public DebugFixture
@@ -50,11 +50,7 @@ protected:
 
 	std::vector<std::string> logged() const
 	{
-		std::vector<std::string> texts;
-		for (const LogLine &line : syslog.lines()) {
-			texts.push_back(line.text);
-		}
-		return texts;
+		return syslog.texts();
 	}
 };
 

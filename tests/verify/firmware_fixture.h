@@ -36,10 +36,10 @@ inline constexpr const char *side_file = "/tmp/firmware.bin.signature";
 
 // What the log says, and what read_firmware_model returns.
 inline constexpr const char *damaged_text =
-	"Error on reading signature, possibly firmware is damaged\n";
-inline constexpr const char *no_customid_text = "Error on reading customid\n";
-inline constexpr const char *no_model_text = "Error on reading model via fwtool\n";
-inline constexpr const char *no_model_name_text = "Error on reading fw_model_name\n";
+	"Error on reading signature, possibly firmware is damaged";
+inline constexpr const char *no_customid_text = "Error on reading customid";
+inline constexpr const char *no_model_text = "Error on reading model via fwtool";
+inline constexpr const char *no_model_name_text = "Error on reading fw_model_name";
 inline constexpr int extracted = 0;
 inline constexpr int no_use = -2;
 
@@ -121,13 +121,10 @@ protected:
 		return fwupdate::verify_image(firmware_path);
 	}
 
-	// Everything logged since the last call, line feeds included.
+	// Everything logged since the last call.
 	Texts logged()
 	{
-		Texts texts;
-		for (const LogLine &line : syslog.lines()) {
-			texts.push_back(line.text);
-		}
+		const Texts texts = syslog.texts();
 		syslog.clear();
 		return texts;
 	}

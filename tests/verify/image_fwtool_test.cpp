@@ -9,7 +9,7 @@ using namespace router_test;
 namespace
 {
 
-constexpr const char *not_run_text = "Error on checking signature via fwtool\n";
+constexpr const char *not_run_text = "Error on checking signature via fwtool";
 
 class UimageForFwtool : public FirmwareFixture
 {

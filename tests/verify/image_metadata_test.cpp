@@ -117,9 +117,8 @@ TEST_F(Metadata, AreABadMagicWithoutAModel)
 TEST_F(Metadata, AreABadMagicWhenModelAndCustomIdAreTooLong)
 {
 	EXPECT_EQ(verify(plain({"ABCDEFGHIJKLMNOPQRSTUVW"}, "1234567")), IMAGE_BAD_MAGIC);
-	EXPECT_EQ(
-		logged(),
-		Texts{"Model name and Custom ID oversized! (ABCDEFGHIJKLMNOPQRSTUVW[1234567])\n"});
+	EXPECT_EQ(logged(),
+		  Texts{"Model name and Custom ID oversized! (ABCDEFGHIJKLMNOPQRSTUVW[1234567])"});
 	EXPECT_TRUE(exists(side_file));
 }
 
@@ -142,7 +141,7 @@ TEST_F(Metadata, AreABadMagicWhenFwtoolCannotBeRun)
 	const IgnoredChildren ignored;
 	EXPECT_EQ(verify(file), IMAGE_BAD_MAGIC);
 	EXPECT_EQ(logged(), Texts{"Error checking firmware via fwtools: \"/usr/bin/fwtool -i "
-				  "/tmp/firmware.bin.signature /tmp/firmware.bin\"\n"});
+				  "/tmp/firmware.bin.signature /tmp/firmware.bin\""});
 }
 
 TEST_F(Metadata, AreAskedForOnceAndNoChecksumIsEnforced)

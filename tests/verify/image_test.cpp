@@ -57,7 +57,7 @@ TEST_F(Uimage, WithAnEmptyNamePassesWhereTheProductNameCannotBeRead)
 {
 	files.install_tool("/usr/bin/ubus", "exit 1");
 	EXPECT_EQ(verify(plain("")), IMAGE_GOOD);
-	EXPECT_EQ(logged(), Texts{"Error on reading cpe_product_name\n"});
+	EXPECT_EQ(logged(), Texts{"Error on reading cpe_product_name"});
 	EXPECT_EQ(verify(plain("MODEL-X")), IMAGE_BAD_MODEL);
 }
 

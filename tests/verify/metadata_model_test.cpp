@@ -127,7 +127,7 @@ TEST_F(FirmwareModel, FitsModelAndCustomIdInto31Characters)
 		Texts texts;
 		if (row.result != extracted) {
 			texts.push_back("Model name and Custom ID oversized! (" + kept);
-			texts.back().append(brackets).append(")\n");
+			texts.back().append(brackets).append(")");
 		}
 		EXPECT_EQ(check_model(model, row.customid), row.result);
 		EXPECT_EQ(remembered_model(), row.result == extracted ? kept + brackets : kept);
