@@ -70,7 +70,8 @@ def test_depends_on_what_the_daemon_needs_but_no_cxx_runtime(fields):
 def test_builds_src_alone_with_the_configured_url(fields):
     options = fields["CMAKE_OPTIONS"]
     assert options.split() == ["-DBUILD_TESTING=OFF", "-DFWUPDATE_LIBRARIES=system",
-                               "-DFWUPDATE_HARDENING=OFF", f'-DFWUPDATE_MANIFEST_URL="{URL}"']
+                               "-DFWUPDATE_HARDENING=ON", "-DFWUPDATE_SMALL=ON",
+                               "-DCMAKE_INTERPROCEDURAL_OPTIMIZATION=ON", f'-DFWUPDATE_MANIFEST_URL="{URL}"']
     config = fields["fwupdate.config"]
     assert config.startswith("config FWUPDATE_MANIFEST_URL string ")
     assert f'default "{URL}"' in config and "depends on PACKAGE_fwupdate" in config
