@@ -106,7 +106,7 @@ int check_uimage(const char *path, const ImageHeader &header, const MappedBytes 
 
 int check_metadata(const char *path, const ImageHeader &header)
 {
-	if (read_firmware_model(path) != 0) {
+	if (check_signature_model(path) != 0) {
 		return IMAGE_BAD_MAGIC;
 	}
 	return wants_fwtool(header) ? check_with_fwtool(path) : IMAGE_GOOD;

@@ -83,7 +83,7 @@ void remove_metadata_file(const char *path)
 	}
 }
 
-int read_firmware_model(const char *path)
+int check_signature_model(const char *path)
 {
 	char customid[CUSTOMID_SIZE];
 

@@ -32,6 +32,6 @@ void remove_metadata_file(const char *path);
 // could not be run (an over-long path included); -3 when it failed, mostly for
 // want of metadata; -2 when no model is named, or model and custom ID together
 // exceed 31 characters: in these two cases the metadata file stays.
-int read_firmware_model(const char *path);
+int check_signature_model(const char *path);
 
 } // namespace fwupdate

@@ -34,7 +34,7 @@ inline constexpr const char *real_fwtool_path = "/usr/bin/fwtool.real";
 inline constexpr const char *firmware_path = "/tmp/firmware.bin";
 inline constexpr const char *side_file = "/tmp/firmware.bin.signature";
 
-// What the log says, and what read_firmware_model returns.
+// What the log says, and what check_signature_model returns.
 inline constexpr const char *damaged_text =
 	"Error on reading signature, possibly firmware is damaged";
 inline constexpr const char *no_customid_text = "Error on reading customid";

@@ -14,7 +14,7 @@ protected:
 	static int check_json(std::string_view json)
 	{
 		write_bytes(firmware_path, with_metadata("firmware", json));
-		return read_firmware_model(firmware_path);
+		return check_signature_model(firmware_path);
 	}
 
 	static int check_model(const std::string &model, std::string_view customid)

@@ -21,7 +21,7 @@ protected:
 	static int check(std::string_view file)
 	{
 		write_bytes(firmware_path, file);
-		return read_firmware_model(firmware_path);
+		return check_signature_model(firmware_path);
 	}
 
 	static std::string file_with_metadata()
@@ -43,7 +43,7 @@ TEST_F(FirmwareMetadata, MissingLeavesNothingBehindAndSaysNothing)
 		EXPECT_FALSE(exists(side_file));
 		EXPECT_EQ(remembered_model(), "EARLIER");
 	}
-	EXPECT_EQ(read_firmware_model("/tmp/nowhere"), no_metadata);
+	EXPECT_EQ(check_signature_model("/tmp/nowhere"), no_metadata);
 	EXPECT_FALSE(exists("/tmp/nowhere.signature"));
 	EXPECT_EQ(logged(), Texts{});
 }
@@ -100,7 +100,7 @@ TEST_F(FirmwareMetadata, NeedsAPathWhoseCommandsFit)
 	const std::string file = file_with_metadata();
 	const std::string fits = path_of_length(longest_path);
 	write_bytes(fits, file);
-	EXPECT_EQ(read_firmware_model(fits.c_str()), extracted);
+	EXPECT_EQ(check_signature_model(fits.c_str()), extracted);
 	EXPECT_EQ(remembered_model(), "ABC[77]");
 	EXPECT_FALSE(exists(fits + ".signature"));
 	EXPECT_EQ(logged(), Texts{});
@@ -108,10 +108,10 @@ TEST_F(FirmwareMetadata, NeedsAPathWhoseCommandsFit)
 	const std::string longer = path_of_length(longest_path + 1);
 	write_bytes(longer, file);
 	write_bytes(longer + ".signature", "of an earlier check");
-	EXPECT_EQ(read_firmware_model(longer.c_str()), not_run);
+	EXPECT_EQ(check_signature_model(longer.c_str()), not_run);
 	EXPECT_EQ(read_file(longer + ".signature"), "of an earlier check");
 	EXPECT_EQ(logged().size(), 1U);
-	EXPECT_EQ(read_firmware_model(std::string(5000, 'x').c_str()), not_run);
+	EXPECT_EQ(check_signature_model(std::string(5000, 'x').c_str()), not_run);
 	EXPECT_EQ(logged().size(), 1U);
 }
 
