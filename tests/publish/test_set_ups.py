@@ -55,7 +55,7 @@ def verify(machine, host, folder, *words):
 
 def test_server_as_documented(network, tmp_path):
     machine = network.machine(ORIGIN)
-    said = follow(machine, "## nginx")
+    said = follow(machine, "## 2. nginx")
     assert "test is successful" in said and "conflicting" not in said
     publish(machine, tmp_path / "desk")
     stable, candidate = (serial(machine, ORIGIN, build) for build in ("1001", "1002"))
@@ -74,12 +74,12 @@ def test_server_as_documented(network, tmp_path):
 def test_debians_default_site_does_not_win_in_silence(network):
     machine = network.machine(ORIGIN)
     with pytest.raises(AssertionError, match="a duplicate default server"):
-        follow(machine, "## nginx", leave_out=("apt-get", "rm "))
+        follow(machine, "## 2. nginx", leave_out=("apt-get", "rm "))
 
 
 def test_query_cannot_add_a_field_to_the_log(network, tmp_path):
     machine = network.machine(ORIGIN)
-    follow(machine, "## nginx")
+    follow(machine, "## 2. nginx")
     publish(machine, tmp_path / "desk")
     for sn in ("a%09b", "a%0ab", "%22", "a%20b", "%1b[31m"):
         machine.ask(f"http://{ORIGIN}/update.xml?sn={sn}&model=QOR,MODEL-X")
@@ -90,7 +90,7 @@ def test_query_cannot_add_a_field_to_the_log(network, tmp_path):
 
 def two_machines(network, tmp_path, minute="1m"):
     origin, cache = network.machine(ORIGIN), network.machine(CACHE)
-    follow(origin, "## nginx")
+    follow(origin, "## 2. nginx")
     publish(origin, tmp_path / "desk", CACHE)
     follow(cache, "### A cache in front")
     if minute != "1m":
@@ -150,7 +150,7 @@ print([answer for _, answer in held].count(b"HTTP/1.1 200"), held[-1][1].decode(
 
 def test_two_hundred_images_at_once_and_no_more(network, tmp_path):
     machine = network.machine(ORIGIN)
-    follow(machine, "## nginx")
+    follow(machine, "## 2. nginx")
     publish(machine, tmp_path / "desk", size=8 << 20)
     (machine.folder / "hold.py").write_text(HOLD)
     assert machine.must(f"{sys.executable} {machine.folder}/hold.py {ORIGIN}") == "200 HTTP/1.1 503\n"
