@@ -19,13 +19,21 @@ def network(tmp_path):
         yield network
 
 
+def workers(machine):
+    """The processes that answer; none while nginx is still on its way up."""
+    return set(machine.run("p=$(cat /run/nginx.pid) && cat /proc/$p/task/$p/children").stdout.split())
+
+
 def follow(machine, heading, leave_out="apt-get"):
-    """The reader's lines; the package, whose nginx runs as soon as it is installed, is there."""
+    """The reader's lines; the package, whose nginx runs as soon as it is installed, is there. A
+    reload comes back at once, while processes with the old configuration may still answer."""
     machine.must("nginx")
+    before = wait_until(lambda: workers(machine), "nginx runs")
     said = ""
     for line in documented(heading):
         if not line.startswith(leave_out):
             said += machine.must(f"cd {project} && {line}")
+    wait_until(lambda: not before & workers(machine), "the new configuration is in force")
     return said
 
 

@@ -137,8 +137,13 @@ TEST_F(Files, ArchivesAreReadByBusyBox)
 	std::string content = noise(5000) + std::string(5000, 'x');
 	files.write("/tmp/archive.zip",
 		    make_zip({{"stored", "as it is", false}, {"folder/deflated", content}}));
-	EXPECT_EQ(run({"unzip", "-p", "/tmp/archive.zip", "stored"}).output, "as it is");
-	EXPECT_EQ(run({"unzip", "-p", "/tmp/archive.zip", "folder/deflated"}).output, content);
+	EXPECT_EQ(
+		run({"/host/usr/bin/busybox", "unzip", "-p", "/tmp/archive.zip", "stored"}).output,
+		"as it is");
+	EXPECT_EQ(
+		run({"/host/usr/bin/busybox", "unzip", "-p", "/tmp/archive.zip", "folder/deflated"})
+			.output,
+		content);
 }
 
 TEST_F(Fixture, HasNoDaemonThatDidNotStart)
