@@ -27,8 +27,8 @@ def test_what_it_says_about_itself(fields):
         "+usign", "+fwtool", "+jsonfilter", "+ubus", "+uci", "+uboot-envtools"]
     assert fields["fwupdate-guard.DEFAULT"] == "y if PACKAGE_fwupdate"
     assert fields["fwupdate-guard.PKGARCH"] == "all"
-    # Keys and checks of the router's own outlive a new version of the package.
-    assert fields["fwupdate-guard.conffiles"].split() == ["/etc/fwupdate/keys/", "/etc/fwupdate/health.d/"]
+    # Checks of the router's own outlive a new firmware. Keys do not: one that is left out has to go.
+    assert fields["fwupdate-guard.conffiles"].split() == ["/etc/fwupdate/health.d/"]
 
 
 @pytest.fixture
@@ -43,6 +43,7 @@ def router(tmp_path):
 
 
 def on_trial(router):
+    router.must("sed -i 's/171000000/174200000/' /etc/router/board.json")
     for setting in ("upgrade_available 1", "fwupdate_before firmware", "fwupdate_trial '174200000 r1300 1 r1 - -'"):
         router.must(f"fw_setenv {setting}")
 
