@@ -5,7 +5,7 @@ import os
 
 import pytest
 
-from conftest import GUARD, IMAGE
+from conftest import GUARD, IMAGE, TRIAL
 
 REAL = "/sbin/sysupgrade"
 TRIAL_VARIABLES = ("fwupdate_before", "bootcount", "upgrade_available", "bootpart")
@@ -24,6 +24,12 @@ def test_another_call_is_no_call(guard, arguments):
     assert guard.installed() == []
     assert guard.must("fw_printenv") == before
     guard.must(f"test -f {IMAGE} -a -s /etc/passwd")
+
+
+def test_no_file_outside_of_tmp_is_deleted(guard):
+    guard.must("echo kept >/root/kept")
+    assert guard.run(f"{GUARD} -F /tmp/../root/kept").status == 2
+    assert guard.must("cat /root/kept") == "kept"
 
 
 @pytest.mark.parametrize("call", [
@@ -302,6 +308,31 @@ def test_under_one_that_was_ended_by_a_signal_nothing_is_put_back(guard):
     assert guard.variables(*TRIAL_VARIABLES) == ["firmware", "0", "1", "firmware2"]
 
 
+def test_what_installs_already_keeps_its_image(guard):
+    """It ends all processes, the bus before its caller too, which makes this look like a failure."""
+    guard.must("mkdir -p /proc/1")
+    guard.replace(REAL, "echo upgraded >/proc/1/comm; exit 7")
+    assert guard.install(guard.good()) == 7
+    guard.must("rm -r /proc/1; test -s /tmp/fwupdate-guard/image")
+    assert guard.reason() == ""
+    assert guard.variables(*TRIAL_VARIABLES) == ["firmware", "0", "1", "firmware2"]
+
+
+def test_a_restart_of_the_service_does_not_end_a_trial_before_it_began(guard):
+    guard.replace(REAL, TRIAL + " start; exec /root/backup/sbin/sysupgrade \"$@\"")
+    assert guard.install(guard.good()) == 0
+    assert guard.variables(*TRIAL_VARIABLES) == ["firmware", "0", "1", "firmware2"]
+    assert guard.variable("fwupdate_outcome") == ""
+
+
+def test_without_an_environment_there_is_no_trial_to_call_off(guard):
+    guard.remove("/usr/sbin/fw_setenv")
+    guard.replace(REAL, "exit 1")
+    guard.put(guard.good())
+    assert guard.run(f"{GUARD} -F {IMAGE}").status == 1
+    assert guard.reason() == "sysupgrade gave up with status 1"
+
+
 # --- A build that was taken back
 
 def test_a_build_that_was_taken_back_needs_force(guard):
@@ -337,6 +368,12 @@ def test_without_a_build_number_the_image_itself_is_remembered(guard):
     guard.must(f"uci set fwupdate.guard.signature=off; fw_setenv fwupdate_refused {build}")
     guard.install(image)
     guard.assert_refused(f"build {build} was taken back before")
+
+
+def test_one_that_is_signed_without_a_build_number_is_remembered_too(guard):
+    guard.must("uci set fwupdate.guard.older=1")
+    assert guard.install(guard.good(build=None)) == 0
+    assert guard.variable("fwupdate_trial").startswith("sha-")
 
 
 # --- What is noted for the trial
