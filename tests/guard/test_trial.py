@@ -240,12 +240,27 @@ def test_another_updaters_trial_is_not_ours(guard):
     assert guard.variables("upgrade_available", "bootcount", "fwupdate_outcome") == ["1", "9", ""]
 
 
+def test_what_was_in_the_partition_before_is_not_confirmed(guard):
+    """The power was cut before the new firmware was written; another whole one is there."""
+    begin(guard, told="firmware2", runs="165000000")
+    watch(guard)
+    assert state(guard) == taken_back("installation", "")
+
+
 # --- By hand
 
 def test_confirm_by_hand(guard):
     begin(guard)
     assert guard.run(f"{TRIAL} confirm").status == 0
     assert state(guard) == CONFIRMED
+
+
+def test_what_cannot_be_written_is_not_confirmed(guard):
+    begin(guard)
+    guard.replace("/usr/sbin/fw_setenv", "exit 1")
+    result = guard.run("fwupdate-cli confirm")
+    assert result.status == 1 and "the boot environment cannot be written" in result.output
+    assert guard.file("outcome") == ""
 
 
 def test_back_by_hand(guard):
@@ -260,6 +275,19 @@ def test_without_a_trial_there_is_nothing_to_decide(guard, verb):
     before = guard.must("fw_printenv")
     assert guard.run(f"{TRIAL} {verb}").status == 1
     assert guard.must("fw_printenv") == before
+
+
+# --- Without the service
+
+def test_who_waits_to_go_back_does_not_hold_up_the_service(guard):
+    """What locks a service is a descriptor of its script's, number 1000."""
+    guard.must("/etc/init.d/fwupdate start")
+    begin(guard)
+    guard.must("mkdir -p /root/backup/etc/init.d; cp /etc/init.d/fwupdate /root/backup/etc/init.d/;"
+               "sed -i 's/^UNCONFIRMED=.*/UNCONFIRMED=999/' /etc/init.d/fwupdate")
+    guard.remove(TRIAL)
+    guard.must("exec 1000>/tmp/fwupdate-service; flock 1000; /etc/init.d/fwupdate start")
+    assert guard.run("flock -n /tmp/fwupdate-service true").status == 0
 
 
 # --- Power cuts: the environment after each single write, and what the next start makes of it
