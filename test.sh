@@ -204,9 +204,9 @@ test_arch_quickly() {
 	local program status=0
 	rm -rf "build/$arch/reports"
 	for program in "${units[@]}"; do
-		GTEST_FILTER="*-$excluded" tests/in_router --tools build/release "build/$arch" "$program" --gtest_brief=1 || status=1
+		GTEST_FILTER="*-$excluded" "${emulate[@]}" tests/in_router --tools build/release "build/$arch" "$program" --gtest_brief=1 || status=1
 	done
-	tests/in_router --daemon "build/$arch" build/release router_tests --gtest_brief=1 \
+	"${emulate[@]}" tests/in_router --daemon "build/$arch" build/release router_tests --gtest_brief=1 \
 		--gtest_filter='UpdateInstall.*:CheckEvent.*' || status=1
 	conclude "build/$arch" "$status" --native build/release
 }
