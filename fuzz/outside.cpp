@@ -3,7 +3,6 @@
 #include "outside.h"
 
 #include <array>
-#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -12,14 +11,13 @@
 #include <stdio_ext.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/types.h>
 
 #include "base/bus_and_loop.h"
 #include "base/log.h"
 #include "base/records.h"
+#include "daemon/update_job.h"
 #include "discovery/device_facts.h"
 #include "discovery/manifest.h"
-#include "firmware/worker.h"
 #include "fuzz_input.h"
 #include "fuzz_target.h"
 #include "verify/metadata.h"
@@ -37,7 +35,6 @@ namespace
 
 constexpr int first_descriptor = 1000; // none of this process's own
 constexpr std::size_t most_descriptors = 8;
-constexpr pid_t worker_id = 4711;
 
 // What a router prints on which everything is in order.
 constexpr Tool sound_tools[] = {
@@ -60,16 +57,12 @@ constexpr Tool sound_tools[] = {
 // Every command that the daemon runs begins like one of these.
 struct Command {
 	std::string_view beginning;
-	int Outside::*ending; // null: succeeds
+	int Outside::*ending;
 };
 constexpr Command known_commands[] = {
-	{"sync && echo 3 > /proc/sys/vm/drop_caches", nullptr},
-	{"echo 1024 > /proc/sys/vm/min_free_kbytes", nullptr},
-	{"echo 1 > /proc/sys/vm/panic_on_oom", nullptr},
 	{"/usr/bin/fwtool -i ", &Outside::fwtool_ending},
 	{"/usr/sbin/fw_setenv bootpart ", &Outside::setenv_ending},
 };
-constexpr std::string_view installation = "sleep 2; sysupgrade -F /tmp/fwupdate.bin ";
 constexpr std::size_t longest_command = 256;
 
 std::array<bool, most_descriptors> descriptors;
@@ -217,20 +210,19 @@ void check_daemon()
 	}
 	require(documents == (manifest_buffer.document != nullptr ? 1 : 0),
 		"one document at a time, until the next query");
-	int open = 0;
 	for (const bool descriptor : descriptors) {
-		open += descriptor ? 1 : 0;
+		require(!descriptor, "descriptors are closed");
 	}
-	require(open == (outside.watch_armed ? 1 : 0), "only the pipe of a job stays open");
 }
 
 } // namespace fuzz
 
-// fork returns in the daemon only.
-void fwupdate::run_worker(const char * /*url*/, const char * /*target*/, std::int32_t /*timeout*/,
-			  int /*progress_pipe*/)
+// A job that waits for its download.
+bool fwupdate::start_job(ubus_request_data *request, const UpdateArguments & /*arguments*/)
 {
-	std::abort();
+	update_context.job.active = true;
+	request->deferred = true;
+	return true;
 }
 
 using namespace fuzz;
@@ -254,13 +246,9 @@ int outside_system(const char *command)
 {
 	const std::string_view text(command);
 	require(text.size() < longest_command, "a command fits its buffer");
-	if (text.starts_with(installation)) {
-		outside.installed++;
-		return 0;
-	}
 	for (const Command &known : known_commands) {
 		if (text.starts_with(known.beginning)) {
-			return known.ending == nullptr ? 0 : outside.*known.ending;
+			return outside.*known.ending;
 		}
 	}
 	require(false, "the daemon runs no command that nobody knows");
@@ -336,36 +324,6 @@ int outside_remove(const char * /*path*/)
 	return 0;
 }
 
-// The worker
-
-int outside_pipe2(int *ends, int /*flags*/)
-{
-	if (!outside.can_fork) {
-		return -1;
-	}
-	ends[0] = open_descriptor();
-	ends[1] = open_descriptor();
-	return 0;
-}
-
-pid_t outside_fork()
-{
-	return worker_id;
-}
-
-ssize_t outside_read(int descriptor, void *buffer, std::size_t size)
-{
-	index_of(descriptor);
-	const std::string_view bytes = outside.pipe.substr(0, size);
-	outside.pipe.remove_prefix(bytes.size());
-	if (bytes.empty() && !outside.pipe_ended) {
-		errno = EAGAIN;
-		return -1;
-	}
-	std::copy(bytes.begin(), bytes.end(), static_cast<char *>(buffer));
-	return static_cast<ssize_t>(bytes.size());
-}
-
 // The update server
 
 CURL *outside_curl_easy_init()
@@ -429,7 +387,7 @@ void outside_mxmlDelete(mxml_node_t *node)
 	mxmlDelete(node);
 }
 
-// The bus and the event loop
+// The bus
 
 int outside_ubus_send_reply(ubus_context * /*bus*/, ubus_request_data * /*request*/,
 			    blob_attr *message)
@@ -443,37 +401,6 @@ int outside_ubus_send_event(ubus_context * /*bus*/, const char * /*id*/, blob_at
 {
 	check_message(message);
 	outside.events++;
-	return 0;
-}
-
-void outside_ubus_complete_deferred_request(ubus_context * /*bus*/, ubus_request_data * /*request*/,
-					    int /*status*/)
-{
-	outside.completed++;
-}
-
-int outside_uloop_timeout_set(uloop_timeout * /*timer*/, int /*milliseconds*/)
-{
-	outside.timer_armed = true;
-	return 0;
-}
-
-int outside_uloop_timeout_cancel(uloop_timeout * /*timer*/)
-{
-	outside.timer_armed = false;
-	return 0;
-}
-
-int outside_uloop_fd_add(uloop_fd * /*watch*/, unsigned int /*flags*/)
-{
-	require(!outside.watch_armed, "one watch at a time");
-	outside.watch_armed = true;
-	return 0;
-}
-
-int outside_uloop_fd_delete(uloop_fd * /*watch*/)
-{
-	outside.watch_armed = false;
 	return 0;
 }
 } // extern "C"

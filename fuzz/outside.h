@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: ISC
 //
-// All that the daemon's code meets outside of itself, for the fuzz targets that run it: the
-// router's tools, files, the update server, the worker's pipe, the event loop and the bus. Nothing
-// is real. The code is the daemon's own, but CMake renames every call in it that leads out
+// All that the daemon's code meets outside of itself, for the fuzz targets: the router's tools,
+// files, the update server and the bus. Nothing is real. The code is the daemon's own, but CMake
+// renames every call in it that leads out
 // (`system` becomes `outside_system`), outside.cpp answers these, and check_reach refuses code that
 // could reach anything else. So no fuzz program runs a command or touches a file, whatever it
-// finds: sysupgrade, fw_setenv and the kernel's settings are texts here.
+// finds: fw_setenv and the kernel's settings are texts here. The update job is left out: job_tests
+// has every sequence of its events.
 //
 // An input begins with reset_daemon() and ends with check_daemon().
 #pragma once
@@ -35,7 +36,6 @@ struct Outside {
 	int fwtool_ending = 0;
 	int setenv_ending = 0;
 	bool has_boot_tools = true; // fw_printenv and fw_setenv are there
-	bool can_fork = true;	    // pipes and processes are to be had
 
 	bool has_mtd = true;
 	std::string_view mtd;	// /proc/mtd
@@ -46,17 +46,9 @@ struct Outside {
 	std::span<const std::string_view> answer = {};
 	bool transfer_breaks = false; // after the last of them
 
-	// What the pipe from the worker holds now, and whether the worker has ended.
-	std::string_view pipe = {};
-	bool pipe_ended = false;
-
 	// What the daemon has done.
 	std::size_t replies = 0;
 	std::size_t events = 0;
-	std::size_t completed = 0; // deferred requests
-	std::size_t installed = 0; // sysupgrade was called
-	bool timer_armed = false;
-	bool watch_armed = false;
 };
 
 extern Outside outside;
@@ -65,7 +57,7 @@ extern Outside outside;
 void reset_daemon();
 
 // What holds after every input: texts end inside their fields, and what the daemon opened is
-// closed, but for the pipe of a job that runs.
+// closed.
 void check_daemon();
 
 } // namespace fuzz
