@@ -1,7 +1,6 @@
 # SPDX-License-Identifier: ISC
 """Fixtures for the tests of fwupdate-publish."""
 import pathlib
-import subprocess
 import sys
 
 import pytest
@@ -10,6 +9,9 @@ here = pathlib.Path(__file__).resolve().parent
 project = here.parent.parent
 sys.path[:0] = [str(here), str(project / "publish")]
 
+import forked_program  # noqa: E402
+import fwupdate_maker.fleet.command_line  # noqa: E402, F401 the forked programs have it then
+import fwupdate_maker.publisher.command_line  # noqa: E402, F401
 import hypothesis.configuration  # noqa: E402
 import make_images  # noqa: E402
 from simulated_router import Router  # noqa: E402
@@ -28,8 +30,7 @@ class Publisher:
         self.image.write_bytes(make_images.uimage(b"kernel" * 100))
 
     def run(self, *words, stdin=b""):
-        result = subprocess.run([project / "publish/fwupdate-publish", *words], cwd=self.folder,
-                                input=stdin, capture_output=True, timeout=60)
+        result = forked_program.run(project / "publish/fwupdate-publish", words, self.folder, stdin)
         result.text = result.stdout.decode() + result.stderr.decode()
         return result
 

@@ -2,8 +2,8 @@
 """Access logs as nginx writes them, and fwupdate-fleet as an operator runs it."""
 import datetime
 import json
-import subprocess
 
+import forked_program
 from simulated_router import PROJECT
 
 START = 1763769600  # 2025-11-22, midnight UTC
@@ -40,8 +40,8 @@ class Fleet:
         return path
 
     def run(self, *words):
-        result = subprocess.run([PROJECT / "publish/fwupdate-fleet", *map(str, words)], cwd=self.folder,
-                                capture_output=True, text=True, timeout=120)
+        result = forked_program.run(PROJECT / "publish/fwupdate-fleet", words, self.folder)
+        result.stdout, result.stderr = result.stdout.decode(), result.stderr.decode()
         result.text = result.stdout + result.stderr
         assert "Traceback" not in result.text, result.text
         return result
