@@ -220,8 +220,8 @@ report_coverage() {
 }
 
 # Runs the Python tests of one further part of the project: the page in a browser, the
-# virtual router. A skipped test is no passed one: on an automatic run, where all that the
-# tests need is there, it counts as failed.
+# virtual router, the documents. A skipped test is no passed one: on an automatic run, where
+# all that the tests need is there, it counts as failed.
 # test_part PART [OPTION...]
 test_part() {
 	local part=$1 status=0
@@ -245,6 +245,7 @@ test_mutants() {
 
 check_documents() {
 	local document
+	cp build/docs/reports/docs.xml build/release/reports/ # they name these tests as well
 	for document in behaviours security reliability; do
 		tests/check_behaviours "docs/$document.md" build/release || return
 	done
@@ -274,6 +275,7 @@ release)
 all)
 	plan+=("format = tests/check_sources format" "scripts = tests/check_sources scripts" "floors = tests/check_floors"
 		"build release = build release" "test release = test_release_and_build_asan"
+		"test documents, program = test_part docs tests/shipped tests/bench -n $jobs"
 		"build asan = build asan" "test asan, clang-tidy = test_build asan" "size = bench/size --check")
 	[ -n "$filter" ] || plan+=("documents = check_documents")
 	;;
