@@ -13,6 +13,7 @@ def test_an_answer_that_comes_after_the_commands_usual_limit_arrives(fast_router
 
 
 def test_without_an_update_a_silent_daemon_may_be_restarted(fast_router):
+    fast_router.must("sed -i 's/^state_limit=15/state_limit=2/' /usr/share/fwupdate-cli/bus.sh")
     fast_router.stop_daemon()
     stuck = fast_router.run("fwupdate-cli status --json")
     fast_router.continue_daemon()

@@ -73,7 +73,7 @@ def test_all_have_to_succeed_in_one_round(guard):
         other = "exit 1" if first == "exit 0" else "exit 0"
         health(guard, name, f"mkdir /tmp/fwupdate-{name} 2>/dev/null && {first}; rmdir /tmp/fwupdate-{name}; {other}")
     begin(guard)
-    watch(guard, 12)
+    watch(guard, 3)
     assert rebooted(guard) and state(guard)[3].startswith("taken-back 174200000 5")
 
 
@@ -86,7 +86,7 @@ def test_a_check_that_comes_round_in_time_is_enough(guard):
 
 def test_a_check_that_hangs_is_ended(guard):
     guard.must("mkdir -p /root/backup/usr/lib/fwupdate; cp /usr/lib/fwupdate/trial /root/backup/usr/lib/fwupdate/;"
-               "sed -i 's/within 60/within 1/' /usr/lib/fwupdate/trial")
+               "sed -i 's/within 60/within 3/' /usr/lib/fwupdate/trial")
     health(guard, "50-hangs", "while :; do :; done")
     begin(guard)
     watch(guard)
