@@ -83,11 +83,17 @@ void answer_calls(int listener, pid_t thread, const Refused &refused)
 	}
 }
 
+// What the step throws, get() throws to the caller.
+std::future<void> in_own_thread(const std::function<void()> &step)
+{
+	return std::async(std::launch::async, step);
+}
+
 void with_some_refused(const std::vector<int> &calls, const Refused &refused,
 		       const std::function<void()> &step)
 {
 	std::promise<std::pair<int, pid_t>> filtered;
-	std::thread running([&] {
+	std::future<void> running = in_own_thread([&] {
 		const int installed = install(make_filter(calls, SECCOMP_RET_USER_NOTIF),
 					      SECCOMP_FILTER_FLAG_NEW_LISTENER);
 		filtered.set_value({installed, static_cast<pid_t>(syscall(SYS_gettid))});
@@ -100,8 +106,9 @@ void with_some_refused(const std::vector<int> &calls, const Refused &refused,
 		answer_calls(listener, thread, refused);
 		close(listener);
 	}
-	running.join();
+	running.wait();
 	require(listener >= 0);
+	running.get();
 }
 
 } // namespace
@@ -132,15 +139,11 @@ static const std::vector<int> open_calls = {
 
 void with_refused(const std::vector<int> &calls, int error, const std::function<void()> &step)
 {
-	bool installed = false;
-	std::thread([&] {
+	in_own_thread([&] {
 		const unsigned refusal = SECCOMP_RET_ERRNO | static_cast<unsigned>(error);
-		installed = install(make_filter(calls, refusal), 0) == 0;
-		if (installed) {
-			step();
-		}
-	}).join();
-	require(installed);
+		require(install(make_filter(calls, refusal), 0) == 0);
+		step();
+	}).get();
 }
 
 void with_processes_refused(const std::function<void()> &step)
@@ -160,25 +163,24 @@ void with_second_open_refused(const std::function<void()> &step)
 	with_some_refused(open_calls, {EMFILE, 2, 2}, step);
 }
 
+LateRefusals::LateRefusals() : stop_(eventfd(0, EFD_CLOEXEC))
+{
+}
+
 LateRefusals::LateRefusals(const std::vector<int> &calls, const std::function<void()> &start)
-    : stop_(eventfd(0, EFD_CLOEXEC))
+    : LateRefusals()
 {
 	std::promise<int> listener;
 	std::promise<void> answered;
-	std::exception_ptr failure;
-	std::thread thread([&] {
+	std::future<void> starting = in_own_thread([&] {
 		const int installed = install(make_filter(calls, SECCOMP_RET_USER_NOTIF),
 					      SECCOMP_FILTER_FLAG_NEW_LISTENER);
 		listener.set_value(installed);
 		// A fork that waits for an answer holds locks of the C library that starting
 		// the answering thread takes.
 		answered.get_future().wait();
-		try {
-			if (installed >= 0) {
-				start();
-			}
-		} catch (...) {
-			failure = std::current_exception();
+		if (installed >= 0) {
+			start();
 		}
 	});
 	listener_ = listener.get_future().get();
@@ -186,11 +188,9 @@ LateRefusals::LateRefusals(const std::vector<int> &calls, const std::function<vo
 		answering_ = std::thread([this] { answer_all(); });
 	}
 	answered.set_value();
-	thread.join();
+	starting.wait();
 	require(listener_ >= 0);
-	if (failure) {
-		std::rethrow_exception(failure);
-	}
+	starting.get();
 }
 
 LateRefusals::~LateRefusals()
@@ -251,13 +251,13 @@ void LateRefusals::answer_all()
 
 void without_capabilities(const std::function<void()> &step)
 {
-	std::thread([&] {
+	in_own_thread([&] {
 		__user_cap_header_struct header = {.version = _LINUX_CAPABILITY_VERSION_3,
 						   .pid = 0};
 		__user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3] = {};
 		syscall(SYS_capset, &header, none);
 		step();
-	}).join();
+	}).get();
 }
 
 } // namespace router_test

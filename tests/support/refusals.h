@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: ISC
 // Makes the kernel refuse what it hardly ever refuses: a process, a pipe, a file, its status. It
 // does so to one thread (and what that thread starts) for the length of one step. Every function
-// returns when the step is over; all but the last throw std::runtime_error when the kernel has no
-// seccomp.
+// returns when the step is over, and throws what the step throws; all but the last throw
+// std::runtime_error when the kernel has no seccomp.
 #pragma once
 
 #include <cstddef>
@@ -53,6 +53,7 @@ public:
 	void allow();
 
 private:
+	LateRefusals(); // refuses nothing; from here on the destructor runs, whatever start throws
 	struct Decision {
 		pid_t pid = 0; // nobody
 		int error = 0;
