@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: ISC
-# shellcheck shell=sh disable=SC2034 # its variables are those of the programs that read it
+# shellcheck shell=sh disable=SC2034,SC2015 # its variables are those of the programs that read it
 # What sysupgrade and trial share. docs/trust.md says what is in /tmp/fwupdate-guard.
 set -u
 export PATH=/usr/sbin:/usr/bin:/sbin:/bin
@@ -8,16 +8,8 @@ place=/tmp/fwupdate-guard
 
 say() { logger -t fwupdate-guard -p user.notice "$*"; }
 
-# A folder of somebody else's, or a link, is not ours to use.
-make_place() {
-	mkdir $place 2>/dev/null
-	[ -d $place ] && [ ! -L $place ] && [ -O $place ]
-}
-
 # keep NAME TEXT: the file appears whole.
-keep() {
-	echo "$2" >$place/new && mv $place/new "$place/$1"
-}
+keep() { echo "$2" >$place/new && mv $place/new "$place/$1"; }
 
 variable() { fw_printenv -n "$1" 2>/dev/null; }
 
@@ -26,6 +18,10 @@ write() {
 	fw_setenv "$@" >/dev/null 2>&1
 	[ "$(variable "$1")" = "${2-}" ]
 }
+
+# Of a trial that is over the build goes, and the rest stays for a return by hand.
+record() { variable fwupdate_trial | grep -v '^over '; }
+call_off() { write upgrade_available 0 && write fwupdate_trial "$(variable fwupdate_trial | sed 's/[^ ]*/over/')"; }
 
 is_partition() { grep -q " \"$1\"\$" /proc/mtd; }
 
@@ -41,15 +37,17 @@ read_board() {
 	running_version=$(word "$board" @.release.revision)
 }
 
-# within SECONDS COMMAND...: its exit status; it is ended when they are over.
-within() {
-	limit=$1
-	shift
+# within_a_minute COMMAND...: its exit status; it is ended when the minute is over.
+within_a_minute() {
 	"$@" &
 	child=$!
-	(sleep "$limit" && kill -KILL $child) >/dev/null 2>&1 9>&- &
+	(sleep 60 && kill -KILL $child) >/dev/null 2>&1 9>&- &
 	wait $child
 	status=$?
 	kill $! 2>/dev/null
 	return $status
 }
+
+# A folder of somebody else's, or a link, is not ours to use.
+mkdir $place 2>/dev/null
+[ -d $place ] && [ ! -L $place ] && [ -O $place ] || { say "$place cannot be used" && exit 1; }

@@ -180,11 +180,15 @@ variable() {
 	fw_printenv -n "$1" 2>/dev/null
 }
 
+refuse_others_trial() {
+	[ "$(variable upgrade_available)" != 1 ] ||
+		fail "$failed" "the trial is another updater's." "Who is sure ends it with: fw_setenv upgrade_available 0"
+}
+
 run_confirm() {
 	need_guard
 	if ! $trial_program pending; then
-		[ "$(variable upgrade_available)" != 1 ] ||
-			fail "$failed" "the trial is another updater's." "Who is sure ends it with: fw_setenv upgrade_available 0"
+		refuse_others_trial
 		say "Nothing is on trial."
 		return
 	fi
@@ -199,6 +203,7 @@ run_rollback() {
 	{ read -r runs _ <$guard_folder/start; } 2>/dev/null
 	[ -n "$other" ] || fail "$failed" "no update was made that could be taken back."
 	[ "$other" != "$runs" ] || fail "$failed" "the firmware of before runs already, from '$runs'."
+	$trial_program pending || refuse_others_trial
 	is_whole "$other" || fail "$failed" "there is no whole firmware in '$other'."
 	# shellcheck disable=SC2046 # words
 	set -- $(variable fwupdate_trial)

@@ -161,11 +161,14 @@ def test_a_full_tmp_refuses(guard):
     guard.assert_refused("/tmp cannot be written")
 
 
-def test_a_folder_of_somebody_else_is_not_used(guard):
-    guard.must("rm -rf /tmp/fwupdate-guard; ln -s /etc /tmp/fwupdate-guard")
+@pytest.mark.parametrize("make", ["ln -s /etc {0}", "touch {0}"])
+def test_a_folder_of_somebody_else_is_not_used(guard, make):
+    """Nobody is asked what `bootpart` was, as somebody else may have written that down."""
+    guard.must("rm -rf /tmp/fwupdate-guard;" + make.format("/tmp/fwupdate-guard"))
     assert guard.install(guard.good()) == 1
     assert guard.installed() == []
-    guard.must("! test -e /etc/lock")
+    assert guard.log()[-1] == "/tmp/fwupdate-guard cannot be used"
+    guard.must("! test -e /etc/lock; ! test -e /tmp/fwupdate-guard/lock")
 
 
 @pytest.mark.parametrize("signal", ["TERM", "INT", "HUP"])
@@ -193,9 +196,9 @@ def test_the_writes_come_in_an_order_in_which_each_is_harmless(guard):
     calls_of_setenv(guard)
     assert guard.install(guard.good()) == 0
     calls = guard.must("cat /tmp/fwupdate-calls").splitlines()[1:]
-    assert calls[:2] == ["bootpart firmware", "fwupdate_before firmware"]
-    assert calls[2].startswith("fwupdate_trial 174200000 r1300 171000000 r1234 ")
-    assert calls[3:] == ["bootcount 0", "upgrade_available 1", "bootpart firmware2"]
+    assert calls[:3] == ["bootpart firmware", "fwupdate_outcome", "fwupdate_before firmware"]
+    assert calls[3].startswith("fwupdate_trial 174200000 r1300 171000000 r1234 ")
+    assert calls[4:] == ["bootcount 0", "upgrade_available 1", "bootpart firmware2"]
 
 
 @pytest.mark.parametrize("name", ["fwupdate_before", "fwupdate_trial", "bootcount", "upgrade_available"])

@@ -6,7 +6,7 @@ from simulated_router import PROJECT
 
 DOCUMENT = (PROJECT / "docs/troubleshooting.md").read_text()
 SECTION = DOCUMENT[DOCUMENT.index("\n## The guard\n"):DOCUMENT.index("\n## What fwupdate-cli says\n")]
-SCRIPTS = "".join((PROJECT / "guard" / name).read_text() for name in ("sysupgrade", "trial"))
+SCRIPTS = "".join((PROJECT / "guard" / name).read_text() for name in ("guard.sh", "sysupgrade", "trial"))
 
 
 def plain(text):

@@ -5,6 +5,7 @@ import pytest
 from conftest import TRIAL
 
 RECORD = "174200000 r1300 171000000 r1234 -,network.interface.wan XML_DONE"
+OVER = RECORD.replace("174200000", "over", 1)
 END = ("upgrade_available", "bootcount", "bootpart", "fwupdate_outcome", "fwupdate_refused")
 
 
@@ -85,8 +86,8 @@ def test_a_check_that_comes_round_in_time_is_enough(guard):
 
 
 def test_a_check_that_hangs_is_ended(guard):
-    guard.must("mkdir -p /root/backup/usr/lib/fwupdate; cp /usr/lib/fwupdate/trial /root/backup/usr/lib/fwupdate/;"
-               "sed -i 's/within 60/within 3/' /usr/lib/fwupdate/trial")
+    guard.must("mkdir -p /root/backup/usr/lib/fwupdate; cp /usr/lib/fwupdate/guard.sh /root/backup/usr/lib/fwupdate/;"
+               "sed -i 's/sleep 60/sleep 3/' /usr/lib/fwupdate/guard.sh")
     health(guard, "50-hangs", "while :; do :; done")
     begin(guard)
     watch(guard)
@@ -232,12 +233,45 @@ def test_the_outcome_of_another_build_is_not_kept(guard):
     assert state(guard) == taken_back("installation", "")
 
 
-def test_another_updaters_trial_is_not_ours(guard):
-    guard.must("fw_setenv upgrade_available 1; fw_setenv bootcount 9")
+def never(guard):
+    """No trial was ever made here."""
+
+
+def confirmed(guard):
+    begin(guard)
+    guard.must(f"{TRIAL} confirm")
+
+
+def returned(guard):
+    begin(guard, "firmware", 4, runs="171000000")
+
+
+def given_up(guard):
+    guard.replace("/sbin/sysupgrade", "exit 1")
+    guard.install(guard.good())
+
+
+def cut_off(guard):
+    """Before the installation's last write but one; the next start finds it."""
+    guard.must(f"fw_setenv fwupdate_before firmware; fw_setenv fwupdate_trial '{RECORD}'")
     guard.restart()
-    assert guard.variables("upgrade_available", "bootcount", "fwupdate_outcome") == ["1", "9", ""]
+
+
+@pytest.mark.parametrize("ours", [never, confirmed, returned, given_up, cut_off])
+@pytest.mark.parametrize("told", ["firmware", "firmware2"])
+def test_another_updaters_trial_is_not_ours(guard, ours, told):
+    """Whatever came of the last one of ours."""
+    ours(guard)
+    before = {"bootpart": told, "upgrade_available": "1", "bootcount": "9"}
+    guard.must("; ".join(f"fw_setenv {name} {value}" for name, value in before.items()))
+    guard.restart(told)
+    names = (*before, "fwupdate_outcome", "fwupdate_refused")
+    held = guard.variables(*names)
+    assert held[:3] == list(before.values())
     assert [guard.run(f"{TRIAL} {verb}").status for verb in ("pending", "watch", "confirm", "back")] == [1] * 4
-    assert guard.variables("upgrade_available", "bootcount", "fwupdate_outcome") == ["1", "9", ""]
+    guard.install(guard.good(build="174200001"), {"firmware": "firmware2", "firmware2": "firmware"}[told])
+    assert guard.reason() == "the firmware that runs is on trial"
+    assert guard.variables(*names) == held
 
 
 def test_what_was_in_the_partition_before_is_not_confirmed(guard):
@@ -245,6 +279,15 @@ def test_what_was_in_the_partition_before_is_not_confirmed(guard):
     begin(guard, told="firmware2", runs="165000000")
     watch(guard)
     assert state(guard) == taken_back("installation", "")
+
+
+def test_a_build_that_is_tried_again_keeps_no_reason_of_before(guard):
+    guard.must("fw_setenv fwupdate_outcome 'taken-back 174200000 30-server r1300'; fw_setenv fwupdate_refused 174200000;"
+               "touch /tmp/fwupdate-guard/force")
+    guard.install(guard.good())
+    guard.must("fw_setenv bootcount 4")
+    guard.restart()
+    assert state(guard) == taken_back("boot")
 
 
 # --- By hand
@@ -288,69 +331,3 @@ def test_who_waits_to_go_back_does_not_hold_up_the_service(guard):
     guard.remove(TRIAL)
     guard.must("exec 1000>/tmp/fwupdate-service; flock 1000; /etc/init.d/fwupdate start")
     assert guard.run("flock -n /tmp/fwupdate-service true").status == 0
-
-
-# --- Power cuts: the environment after each single write, and what the next start makes of it
-
-def writes(guard, command):
-    """The environment as it is before and behind each write of a command."""
-    guard.replace("/usr/sbin/fw_setenv", 'cp /etc/router/u-boot-env.bin /tmp/fwupdate-env.$(ls /tmp | grep -c fwupdate-env); '
-                                         'exec /root/backup/usr/sbin/fw_setenv "$@"')
-    guard.run(command)
-    guard.must("mv /root/backup/usr/sbin/fw_setenv /usr/sbin/; cp /etc/router/u-boot-env.bin /tmp/fwupdate-env.last;"
-               "mkdir -p /root/cuts; rm -f /root/cuts/*; mv /tmp/fwupdate-env.* /root/cuts/")
-    return guard.must("ls /root/cuts").split()
-
-
-def start_with(guard, environment):
-    """The boot loader's part, and the start of the firmware that it chooses."""
-    guard.must(f"cp /root/cuts/{environment} /etc/router/u-boot-env.bin; rm -f /var/log/reboot")
-    partition = guard.variable("bootpart")
-    if guard.variable("upgrade_available") == "1":
-        count = int(guard.variable("bootcount") or 0) + 1
-        guard.must(f"fw_setenv bootcount {count}")
-        if count > 3:
-            partition = guard.variable("fwupdate_before")
-    runs = {"firmware": "171000000", "firmware2": "174200000"}[partition]
-    guard.must(f"cp /root/board.json /etc/router/; sed -i 's/171000000/{runs}/' /etc/router/board.json")
-    guard.restart(partition)
-    return partition
-
-
-def test_power_cuts_between_the_writes_of_a_confirmation(guard):
-    begin(guard, fwupdate_refused="1")
-    for cut in writes(guard, f"{TRIAL} confirm"):
-        assert start_with(guard, cut) == "firmware2"
-        watch(guard)
-        assert state(guard) == CONFIRMED or state(guard)[0] == "0" and state(guard)[2:] == CONFIRMED[2:]
-
-
-def test_power_cuts_between_the_writes_of_a_return(guard):
-    """The check that failed fails again, or the old firmware runs already: never a third way."""
-    health(guard, "50-ours")
-    begin(guard)
-    for cut in writes(guard, f"uci set fwupdate.guard.health_time=1; {TRIAL} watch"):
-        if start_with(guard, cut) == "firmware2":
-            watch(guard)
-        assert state(guard)[2:4] == ["firmware", "taken-back 174200000 50-ours r1300"]
-        assert state(guard)[0] == "0"
-
-
-def test_power_cuts_between_the_writes_of_an_installation(guard):
-    """Until the last of them the router starts what it ran, and no trial is confirmed or held
-    against the build."""
-    cuts = None
-
-    def install():
-        nonlocal cuts
-        guard.put(guard.good())
-        guard.must("fw_setenv bootpart firmware2")
-        cuts = writes(guard, "PATH=/usr/lib/fwupdate/guard:$PATH sysupgrade -F /tmp/fwupdate.bin")
-    install()
-    assert len(cuts) == 7
-    for cut in cuts[1:-1]:
-        assert start_with(guard, cut) == "firmware"
-        assert guard.variables("upgrade_available", "bootpart", "fwupdate_refused")[1:] == ["firmware", ""]
-        assert guard.variable("upgrade_available") != "1"
-        assert not guard.variable("fwupdate_outcome").startswith("confirmed")
-    assert start_with(guard, cuts[-1]) == "firmware2"

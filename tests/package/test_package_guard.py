@@ -81,7 +81,7 @@ def test_a_trial_that_nobody_can_confirm_goes_back(router, missing):
                 "firmware", "0", "taken-back 174200000 confirm r1300", "174200000"]
 
 
-@pytest.mark.parametrize("prepare", ["true", "fw_setenv upgrade_available 1"])
+@pytest.mark.parametrize("prepare", ["true", "fw_setenv upgrade_available 1", "fw_setenv fwupdate_trial 'over r1300 1 r1 - -'; fw_setenv upgrade_available 1"])
 def test_without_the_package_and_a_trial_of_ours_nothing_goes_back(router, prepare):
     router.must(f"rm -r /usr/lib/fwupdate /etc/init.d/fwupdate-confirm; {prepare};"
                 "sed -i 's/^UNCONFIRMED=.*/UNCONFIRMED=0/; s/^go_back() {/&\\n\\ttouch \\/tmp\\/went/' /etc/init.d/fwupdate")

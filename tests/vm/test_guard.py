@@ -238,10 +238,14 @@ def test_an_attacker_without_the_key_installs_nothing(guarded):
     assert update(router, "firmware2")["error_code"] == "0"
     router.output("until [ -e /tmp/fwupdate-guard/refused ]; do usleep 100000; done")
     assert router.output("cut -d ' ' -f 2- /tmp/fwupdate-guard/refused") == "not signed by a key of this router"
-    # A file of somebody else's in the place of the download.
+    # A file of somebody else's in the place of the download; a folder of his in the place of ours.
+    install = "/usr/lib/fwupdate/guard/sysupgrade -F /tmp/fwupdate.bin"
     router.output("touch /tmp/fwupdate.bin; chown 1000 /tmp/fwupdate.bin")
-    assert router.run("/usr/lib/fwupdate/guard/sysupgrade -F /tmp/fwupdate.bin")[0] == 1
+    assert router.run(install)[0] == 1
     assert "there is no image" in router.output("cat /tmp/fwupdate-guard/refused")
+    router.output("wget -q -O /tmp/fwupdate.bin http://192.0.2.1/firmware.bin; chown 1000 /tmp/fwupdate-guard")
+    assert router.run(install)[0] == 1
+    assert "/tmp/fwupdate-guard cannot be used" in router.output("tail -n 1 /var/log/messages")
     print("\n".join(f"| {name} | {told} |" for name, told in outcomes))
     assert facts(router) == OLD
     router.quit()
