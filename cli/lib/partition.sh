@@ -48,12 +48,28 @@ $partitions
 LIST
 }
 
+# With the guard: sets `booted` to the partition of the firmware that runs, and `other` to that of
+# the second firmware, if the router's maker has named both. A new one there has a way back.
+find_other_partition() {
+	booted='' other=''
+	[ -x "$trial_program" ] || return 0
+	{ read -r booted _ <"$guard_folder/start"; } 2>/dev/null
+	# shellcheck disable=SC2046 # words
+	set -- $(uci -q get fwupdate.guard.partitions)
+	case $booted in
+	'') ;;
+	"${1-}") other=${2-} ;;
+	"${2-}") other=$1 ;;
+	esac
+}
+
 # Sets `partition` for an update, and checks the one that was asked for: what is smaller than
 # the one that boots now holds no firmware. Where nothing can be read the daemon may try.
 choose_partition() {
 	read_partitions
 	find_current_partition
-	wanted=${partition:-$current}
+	find_other_partition
+	wanted=${partition:-${other:-$current}}
 	partition=$wanted
 	[ -n "$partitions" ] && [ "$wanted" != "$current" ] || return 0
 	least=0

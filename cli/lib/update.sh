@@ -150,6 +150,8 @@ show_offer() {
 	asked=yes
 	tell_offer
 	[ -n "$force" ] || [ "$needed" = 1 ] || exit 0
+	[ -z "$booted" ] || [ "$partition" != "$booted" ] ||
+		say "It replaces the firmware that runs, so there is no way back to that one."
 	ask_consent
 }
 

@@ -41,6 +41,30 @@ def test_a_signed_firmware_goes_all_the_way(guard, daemon):
     assert guard.variables("upgrade_available", "bootpart") == ["1", "firmware2"]
 
 
+NO_WAY_BACK = "It replaces the firmware that runs, so there is no way back to that one."
+
+
+@pytest.mark.parametrize("partitions, runs, bootpart, written", [
+    ("firmware firmware2", "firmware", "firmware", "firmware2"),
+    ("firmware firmware2", "firmware2", "firmware2", "firmware"),
+    ("firmware firmware2", "firmware", "firmware2", "firmware2"),  # the boot loader fell back
+    ("firmware", "firmware", "firmware", "firmware"),
+    ("firmware2 firmware3", "firmware", "firmware", "firmware"),
+    ("", "firmware", "firmware", "firmware")])
+def test_an_update_goes_into_the_partition_that_does_not_run(guard, daemon, partitions, runs, bootpart, written):
+    """Where both are known; otherwise over what runs, and that is said before."""
+    guard.must(f"uci set fwupdate.guard.partitions='{partitions}'; fw_setenv bootpart {bootpart}")
+    guard.restart(told=runs)
+    daemon(guard.good())
+    result = guard.run("fwupdate-cli update --yes")
+    assert result.status == 0 and f"The partition '{written}' will be written." in result.output
+    guard.router.wait_for("test -e /var/log/sysupgrade")
+    assert guard.variable("bootpart") == written
+    has_way_back = written != runs
+    assert guard.variable("upgrade_available") == ("1" if has_way_back else "")
+    assert (NO_WAY_BACK in result.output) != has_way_back
+
+
 def test_an_unsigned_one_is_refused_and_result_says_so(guard, daemon):
     daemon(with_metadata(uimage(guard.body())))
     assert update(guard).status == 0  # the daemon has answered; the guard comes after it
@@ -129,10 +153,13 @@ def test_confirm_ends_the_trial(guard):
     assert "Nothing is on trial." in guard.must("fwupdate-cli confirm")
 
 
-def test_another_updaters_trial_is_not_confirmed(guard):
-    guard.must("fw_setenv upgrade_available 1")
-    result = guard.run("fwupdate-cli confirm")
+@pytest.mark.parametrize("command", ["confirm", "rollback --yes"])
+def test_another_updaters_trial_is_not_ended(guard, command):
+    begin(guard)
+    guard.must(f"{TRIAL} confirm; fw_setenv upgrade_available 1")
+    result = guard.run(f"fwupdate-cli {command}")
     assert result.status == 1 and "the trial is another updater's" in result.output
+    assert guard.variables("upgrade_available", "bootpart") == ["1", "firmware2"] and not rebooted(guard)
 
 
 def flash(guard, image):
