@@ -6,15 +6,18 @@ the browser by closing them: the router is away.
 
 Usage: testbed/web/relay.py FOLDER [PORT]     prints the address, then relays until it is ended
 """
+import contextlib
 import http.server
 import json
 import socket
 import sys
+import threading
 
 
 class Relay(http.server.ThreadingHTTPServer):
-    """One request a connection. `fault(object, method)` of a JSON-RPC call may answer in place of
-    the router: it gets the browser's socket and returns True when it has dealt with it."""
+    """Each connection of the browser is one to the router, open for as long as both want it.
+    `fault(object, method)` of a JSON-RPC call may answer in place of the router: it gets the
+    browser's socket and returns True when it has dealt with it. Then the connection ends."""
 
     def __init__(self, folder, port=0):
         super().__init__(("127.0.0.1", port), Handler)
@@ -33,32 +36,56 @@ class Relay(http.server.ThreadingHTTPServer):
 
 
 class Handler(http.server.BaseHTTPRequestHandler):
+    protocol_version = "HTTP/1.1"
+    router = replaced = None
+
     def log_message(self, *_):
         pass
 
     def handle_one(self):
         body = self.rfile.read(int(self.headers.get("Content-Length", 0)))
-        self.close_connection = True
         name, method = called(body)
-        if self.server.fault(name, method, self.connection):
+        if self.server.fault(name, method, self.connection) or not self.find_router():
+            self.close_connection = True
             return
-        replaced = self.server.replaced(method)
-        with socket.socket(socket.AF_UNIX) as router:
+        self.replaced = self.server.replaced(method)
+        if self.replaced is not None:
+            del self.headers["Connection"]
+            self.headers["Connection"] = "close"
+        head = f"{self.command} {self.path} HTTP/1.1\r\n{self.headers}"
+        self.router.sendall(head.replace("\r\n", "\n").replace("\n", "\r\n").encode("latin-1") + body)
+
+    do_GET = do_HEAD = do_POST = handle_one
+
+    def find_router(self):
+        if self.router is None:
+            router = socket.socket(socket.AF_UNIX)
             try:
                 router.connect(self.server.path)
             except OSError:
                 self.server.missed += 1
-                return  # nobody is there; the browser sees a closed connection
-            del self.headers["Connection"]
-            head = f"{self.command} {self.path} HTTP/1.1\r\nConnection: close\r\n{self.headers}"
-            router.sendall(head.replace("\r\n", "\n").replace("\n", "\r\n").encode("latin-1") + body)
-            while piece := router.recv(65536):
-                if replaced is None:
-                    self.wfile.write(piece)
-        if replaced is not None:
-            self.wfile.write(replaced)
+                router.close()
+                return False  # nobody is there; the browser sees a closed connection
+            self.router = router
+            threading.Thread(target=self.copy_answers, daemon=True).start()
+        return True
 
-    do_GET = do_HEAD = do_POST = handle_one
+    def copy_answers(self):
+        """Until the router ends the connection; then it ends for the browser as well."""
+        with contextlib.suppress(OSError):
+            while piece := self.router.recv(65536):
+                if self.replaced is None:
+                    self.connection.sendall(piece)
+            self.connection.sendall(self.replaced or b"")
+        with contextlib.suppress(OSError):
+            self.connection.shutdown(socket.SHUT_RDWR)
+
+    def finish(self):
+        if self.router is not None:
+            with contextlib.suppress(OSError):
+                self.router.shutdown(socket.SHUT_RDWR)
+            self.router.close()
+        super().finish()
 
 
 def called(body):

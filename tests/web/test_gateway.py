@@ -1,10 +1,11 @@
 # SPDX-License-Identifier: ISC
 """The web gateway of the simulated router, without a page: what a page relies on."""
+import http.client
 import json
 
 import pytest
 
-from browser import wait_until
+from browser import WAIT, wait_until
 
 NULL = "0" * 32
 
@@ -125,6 +126,7 @@ def test_call_has_a_limit_and_goes_on(make_router):
 def test_plugin_stands_beside_the_objects(router, sid):
     reply = router.call(sid, "fwupdate-job", "status", {})["result"]
     assert reply[0] == 0 and reply[1]["update"] == {"job": "none"}
+    assert len(reply[1]["boot"]) == 36 and reply[1]["now"] > 1700000000
     assert router.call(sid, "fwupdate-job", "start", {"force": "text"})["result"][1]["status"] == 2
     assert router.call(sid, "fwupdate-job", "status", {})["result"][1]["update"] == {"job": "none"}, "nothing was started"
 
@@ -132,6 +134,29 @@ def test_plugin_stands_beside_the_objects(router, sid):
 def test_object_that_is_gone_is_not_found(router, sid):
     router.lose_the_daemon()
     assert code(router.call(sid, "fwupdate", "state", {})) == -32000
+
+
+def test_connection_stays_open_until_the_router_goes(router):
+    """A browser sends its next call on it. What follows a request whose body nobody has read is no request."""
+    connection = http.client.HTTPConnection("127.0.0.1", router.relay.server_address[1], timeout=WAIT)
+
+    def asked(verb, path, body=None):
+        connection.request(verb, path, body)
+        reply = connection.getresponse()
+        reply.read()
+        return reply.getheader("Connection"), reply.getheader("Keep-Alive")
+
+    connection.connect()
+    kept = connection.sock
+    for verb, path, body in (("GET", "/fwupdate/", None), ("POST", "/ubus", "{}"), ("GET", "/nothing", None), ("HEAD", "/fwupdate/", None)):
+        assert asked(verb, path, body) == ("Keep-Alive", "timeout=20"), path
+    assert connection.sock is kept
+    asked("POST", "/nothing", "x")
+    assert connection.sock is None or connection.sock.recv(1) == b"", "it ends with a body that nobody has read"
+    connection.connect()
+    asked("GET", "/fwupdate/")
+    router.power_off()
+    assert connection.sock.recv(1) == b"", "the relay has ended it as well"
 
 
 def test_files_have_a_tag(router):
