@@ -115,7 +115,7 @@ async function start() {
 	byId("question").onclose = () => dispatch("answer", { yes: byId("question").returnValue === "yes" });
 	window.onstorage = ({ key }) => key === "fwupdate.read" && dispatch("read", { read: load("localStorage", "read") });
 	document.onvisibilitychange = () => document.hidden || look();
-	setInterval(() => isMoving(stage(model, Date.now())) && draw(), 1000);
+	setInterval(() => attempt(() => isMoving(stage(model, Date.now())) && draw()), 1000); // a look tells of what it throws
 	wanted = model.session ? "" : "password";
 	draw();
 	look();
