@@ -134,6 +134,15 @@ def ask(router, method, text="{}"):
     return router.run(f"printf %s {shlex.quote(text)} | {PLUGIN} call {method}").json()
 
 
+def test_the_plugin_says_all_in_json(fast_router):
+    router = fast_router
+    assert router.run(f"{PLUGIN} list").json() == {"start": {"force": True}, "check": {}, "test": {"file": "/"}, "status": {}, "doctor": {}}
+    refused = router.run(f"{PLUGIN} call stop")
+    assert refused.status == 2 and refused.output.startswith("Usage: fwupdate-job")
+    router.must("""printf '#!/bin/sh\\nprintf "a \\\\"b\\\\" \\\\134 c\\\\n\\\\td\\\\001"; exit 1\\n' >/usr/bin/fwupdate-cli""")
+    assert ask(router, "start") == {"status": 1, "message": 'a "b" \\ c  d'}
+
+
 @pytest.mark.parametrize("force", ['"true"', '"1"', "1", "null", "[]", '{"a":true}', '"$(reboot)"'])
 def test_the_plugin_takes_no_other_force(fast_router, force):
     answer = ask(fast_router, "start", '{"force":%s}' % force)
