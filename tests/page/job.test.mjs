@@ -11,12 +11,12 @@ import * as scenes from "./scenes.mjs";
 
 const { ACCESS, AWAY, DENIED, MISSING, NEW, OLD, SCENES, SID, after, answered, board, found, installing, knocked, look, looked, play, signsIn, starts, status } = scenes;
 
-// What a page shows after these events: stage, model, and each part as text.
+// What a page shows after these events: stage, model, what stands in the picture, and each part as text.
 function shown(events, from) {
 	const { model, now, effects } = play(events, from);
-	const { parts, title } = picture(model, now);
+	const { parts, title, ...more } = picture(model, now);
 	const texts = Object.fromEntries(Object.entries(parts).map(([id, part]) => [id, Array.isArray(part) ? part.map(plain) : part?.key ? plain(part) : part || false]));
-	return { stage: stage(model, now), title: plain(title), model, now, effects, asked: effects.filter(({ ask }) => ask).map(({ ask }) => ask), ...texts };
+	return { ...more, stage: stage(model, now), title: plain(title), model, now, effects, asked: effects.filter(({ ask }) => ask).map(({ ask }) => ask), ...texts };
 }
 
 const scene = (name) => play(SCENES[name][1]);
@@ -47,9 +47,9 @@ for (const name of ["asking", "loading", "verifying", "installing", "restarting"
 }
 
 test("a tab that slept asks for the password with the reason", () => {
-	const { stage: at, "job-text": words, asked, "sign-in-why": why } = shown([after(3600), looked(DENIED)], scene("loading"));
+	const { stage: at, "job-text": words, asked, "sign-in-why": why, "job-stays": goesOn } = shown([after(3600), looked(DENIED)], scene("loading"));
 	assert.equal(at, "returned");
-	assert.equal(why, false, "nobody knows whether the update goes on");
+	assert.deepEqual([why, goesOn], [false, false], "nobody knows whether the update goes on");
 	assert.equal(words, "Sign in to see what became of the update.");
 	assert.ok(asked.includes("destroy"));
 });
@@ -140,6 +140,26 @@ test("signing in shows that it is at work", () => {
 	assert.equal(plain(picture(model, now).parts["sign-in-button"]), "Signing in …");
 });
 
+test("links are there where they lead somewhere", () => {
+	const links = (events, from) => {
+		const { home, backup, luci } = shown(events, from);
+		return { home, backup, luci };
+	};
+	const some = { type: "probed", links: { home: true, backup: true } };
+	assert.ok(scene("available").effects.some(({ probe }) => probe));
+	assert.deepEqual(links([], scene("question")), { home: false, backup: false, luci: false });
+	assert.deepEqual(links([some], scene("question")), { home: true, backup: true, luci: false });
+	assert.deepEqual(links([{ type: "probed", links: { home: false, backup: false } }], scene("question")), { home: false, backup: false, luci: false });
+	assert.deepEqual(links([some], play(SCENES.available[1], { ...play([]), model: begin({ from: "luci" }) })), { home: false, backup: true, luci: true });
+});
+
+test("who and where: the router's name, the account, and root before anybody signed in", () => {
+	const { router, account, user } = shown([{ type: "signIn", user: "viewer", password: "" }, signsIn[1], look()]);
+	assert.deepEqual([router, account, user], ["router", "viewer", "viewer"]);
+	assert.equal(shown([]).user, "root");
+	assert.equal(shown([{ type: "signOut" }], scene("available")).user, "root");
+});
+
 test("the answer to another session says nothing", () => {
 	const from = scene("available");
 	assert.deepEqual(play([{ ...look(scenes.downloading), sid: "f".repeat(32) }], from).model, from.model);
@@ -156,6 +176,18 @@ test("an old failure says when it was, and once read stays read in every tab", (
 	assert.equal(shown([{ type: "read", read: kept }], old).stage, "idle", "in another tab");
 	assert.equal(shown([look({ update: answered("failed", "2", ""), state: "NONE" })], reloaded(closed)).stage, "idle", "after a reload");
 });
+
+for (const [name, more, verdict, sign] of [
+	["available", {}, "A new version is available", "new"], ["up-to-date", {}, "This router is up to date", "good"],
+	["available", { buildtime: "170000000" }, "The update server asks for this version", "new"],
+	["up-to-date", { buildtime: "170000000" }, "This router is up to date", "good"],
+	["available", { buildtime: OLD.build }, "The update server asks for this version", "new"]])
+	test(`the verdict "${verdict}" comes first, with a sign`, () => {
+		const said = shown([{ type: "checkAgain" }, found({ ...(name === "available" ? scenes.OFFER : scenes.SAME), ...more })], scene(name));
+		assert.deepEqual([said.verdict, said.sign, said.update, said["anyway-part"]], [verdict, sign, sign === "new", sign !== "new"]);
+		assert.equal(said["checked-at"], plain({ key: "checkedAt", values: { at: said.now } }), "with the time of the check");
+		assert.match(said["checked-at"], /^Last check: \d/);
+	});
 
 test("a check that failed is repeated after a minute", () => {
 	const failed = scene("server-down");
@@ -209,6 +241,8 @@ for (const [data, wanted] of [
 	});
 
 for (const [update, wanted, words] of [
+	[answered("failed", "2"), "The download failed. Nothing was changed. Is the router online, with enough free memory?", false],
+	[answered("failed", "3", "Bad Model [-9]"), "The firmware is damaged, or made for another model. Nothing was changed.", "The router says: Bad Model [-9]"],
 	[answered("failed", "1"), "The update server gave no usable answer. Nothing was changed.", false],
 	[answered("busy", "6", "Already updating"), "Another update is running. If there is none: /etc/init.d/fwupdate restart", "The router says: Already updating"],
 	[answered("failed", "5", "x\x1by"), "The firmware could not be written.", "The router says: x\ufffdy"],
@@ -218,6 +252,25 @@ for (const [update, wanted, words] of [
 		const said = shown([look({ update })], scene("available"));
 		assert.deepEqual([said.stage, said["job-text"], said["job-detail"]], ["failed", wanted, words]);
 	});
+
+test("nothing stands beside a running update, and no button contradicts the advice to restart", () => {
+	for (const name of ["asking", "loading", "verifying", "installing", "restarting", "starting", "trial", "not-restarted"]) {
+		const said = shown([], scene(name));
+		assert.deepEqual([said.job, said.versions, said.enabled], [true, false, false], name);
+	}
+	for (const name of ["failed", "done", "refused"])
+		assert.deepEqual([shown([], scene(name)).versions, shown([], scene(name)).enabled], [true, true], name);
+});
+
+test("installing and restarting move: a bar without end, and the time", () => {
+	assert.deepEqual([shown([], scene("size-unknown")).bar, shown([], scene("size-unknown")).progress], [true, null]);
+	for (const name of ["installing", "restarting", "starting"]) {
+		const said = shown([after(125)], scene(name));
+		assert.deepEqual([said.bar, said.progress, said["job-stays"]], [true, null, true], name);
+		assert.match(said.figures, /^0[23]:\d\d so far · usually 3 to 5 minutes$/, name);
+	}
+	assert.equal(shown([], scene("done")).bar, false);
+});
 
 // --- The guard
 
@@ -265,6 +318,13 @@ test("how long restarts took is known the next time", () => {
 	const again = play(SCENES.installing[1], reloaded(done, { session: null, watch: null }));
 	assert.match(shown([after(65)], again).figures, /^01:05 so far · usually 2 to 3 minutes$/);
 });
+
+for (const [name, id, wanted] of [
+	["wrong-password", "sign-in-fault", "Wrong user name or password."], ["done", "job-title", "Update complete"],
+	["failed", "job-title", "The update failed"], ["foreign", "job-hint", "Somebody else started this update."],
+	["no-plugin", "verdict", "No updates from here: fwupdate-job is missing on the router."], ["no-daemon", "verdict", "The update service does not answer."],
+	["size-unknown", "job-text", "The size of the firmware is not known yet."], ["long-away", "job-hint", text("longAway")]])
+	test(`scene ${name} says in plain words: ${wanted}`, () => assert.equal(shown([], scene(name))[id], wanted));
 
 test("the title of the tab tells", () => {
 	assert.equal(shown(SCENES.loading[1]).title, "50% – Firmware update");
