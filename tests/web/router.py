@@ -75,21 +75,21 @@ class Router:
         """Waits until the shell's condition holds on the router."""
         self.machine.wait_for(condition)
 
-    def call(self, sid, name, method, args, path=None):
+    def call(self, sid, name, method, args):
         """A call through the gateway; returns its answer."""
         request = {"jsonrpc": "2.0", "id": 1, "method": "call", "params": [sid, name, method, args]}
-        return json.loads(self.post(json.dumps(request).encode(), path).read())
+        return json.loads(self.post(json.dumps(request).encode()).read())
 
-    def post(self, body, path=None):
-        return self.request("POST", "/ubus", body, gateway=path)
+    def post(self, body):
+        return self.request("POST", "/ubus", body)
 
-    def request(self, verb, path, body=None, headers=None, gateway=None):
-        connection = Connection(gateway or self.shared / "http")
+    def request(self, verb, path, body=None, headers=None):
+        connection = Connection(self.shared / "http")
         connection.request(verb, path, body, headers or {})
         return connection.getresponse()
 
-    def end_session(self, sid, path=None):
-        assert self.call(sid, "session", "destroy", {}, path)["result"] == [0]
+    def end_session(self, sid):
+        assert self.call(sid, "session", "destroy", {})["result"] == [0]
 
     # --- The update server
 

@@ -187,8 +187,9 @@ def test_backup_is_linked_only_where_there_is_one(router, page):
     page.await_visible("question")
     assert not page.visible("backup")
     page.click("no")
-    router.run("mkdir -p /www/cgi-bin/luci/admin/system; echo x >/www/cgi-bin/luci/admin/system/flash")
+    router.run("mkdir -p /www/cgi-bin/luci/admin/system; echo x | tee /www/index.html >/www/cgi-bin/luci/admin/system/flash")
     page.open()
+    page.await_visible("home")
     page.await_text("verdict", "A new version")
     page.click("update")
     page.await_visible("backup")
@@ -210,13 +211,51 @@ def test_check_that_failed_is_repeated_by_itself(router, page):
     wait_until(lambda: "check" in asked, "the page asks the server again")
 
 
+# What the page's timers wait for, in milliseconds.
+TIMERS = """
+    const [set, clear] = [setTimeout, clearTimeout];
+    window.timers = new Map();
+    window.setTimeout = (what, wait, ...more) => {
+        const id = set(() => { timers.delete(id); what(...more); }, wait);
+        timers.set(id, wait);
+        return id;
+    };
+    window.clearTimeout = (id) => { timers.delete(id); clear(id); };
+"""
+
+
 def test_page_looks_by_itself(router, page):
-    """Without the nudges that the other tests give it."""
-    downloading(router, page)
+    """Without the nudges that the other tests give it: every three seconds while something runs; seldom
+    when nothing does, and then not at all in a hidden tab."""
     looks = []
+    page.open_and_sign_in()
+    page.script(TIMERS)
     router.relay.fault = lambda name, method, browser: looks.append(method)
-    wait_until(lambda: looks.count("status") >= 2, "the page has looked twice")
+
+    def await_timers(*wanted):
+        def waits():
+            return page.script("return [...timers.values()]")
+        wait_until(lambda: "status" in looks and waits() == [*wanted], lambda: f"after a look {wanted}, not {waits()}")
+        looks.clear()
+
+    def hide(hidden):
+        page.script("Object.defineProperty(document, 'hidden', { configurable: true, get: () => arguments[0] })", hidden)
+
+    page.look_now()
+    await_timers(15000)
+    hide(True)
+    page.script("document.getElementById('check').click()")
+    await_timers()
+    hide(False)
+    router.offer_slowly()
+    router.run("fwupdate-cli update --yes --detach")
+    page.look_now()
+    page.await_stage("Downloading")
+    hide(True)
+    looks.clear()
+    wait_until(lambda: len(looks) >= 2, "the page has looked twice")
     assert set(looks) == {"status"}, "a look is one call"
+    await_timers(3000)
 
 
 def put_guard_file(router, name, text):

@@ -1,6 +1,5 @@
 # SPDX-License-Identifier: ISC
 """Dark, and by keyboard alone; the rest is in test_scenes.py."""
-from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 
 from browser import wait_until
@@ -55,10 +54,3 @@ def test_keyboard_alone_is_enough(router, page):
     keys(page, Keys.SPACE)
     page.await_stage("Installing")
     assert focused(page) == "job-title"
-
-
-def test_every_input_has_its_label(router, page):
-    page.open_and_sign_in()
-    page.find("file-part").click()
-    names = [element.accessible_name for element in page.driver.find_elements(By.TAG_NAME, "input") if element.is_displayed()]
-    assert names == ["Path of the file"]

@@ -1,7 +1,5 @@
 # SPDX-License-Identifier: ISC
 """States of the page that last a moment on a router, or that a router seldom comes to."""
-import json
-
 import answers
 from router import OLD
 
@@ -58,13 +56,3 @@ def test_offer_that_was_withdrawn_before_the_start(router, page):
     assert not page.visible("update"), "the page has asked again"
     page.click("close-job")
     page.await_hidden("job")
-
-
-def outcome(started, **update):
-    status = {"boot": "b", "now": 1, "update": {"started": started, **update}}
-    return answers.instead_of("status", answers.result(json.dumps(status).encode()))
-
-
-def answered(code, message):
-    return {"job": "answered", "result": "busy" if code == "6" else "failed", "ended": 1,
-            "answer": {"error_code": code, "error_message": message}}

@@ -3,6 +3,7 @@
 import answers
 from browser import wait_until
 
+
 def notes_of(page):
     return page.script("return document.getElementById('notes').textContent")
 
@@ -73,15 +74,6 @@ def test_german_where_the_browser_asks_for_it(router, make_page):
     page.await_text("verdict", "Eine neue Version ist verfügbar")
     assert page.script("return document.documentElement.lang") == "de"
     assert page.driver.title == "Firmware-Update"
-
-
-def test_english_where_no_language_fits(router, make_page):
-    page = make_page(router, language="fr,it")
-    page.open()
-    assert page.driver.title == "Sign in – Firmware update"
-
-
-
 
 
 def test_policy_lets_no_injected_script_run(router, page):
