@@ -1,263 +1,195 @@
 // SPDX-License-Identifier: ISC
-// fwtool: appends metadata and signatures to a firmware file and takes them out again.
+// fwtool: appends metadata and signatures to a firmware file, and takes metadata out again.
+//
+//	image | chunk | chunk | ...		each chunk stands on everything before it
+//	chunk = [8-byte header, metadata only] data, 16-byte trailer
+//
+// A file may come from anybody: every size in it is compared with what is there before it is
+// followed.
 #include <cerrno>
-#include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <optional>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <string>
 #include <string_view>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <utility>
-
-#include "fwtool_chunk.h"
+#include <zlib.h>
 
 namespace
 {
 
-using fwtool::ChunkType;
-using Content = std::vector<std::uint8_t>;
-
 constexpr int success = 0;
 constexpr int failure = 1;
 
-struct Request {
-	ChunkType type = ChunkType::metadata;
-	bool append = false;
-	const char *data_path = nullptr; // "-": standard input or output
-	const char *firmware_path = nullptr;
-	bool truncate = false;
-	bool print_rest = false; // the firmware without what was found, to standard output
-};
+constexpr std::string_view magic = "FWx0";
+constexpr std::size_t trailer_size = 16;
+constexpr std::size_t header_size = 8;
+constexpr std::size_t chunk_limit = 32 * 1024 + trailer_size;
+constexpr std::size_t metadata_limit = 30 * 1024; // bytes that may be appended
+constexpr std::size_t signature_limit = 1024;
+
+enum ChunkType : char { signature = 0, metadata = 1 };
 
 bool quiet = false;
 
-[[gnu::format(printf, 1, 2)]] int fail(const char *format, ...)
+int fail(const std::string &message)
 {
 	if (!quiet) {
-		va_list arguments;
-		va_start(arguments, format);
-		vfprintf(stderr, format, arguments);
-		va_end(arguments);
-		fputc('\n', stderr);
+		fprintf(stderr, "%s\n", message.c_str());
 	}
 	return failure;
 }
 
-class Descriptor
+std::uint32_t read_be32(std::string_view bytes)
 {
-public:
-	explicit Descriptor(int number) : number_(number)
-	{
+	std::uint32_t value = 0;
+	for (const char byte : bytes.substr(0, 4)) {
+		value = value << 8 | static_cast<unsigned char>(byte);
 	}
-	~Descriptor()
-	{
-		if (number_ > STDERR_FILENO) {
-			close(number_);
-		}
-	}
-	Descriptor(const Descriptor &) = delete;
-	Descriptor &operator=(const Descriptor &) = delete;
-	int number() const
-	{
-		return number_;
-	}
-	bool valid() const
-	{
-		return number_ >= 0;
-	}
-
-private:
-	int number_;
-};
-
-int open_data(const Request &request)
-{
-	if (std::string_view(request.data_path) == "-") {
-		return request.append ? STDIN_FILENO : STDOUT_FILENO;
-	}
-	const int flags = request.append ? O_RDONLY : O_WRONLY | O_CREAT;
-	return open(request.data_path, flags | O_CLOEXEC, 0644);
+	return value;
 }
 
-// At most `limit` bytes; nothing on a read error.
-std::optional<Content> read_all(int descriptor, std::size_t limit)
+std::string be32(std::uint32_t value)
 {
-	constexpr std::size_t step = 1 << 20;
-	Content content;
-	while (content.size() < limit) {
-		const std::size_t old = content.size();
-		content.resize(old + std::min(step, limit - old));
-		const ssize_t got = read(descriptor, content.data() + old, content.size() - old);
-		content.resize(old + static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
-		if (got < 0 && errno != EINTR) {
-			return std::nullopt;
-		}
-		if (got == 0) {
-			break;
-		}
+	std::string bytes;
+	for (int shift = 24; shift >= 0; shift -= 8) {
+		bytes += static_cast<char>(value >> shift);
 	}
-	return content;
+	return bytes;
 }
 
-bool write_all(int descriptor, fwtool::Bytes bytes)
+// A CRC-32 without its final inversion.
+std::uint32_t checksum(std::string_view bytes, std::uint32_t start = 0xffffffff)
 {
-	while (!bytes.empty()) {
-		const ssize_t put = write(descriptor, bytes.data(), bytes.size());
-		if (put < 0 && errno != EINTR) {
-			return false;
+	return ~static_cast<std::uint32_t>(
+		crc32_z(~start, reinterpret_cast<const Bytef *>(bytes.data()), bytes.size()));
+}
+
+// The data of the last metadata chunk, behind any others. Null and a reason when there is none.
+std::string_view find_metadata(std::string_view file, const char *&problem)
+{
+	for (;;) {
+		if (file.size() <= trailer_size) {
+			problem = "File too short";
+			return {};
 		}
-		bytes = bytes.subspan(static_cast<std::size_t>(std::max<ssize_t>(put, 0)));
+		const std::string_view covered = file.substr(0, file.size() - trailer_size);
+		const std::string_view trailer = file.substr(covered.size());
+		if (!trailer.starts_with(magic)) {
+			problem = "Data not found";
+			return {};
+		}
+		const bool is_metadata = trailer[8] == metadata;
+		const std::size_t size = read_be32(trailer.substr(12));
+		if (size < trailer_size + (is_metadata ? header_size : 0) || size > chunk_limit) {
+			problem = "Size error";
+			return {};
+		}
+		if (size >= file.size()) {
+			problem = "File too short"; // a chunk without an image belongs to nothing
+			return {};
+		}
+		if (read_be32(trailer.substr(4)) != checksum(covered)) {
+			problem = "CRC error";
+			return {};
+		}
+		const std::string_view chunk = covered.substr(file.size() - size);
+		// Only version 0 of the header exists.
+		if (is_metadata && read_be32(chunk) == 0) {
+			return chunk.substr(header_size);
+		}
+		file.remove_suffix(size);
 	}
+}
+
+// Mapped, not read: it may be larger than the memory there is. The end of the program unmaps it.
+bool map_file(const char *path, std::string_view &bytes)
+{
+	struct stat status = {};
+	const int file = open(path, O_RDONLY | O_CLOEXEC);
+	if (file < 0 || fstat(file, &status) != 0 || !S_ISREG(status.st_mode)) {
+		return false;
+	}
+	const auto size = static_cast<std::size_t>(status.st_size);
+	void *start = size == 0 ? nullptr : mmap(nullptr, size, PROT_READ, MAP_SHARED, file, 0);
+	close(file);
+	if (start == MAP_FAILED) {
+		return false;
+	}
+	bytes = {static_cast<const char *>(start), size};
 	return true;
 }
 
-bool same_file(int one, int other)
+int append(ChunkType type, const std::string &data_path, const char *firmware_path)
 {
-	struct stat a = {};
-	struct stat b = {};
-	return fstat(one, &a) == 0 && fstat(other, &b) == 0 && a.st_dev == b.st_dev &&
-	       a.st_ino == b.st_ino;
-}
-
-bool is_regular(int descriptor)
-{
-	struct stat status = {};
-	return fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
-}
-
-// A whole file, read-only. Mapped, not read: it may be larger than the memory there is.
-class Mapping
-{
-public:
-	explicit Mapping(int descriptor)
-	{
-		struct stat status = {};
-		if (fstat(descriptor, &status) != 0 || status.st_size == 0) {
-			return;
-		}
-		if (!std::in_range<std::size_t>(status.st_size)) {
-			error_ = EFBIG;
-			return;
-		}
-		const auto size = static_cast<std::size_t>(status.st_size);
-		void *start = mmap(nullptr, size, PROT_READ, MAP_SHARED, descriptor, 0);
-		if (start == MAP_FAILED) {
-			error_ = errno;
-			return;
-		}
-		bytes_ = {static_cast<const std::uint8_t *>(start), size};
+	std::ifstream data_file(data_path);
+	std::istream &source = data_path == "-" ? std::cin : data_file;
+	const std::string data{std::istreambuf_iterator<char>(source), {}};
+	if (source.fail()) {
+		return fail("Failed to read " + data_path);
 	}
-	~Mapping()
-	{
-		if (!bytes_.empty()) {
-			munmap(const_cast<std::uint8_t *>(bytes_.data()), bytes_.size());
-		}
+	if (data.size() > (type == metadata ? metadata_limit : signature_limit)) {
+		return fail(data_path + " is too long");
 	}
-	Mapping(const Mapping &) = delete;
-	Mapping &operator=(const Mapping &) = delete;
-	fwtool::Bytes bytes() const
-	{
-		return bytes_;
+	std::string_view firmware;
+	if (!map_file(firmware_path, firmware)) {
+		return fail(std::string("Failed to open firmware file ") + firmware_path);
 	}
-	// 0 when the file is there, an empty one too.
-	int error() const
-	{
-		return error_;
-	}
-
-private:
-	fwtool::Bytes bytes_;
-	int error_ = 0;
-};
-
-int append(const Request &request, int data_file, int firmware_file, fwtool::Bytes firmware)
-{
-	const std::size_t limit = fwtool::data_limit(request.type);
-	const std::optional<Content> data = read_all(data_file, limit + 1);
-	if (!data) {
-		return fail("Failed to read %s: %s", request.data_path, strerror(errno));
-	}
-	if (data->size() > limit) {
-		return fail("%s is longer than %zu bytes", request.data_path, limit);
-	}
-	const Content chunk = fwtool::make_chunk(firmware, request.type, *data);
-	const auto end = static_cast<off_t>(firmware.size());
-	if (lseek(firmware_file, end, SEEK_SET) != end || !write_all(firmware_file, chunk)) {
-		const int error = errno;
-		if (ftruncate(firmware_file, end) != 0) {
-			fail("Failed to take back what was appended: %s", strerror(errno));
-		}
-		return fail("Failed to append to %s: %s", request.firmware_path, strerror(error));
+	std::string chunk = std::string(type == metadata ? header_size : 0, '\0') + data;
+	const std::uint32_t crc = checksum(chunk, checksum(firmware));
+	const auto size = static_cast<std::uint32_t>(chunk.size() + trailer_size);
+	chunk.append(magic).append(be32(crc) + static_cast<char>(type) + std::string(3, '\0') +
+				   be32(size));
+	std::ofstream(firmware_path, std::ios::app) << chunk;
+	// What did not fit is taken back.
+	struct stat now = {};
+	if (stat(firmware_path, &now) != 0 ||
+	    static_cast<std::size_t>(now.st_size) != firmware.size() + chunk.size()) {
+		const bool undone =
+			truncate(firmware_path, static_cast<off_t>(firmware.size())) == 0;
+		return fail(std::string("Failed to append to ") + firmware_path +
+			    (undone ? "" : ", and it is damaged now"));
 	}
 	return success;
 }
 
-int extract(const Request &request, int data_file, int firmware_file, fwtool::Bytes firmware)
+int extract(const std::string &data_path, const char *firmware_path)
 {
-	const fwtool::Search search = fwtool::find_chunk(firmware, request.type);
-	if (search.result != fwtool::SearchResult::found) {
-		return fail("%s", fwtool::search_result_text(search.result));
+	std::ofstream data_file;
+	if (data_path != "-") {
+		data_file.open(data_path); // empty, whatever comes
 	}
-	if (!write_all(data_file, search.data)) {
-		return fail("Failed to write %s: %s", request.data_path, strerror(errno));
+	std::ostream &out = data_path == "-" ? std::cout : data_file;
+	std::string_view firmware;
+	if (!map_file(firmware_path, firmware)) {
+		return fail(std::string("Failed to open firmware file ") + firmware_path + ": " +
+			    strerror(errno));
 	}
-	if (request.print_rest && !write_all(STDOUT_FILENO, firmware.first(search.start))) {
-		return fail("Failed to write the firmware: %s", strerror(errno));
+	const char *problem = nullptr;
+	const std::string_view data = find_metadata(firmware, problem);
+	if (problem != nullptr) {
+		return fail(problem);
 	}
-	if (request.truncate && ftruncate(firmware_file, static_cast<off_t>(search.start)) != 0) {
-		return fail("Failed to truncate %s: %s", request.firmware_path, strerror(errno));
+	if (!(out << data << std::flush)) {
+		return fail("Failed to write " + data_path);
 	}
 	return success;
-}
-
-int run(const Request &request)
-{
-	const Descriptor data_file(open_data(request));
-	if (!data_file.valid()) {
-		return fail("Failed to open %s: %s", request.data_path, strerror(errno));
-	}
-	const bool changes_firmware = request.append || request.truncate;
-	const Descriptor firmware_file(
-		open(request.firmware_path, (changes_firmware ? O_RDWR : O_RDONLY) | O_CLOEXEC));
-	const int firmware_error = errno;
-	if (firmware_file.valid() && same_file(data_file.number(), firmware_file.number())) {
-		return fail("%s and %s are the same file", request.data_path,
-			    request.firmware_path);
-	}
-	// Only now: an output that turns out to be the firmware must keep its content.
-	if (!request.append && is_regular(data_file.number()) &&
-	    ftruncate(data_file.number(), 0) != 0) {
-		return fail("Failed to empty %s: %s", request.data_path, strerror(errno));
-	}
-	if (!firmware_file.valid()) {
-		return fail("Failed to open firmware file %s: %s", request.firmware_path,
-			    strerror(firmware_error));
-	}
-	if (!is_regular(firmware_file.number())) {
-		return fail("%s is not a regular file", request.firmware_path);
-	}
-	const Mapping firmware(firmware_file.number());
-	if (firmware.error() != 0) {
-		return fail("Failed to read %s: %s", request.firmware_path,
-			    strerror(firmware.error()));
-	}
-	return (request.append ? append : extract)(request, data_file.number(),
-						   firmware_file.number(), firmware.bytes());
 }
 
 int usage(const char *program)
 {
 	fprintf(stderr,
 		"Usage: %s [-q] -I METADATA | -S SIGNATURE FIRMWARE\n"
-		"       %s [-q] [-t] [-T] -i METADATA | -s SIGNATURE FIRMWARE\n"
+		"       %s [-q] -i METADATA FIRMWARE\n"
 		"\n"
 		"  -I, -S  append metadata or a signature\n"
-		"  -i, -s  write the metadata or the signature to a file (-: standard output)\n"
-		"  -t      cut what was found, and all that follows it, from the firmware\n"
-		"  -T      print the firmware without what was found, and all that follows it\n"
+		"  -i      write the metadata to a file (-: standard output)\n"
 		"  -q      no error messages\n",
 		program, program);
 	return failure;
@@ -267,36 +199,23 @@ int usage(const char *program)
 
 int main(int argc, char **argv)
 {
-	Request request;
-	int actions = 0;
-	for (int option; (option = getopt(argc, argv, "+i:I:s:S:tTq")) != -1;) {
-		switch (option) {
-		case 'i':
-		case 'I':
-		case 's':
-		case 'S':
-			request.type = option == 'i' || option == 'I' ? ChunkType::metadata
-								      : ChunkType::signature;
-			request.append = option == 'I' || option == 'S';
-			request.data_path = optarg;
-			actions++;
-			break;
-		case 't':
-			request.truncate = true;
-			break;
-		case 'T':
-			request.print_rest = true;
-			break;
-		case 'q':
+	char action = '\0';
+	const char *data_path = nullptr;
+	for (int option; (option = getopt(argc, argv, "+i:I:S:q")) != -1;) {
+		if (option == 'q') {
 			quiet = true;
-			break;
-		default:
+		} else if (option == '?' || action != '\0') {
 			return usage(argv[0]);
+		} else {
+			action = static_cast<char>(option);
+			data_path = optarg;
 		}
 	}
-	if (actions != 1 || optind != argc - 1) {
+	if (action == '\0' || optind != argc - 1) {
 		return usage(argv[0]);
 	}
-	request.firmware_path = argv[optind];
-	return run(request);
+	if (action == 'i') {
+		return extract(data_path, argv[optind]);
+	}
+	return append(action == 'I' ? metadata : signature, data_path, argv[optind]);
 }

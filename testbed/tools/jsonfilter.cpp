@@ -1,17 +1,19 @@
 // SPDX-License-Identifier: ISC
-// jsonfilter: prints the values of a JSON text that path expressions lead to.
-//
-// Options work in the order in which they stand: an -e reads the source that was named before it,
-// standard input when none was, and later expressions reuse the text.
+// jsonfilter: prints the values of a JSON text that path expressions lead to. An expression is
+// `NAME=` for a shell variable or nothing, `@`, then members (`.name`, `["name"]`)
+// and places in lists (`[0]`).
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
+#include <iostream>
+#include <iterator>
 #include <json-c/json.h>
 #include <memory>
+#include <regex>
 #include <string>
 #include <unistd.h>
-
-#include "jsonfilter_path.h"
+#include <vector>
 
 namespace
 {
@@ -22,8 +24,6 @@ enum ExitCode : int {
 	no_input = 125,
 	not_json = 126,
 };
-
-constexpr std::size_t read_size = 65536;
 
 struct JsonDeleter {
 	void operator()(json_object *object) const
@@ -37,11 +37,17 @@ struct JsonDeleter {
 };
 using Json = std::unique_ptr<json_object, JsonDeleter>;
 
-struct Source {
-	FILE *stream = stdin;
-	const char *text = nullptr; // taken instead of the stream
-	bool quiet = false;
+struct Step {
+	std::string member; // or, when it is empty:
+	std::size_t place = 0;
 };
+
+struct Path {
+	std::string label; // the shell variable that gets the value, or empty
+	std::vector<Step> steps;
+};
+
+bool quiet = false;
 
 int usage(const char *program)
 {
@@ -50,160 +56,142 @@ int usage(const char *program)
 	return nothing_matched;
 }
 
-// What can be read; nothing more after an error, which the JSON parser then complains about.
-std::string read_all(FILE *stream)
+std::string read_all(std::istream &stream)
 {
-	std::string text;
-	std::size_t got = 0;
-	do {
-		const std::size_t old = text.size();
-		text.resize(old + read_size);
-		got = fread(text.data() + old, 1, read_size, stream);
-		text.resize(old + got);
-	} while (got > 0);
-	return text;
+	return {std::istreambuf_iterator<char>(stream), {}};
 }
 
 // The first JSON value of the text; what follows it is not looked at. The terminating zero is
 // withheld from the tokener, so that a bare number which the text's end cuts off is refused.
-Json parse_json(const Source &source)
+Json parse_json(const std::string &text)
 {
-	const std::string text = source.text ? source.text : read_all(source.stream);
 	const std::unique_ptr<json_tokener, JsonDeleter> tokener(json_tokener_new());
-	Json document;
-	const char *problem = "the text is too long";
-	if (text.size() <= INT32_MAX) {
-		document.reset(json_tokener_parse_ex(tokener.get(), text.data(),
-						     static_cast<int>(text.size())));
+	Json document(
+		json_tokener_parse_ex(tokener.get(), text.data(), static_cast<int>(text.size())));
+	if (!document && !quiet) {
 		const json_tokener_error error = json_tokener_get_error(tokener.get());
-		problem = error == json_tokener_continue  ? "unexpected end of data"
-			  : error == json_tokener_success ? "null"
-							  : json_tokener_error_desc(error);
-	}
-	if (!document && !source.quiet) {
-		fprintf(stderr, "Failed to parse json data: %s\n", problem);
+		fprintf(stderr, "Failed to parse json data: %s\n",
+			error == json_tokener_continue ? "unexpected end of data"
+						       : json_tokener_error_desc(error));
 	}
 	return document;
 }
 
-bool open_source(Source &source, const char *path)
+// False when the expression is malformed.
+bool parse_path(const std::string &expression, Path &path)
 {
-	FILE *stream = fopen(path, "re");
-	if (!stream) {
-		if (!source.quiet) {
-			fprintf(stderr, "Failed to open %s: %s\n", path, strerror(errno));
-		}
+	static const std::regex whole(
+		R"x((?:([A-Za-z_]\w*)=)?@((?:\.[A-Za-z_]\w*|\["[^"\\]+"\]|\[\d{1,9}\])*))x");
+	static const std::regex step(R"x(\.(\w+)|\["([^"]+)"\]|\[(\d+)\])x");
+	std::smatch found;
+	if (!std::regex_match(expression, found, whole)) {
 		return false;
 	}
-	if (source.stream != stdin) {
-		fclose(source.stream);
+	path.label = found[1];
+	const std::string steps = found[2];
+	for (std::sregex_iterator at(steps.begin(), steps.end(), step), end; at != end; ++at) {
+		const std::smatch &parts = *at;
+		path.steps.push_back(
+			{parts.str(1) + parts.str(2), parts[3].matched ? std::stoul(parts[3]) : 0});
 	}
-	source.stream = stream;
-	source.text = nullptr;
 	return true;
 }
 
-std::string quoted(const char *text)
+// Owned by the document; nullptr for a JSON null too, which counts as no value.
+json_object *follow(json_object *value, const Path &path)
 {
-	std::string quoted = "'";
-	for (; *text; text++) {
-		quoted += *text == '\'' ? "'\"'\"'" : std::string(1, *text);
+	for (const Step &step : path.steps) {
+		if (!step.member.empty()) {
+			json_object_object_get_ex(value, step.member.c_str(), &value);
+		} else if (json_object_is_type(value, json_type_array)) {
+			value = json_object_array_get_idx(value, step.place);
+		} else {
+			value = nullptr;
+		}
 	}
-	return quoted + "'";
+	return value;
 }
 
-// What a shell assigns: of an object its names, of an array its places.
+std::string quoted(const std::string &text)
+{
+	return "'" + std::regex_replace(text, std::regex("'"), "'\"'\"'") + "'";
+}
+
+// What a shell assigns. Lists and tables are nobody's variable here.
 std::string shell_value(json_object *value)
 {
-	std::string words;
 	switch (json_object_get_type(value)) {
 	case json_type_string:
 		return quoted(json_object_get_string(value));
 	case json_type_boolean:
 		return json_object_get_boolean(value) ? "1" : "0";
-	case json_type_double:
-		return std::to_string(json_object_get_double(value));
 	case json_type_int:
+	case json_type_double:
 		return json_object_get_string(value);
-	case json_type_object:
-		for (json_object_iterator it = json_object_iter_begin(value),
-					  end = json_object_iter_end(value);
-		     !json_object_iter_equal(&it, &end); json_object_iter_next(&it)) {
-			words += (words.empty() ? "" : "\\ ") +
-				 quoted(json_object_iter_peek_name(&it));
-		}
-		return words;
-	case json_type_array:
-		for (std::size_t place = 0; place < json_object_array_length(value); place++) {
-			words += (words.empty() ? "" : "\\ ") + std::to_string(place);
-		}
-		return words;
-	case json_type_null:
+	default:
 		return "";
 	}
-	return "";
 }
 
-enum class Wanted { value, type };
-
-bool print_match(json_object *document, const char *expression, Wanted wanted, bool quiet)
+bool print_match(json_object *document, const char *expression, bool type_wanted)
 {
-	const jsonfilter::Path path = jsonfilter::parse_path(expression);
-	if (!path.problem.empty()) {
+	Path path;
+	if (!parse_path(expression, path)) {
 		if (!quiet) {
-			fprintf(stderr, "Syntax error: %s at character %zu of %s\n",
-				path.problem.c_str(), path.position + 1, expression);
+			fprintf(stderr, "Syntax error in %s\n", expression);
 		}
 		return false;
 	}
-	json_object *value = jsonfilter::follow(document, path);
+	json_object *value = follow(document, path);
 	if (!value) {
 		return false;
 	}
-	const char *type = json_type_to_name(json_object_get_type(value));
-	if (path.label.empty()) {
-		// A string prints as it is, everything else as JSON text.
-		printf("%s\n", wanted == Wanted::type ? type : json_object_get_string(value));
+	if (!path.label.empty()) {
+		printf("export %s=%s; ", path.label.c_str(), shell_value(value).c_str());
+	} else if (type_wanted) {
+		printf("%s\n", json_type_to_name(json_object_get_type(value)));
 	} else {
-		printf("export %s=%s; ", path.label.c_str(),
-		       wanted == Wanted::type ? type : shell_value(value).c_str());
+		// A string prints as it is, everything else as JSON text.
+		printf("%s\n", json_object_get_string(value));
 	}
 	return true;
 }
 
 } // namespace
 
+// Options work in the order in which they stand: the first -e or -t reads the source that was
+// named before it, standard input when none was, and later expressions use the same text.
 int main(int argc, char **argv)
 {
-	Source source;
+	std::ifstream file;
+	const char *text = nullptr; // taken instead of a stream
 	Json document;
 	int result = all_matched;
-	bool asked = false;
 	for (int option; (option = getopt(argc, argv, "+qi:s:e:t:")) != -1;) {
 		switch (option) {
 		case 'q':
-			source.quiet = true;
+			quiet = true;
 			break;
 		case 'i':
-			if (!open_source(source, optarg)) {
+			file.open(optarg);
+			if (!file) {
+				fprintf(stderr, "Failed to open %s: %s\n", optarg, strerror(errno));
 				return no_input;
 			}
 			break;
 		case 's':
-			source.text = optarg;
+			text = optarg;
 			break;
 		case 'e':
 		case 't':
-			asked = true;
 			if (!document) {
-				document = parse_json(source);
+				document = parse_json(
+					text ? text : read_all(file.is_open() ? file : std::cin));
 			}
 			if (!document) {
 				return not_json;
 			}
-			if (!print_match(document.get(), optarg,
-					 option == 't' ? Wanted::type : Wanted::value,
-					 source.quiet)) {
+			if (!print_match(document.get(), optarg, option == 't')) {
 				result = nothing_matched;
 			}
 			break;
@@ -211,5 +199,5 @@ int main(int argc, char **argv)
 			return usage(argv[0]);
 		}
 	}
-	return asked && optind == argc ? result : usage(argv[0]);
+	return document && optind == argc ? result : usage(argv[0]);
 }

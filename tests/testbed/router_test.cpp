@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: ISC
-// The launcher of the simulated router, as its callers see it.
+// The launcher of the simulated router, as its callers see it, and the `ubus` command there.
 #include <algorithm>
 #include <csignal>
 
@@ -142,6 +142,91 @@ TEST_F(Router, SaysInASentenceWhatIsMissing)
 		EXPECT_EQ(std::count(result.errors.begin(), result.errors.end(), '\n'), 1)
 			<< result.errors;
 	}
+}
+
+class Ubus : public Router
+{
+protected:
+	static RunResult ubus(const std::string &words)
+	{
+		return router("ubus " + words, {"--no-server", "--no-daemon"});
+	}
+};
+
+TEST_F(Ubus, ListsPaths)
+{
+	EXPECT_EQ(ubus("list").output, "network.interface.wan\nsystem\n");
+	EXPECT_EQ(ubus("-S -v list 'net*'").output, "network.interface.wan\n");
+}
+
+TEST_F(Ubus, ListsMethodsWithTheirArguments)
+{
+	EXPECT_EQ(router("ubus -v list fwupdate | sed 's/@.*/@/'", {"--no-server"}).output,
+		  "'fwupdate' @\n"
+		  "\t\"check\":{}\n"
+		  "\t\"update\":{\"force\":\"String\",\"partition\":\"String\","
+		  "\"timeout\":\"Integer\",\"attempts\":\"Integer\",\"delay\":\"Integer\"}\n"
+		  "\t\"test\":{\"file\":\"String\",\"partition\":\"String\"}\n"
+		  "\t\"state\":{}\n");
+}
+
+TEST_F(Ubus, PrintsTheAnswer)
+{
+	const std::string board = "echo '{\"a\":{\"b\":[true,1.5,-1]},\"c\":9007199254740993}' "
+				  ">/etc/router/board.json; ubus ";
+	const std::vector<std::string> options = {"--no-server", "--no-daemon"};
+	EXPECT_EQ(
+		router(board + "call system board", options).output,
+		"{\n\t\"a\": {\n\t\t\"b\": [\n\t\t\ttrue,\n\t\t\t1.500000,\n\t\t\t-1\n\t\t]\n\t},\n"
+		"\t\"c\": 9007199254740993\n}\n");
+	EXPECT_EQ(router(board + "-S call system board '{\"x\":\"y\"}'", options).output,
+		  "{\"a\":{\"b\":[true,1.500000,-1]},\"c\":9007199254740993}\n");
+}
+
+TEST_F(Ubus, FailsWithAReason)
+{
+	const char *usage = "Usage: ubus ";
+	struct {
+		const char *words;
+		int code;
+		const char *complaint;
+	} const cases[] = {
+		{"list none", 4, "Not found"},
+		{"call none go", 4, "Not found"},
+		{"call system none", 3, "Method not found"},
+		{"call system board {bad", 12, "Parsing message data failed"},
+		{"call system board '[1]'", 12, "Parsing message data failed"},
+		{"send ubus.x", 6, "Permission denied"},
+		{"-t 1 wait_for none", 7, "Request timed out"},
+		{"-s /none list", 255, "Failed to connect to ubus"},
+		{"call system", 254, usage},
+		{"dance", 254, usage},
+		{"", 1, usage},
+		{"-t 1s list", 1, usage},
+	};
+	for (const auto &[words, code, complaint] : cases) {
+		const RunResult result = ubus(words);
+		EXPECT_EQ(result.status.code, code) << words;
+		EXPECT_EQ(result.output, "") << words;
+		EXPECT_NE(result.errors.find(complaint), std::string::npos)
+			<< words << ": " << result.errors;
+	}
+	EXPECT_EQ(ubus("-S call none go").errors, "");
+}
+
+// The second listener is there when it hears of itself.
+TEST_F(Ubus, PrintsEventsAsTheyComeAndWaitsForObjects)
+{
+	const RunResult result = router(
+		"ubus listen ready 'foo*' >/var/heard & "
+		"until grep -q ready /var/heard; do ubus send ready; done; "
+		"ubus send bar; ubus send foo.bar '{\"a\":{\"b\":[1,\"x\"]}}'; "
+		"until grep foo /var/heard; do sleep 0.01; done; kill $!; wait $!; echo $?; "
+		"{ sleep 0.2; fwupdate & } & ubus -t 60 wait_for system fwupdate && echo there; "
+		"grep -c bar /var/heard; kill $(pidof fwupdate)",
+		{"--no-server", "--no-daemon"});
+	EXPECT_EQ(result.output, "{ \"foo.bar\": {\"a\":{\"b\":[1,\"x\"]}} }\n0\nthere\n1\n")
+		<< result.errors;
 }
 
 } // namespace
