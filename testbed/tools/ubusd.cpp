@@ -8,7 +8,6 @@
 #include <string>
 #include <system_error>
 
-#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -36,7 +35,7 @@ public:
 	Listener &operator=(const Listener &) = delete;
 
 	// False with errno. Makes the folder, and takes the place of a socket that an
-	// earlier broker has left; of nothing else. Once the file is there, it answers.
+	// earlier broker has left. Once the file is there, it answers.
 	[[nodiscard]] bool open(const std::string &path);
 
 private:
@@ -47,11 +46,9 @@ private:
 
 	static void on_ready(uloop_fd *fd, unsigned int events);
 	[[nodiscard]] bool bind_to(const std::string &path);
-	void turn_away();
 
 	ubusd::Broker &broker_;
 	Watch watch_{};
-	int spare_ = -1; // given up for a moment when there are no descriptors left
 	std::string path_;
 	struct stat file_ {
 	};
@@ -60,16 +57,9 @@ private:
 bool Listener::open(const std::string &path)
 {
 	const std::string unfinished = path + "~";
-	struct stat old {
-	};
 	std::error_code ignored; // bind says it better
 
 	std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
-	if (lstat(path.c_str(), &old) == 0 && !S_ISSOCK(old.st_mode)) {
-		errno = EADDRINUSE;
-		return false;
-	}
-	spare_ = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
 	watch_.fd.fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
 	unlink(unfinished.c_str());
 	if (watch_.fd.fd < 0 || !bind_to(unfinished))
@@ -90,12 +80,8 @@ bool Listener::bind_to(const std::string &path)
 	}
 	address.sun_family = AF_UNIX;
 	std::memcpy(address.sun_path, path.data(), path.size());
-	// Everybody may connect; who may do what is decided by user.
-	const mode_t old_mask = umask(0111);
-	const int failed =
-		bind(watch_.fd.fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address));
-	umask(old_mask);
-	return failed == 0;
+	return bind(watch_.fd.fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) ==
+	       0;
 }
 
 Listener::~Listener()
@@ -106,8 +92,6 @@ Listener::~Listener()
 	uloop_fd_delete(&watch_.fd);
 	if (watch_.fd.fd >= 0)
 		close(watch_.fd.fd);
-	if (spare_ >= 0)
-		close(spare_);
 	// A successor may have put its own in this place.
 	if (file_.st_ino != 0 && lstat(path_.c_str(), &now) == 0 && now.st_ino == file_.st_ino)
 		unlink(path_.c_str());
@@ -118,21 +102,8 @@ void Listener::on_ready(uloop_fd *fd, unsigned int)
 	Listener &listener = *reinterpret_cast<Watch *>(fd)->listener;
 	const int client = accept4(fd->fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
 
-	if (client >= 0) {
-		listener.broker_.welcome(client);
-	} else if (errno == EMFILE || errno == ENFILE) {
-		listener.turn_away();
-	}
-}
-
-// Without this, a connection that cannot be taken would keep the loop spinning.
-void Listener::turn_away()
-{
-	close(spare_);
-	const int client = accept4(watch_.fd.fd, nullptr, nullptr, SOCK_CLOEXEC);
 	if (client >= 0)
-		close(client);
-	spare_ = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+		listener.broker_.welcome(client);
 }
 
 int serve(const std::string &path)

@@ -4,46 +4,6 @@
 namespace ubusd
 {
 
-namespace
-{
-
-// Whether the bytes are whole attributes with names, all of one type.
-bool is_list_of(std::string_view list, int type)
-{
-	while (!list.empty()) {
-		const auto *attr = reinterpret_cast<const blob_attr *>(list.data());
-
-		if (list.size() < sizeof(blob_attr) || blob_raw_len(attr) < sizeof(blob_attr) ||
-		    blob_pad_len(attr) > list.size() ||
-		    !blobmsg_check_attr_len(attr, true, list.size()))
-			return false;
-		if (blobmsg_type(attr) != type)
-			return false;
-		list.remove_prefix(blob_pad_len(attr));
-	}
-	return true;
-}
-
-// Signatures are kept and shown to everybody: a table per method, and in it a number
-// per argument.
-bool is_signature(std::string_view signature)
-{
-	if (!is_list_of(signature, BLOBMSG_TYPE_TABLE))
-		return false;
-	while (!signature.empty()) {
-		const auto *method = reinterpret_cast<const blob_attr *>(signature.data());
-
-		if (!is_list_of({static_cast<const char *>(blobmsg_data(method)),
-				 blobmsg_data_len(method)},
-				BLOBMSG_TYPE_INT32))
-			return false;
-		signature.remove_prefix(blob_pad_len(method));
-	}
-	return true;
-}
-
-} // namespace
-
 void Broker::welcome(int socket)
 {
 	const uint32_t id =
@@ -91,50 +51,22 @@ void Broker::handle(Client &client, const Message &message)
 	}
 }
 
-// What a client without rights gets: it sees no object, owns nameless ones only, and
-// reaches nobody.
-bool Broker::is_harmless(const Message &message)
-{
-	switch (message.type()) {
-	case UBUS_MSG_PING:
-	case UBUS_MSG_LOOKUP:
-	case UBUS_MSG_ADD_OBJECT:
-		return true;
-	default:
-		return false;
-	}
-}
-
 Broker::Outcome Broker::answer(Client &client, const Message &message)
 {
-	if (!client.privileged() && !is_harmless(message))
-		return UBUS_STATUS_PERMISSION_DENIED;
 	switch (message.type()) {
-	case UBUS_MSG_PING:
-		client.send(message.forwarded(message.peer(), UBUS_MSG_DATA));
-		return UBUS_STATUS_OK;
 	case UBUS_MSG_LOOKUP:
 		return answer_lookup(client, message);
 	case UBUS_MSG_INVOKE:
 		return relay_call(client, message);
 	case UBUS_MSG_ADD_OBJECT:
 		return answer_add(client, message);
-	case UBUS_MSG_REMOVE_OBJECT:
-		return answer_remove(client, message);
-	case UBUS_MSG_SUBSCRIBE:
-	case UBUS_MSG_UNSUBSCRIBE:
-	case UBUS_MSG_NOTIFY:
-	case UBUS_MSG_MONITOR:
-		return UBUS_STATUS_NOT_SUPPORTED;
 	default:
-		return UBUS_STATUS_INVALID_COMMAND;
+		return UBUS_STATUS_NOT_SUPPORTED;
 	}
 }
 
 ubus_msg_status Broker::answer_lookup(Client &client, const Message &message)
 {
-	if (!client.privileged())
-		return UBUS_STATUS_OK;
 	const auto path = message.text(UBUS_ATTR_OBJPATH);
 	if (path && path->empty())
 		return UBUS_STATUS_INVALID_ARGUMENT;
@@ -159,8 +91,7 @@ ubus_msg_status Broker::answer_add(Client &client, const Message &message)
 	const auto known_type = message.number(UBUS_ATTR_OBJTYPE);
 	std::shared_ptr<ObjectType> type;
 
-	if ((path && (path->empty() || !client.privileged())) ||
-	    (signature && !is_signature(payload(signature))))
+	if (path && path->empty())
 		return UBUS_STATUS_INVALID_ARGUMENT;
 	if (known_type) {
 		type = objects_.find_type(*known_type);
@@ -176,26 +107,6 @@ ubus_msg_status Broker::answer_add(Client &client, const Message &message)
 	data.number(UBUS_ATTR_OBJID, object->id);
 	if (type && !known_type)
 		data.number(UBUS_ATTR_OBJTYPE, type->id);
-	client.send(data.finish(UBUS_MSG_DATA, message.seq(), message.peer()));
-	return UBUS_STATUS_OK;
-}
-
-ubus_msg_status Broker::answer_remove(Client &client, const Message &message)
-{
-	const auto id = message.number(UBUS_ATTR_OBJID);
-
-	if (!id)
-		return UBUS_STATUS_INVALID_ARGUMENT;
-	const Object *object = objects_.find(*id);
-	if (!object)
-		return UBUS_STATUS_NOT_FOUND;
-	if (object->owner != &client)
-		return UBUS_STATUS_PERMISSION_DENIED;
-	MessageWriter data;
-	data.number(UBUS_ATTR_OBJID, *id);
-	if (object->type)
-		data.number(UBUS_ATTR_OBJTYPE, object->type->id);
-	remove_object(*object);
 	client.send(data.finish(UBUS_MSG_DATA, message.seq(), message.peer()));
 	return UBUS_STATUS_OK;
 }

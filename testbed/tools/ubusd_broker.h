@@ -35,11 +35,9 @@ private:
 	// How a request went; nothing when somebody else will answer it.
 	using Outcome = std::optional<ubus_msg_status>;
 
-	[[nodiscard]] static bool is_harmless(const Message &message);
 	[[nodiscard]] Outcome answer(Client &client, const Message &message);
 	[[nodiscard]] ubus_msg_status answer_lookup(Client &client, const Message &message);
 	[[nodiscard]] ubus_msg_status answer_add(Client &client, const Message &message);
-	[[nodiscard]] ubus_msg_status answer_remove(Client &client, const Message &message);
 	[[nodiscard]] Outcome relay_call(Client &client, const Message &message);
 	void relay_answer(const Client &client, const Message &message);
 	void remove_object(const Object &object);

@@ -38,16 +38,10 @@ void Client::identify()
 
 	if (getsockopt(watch_.fd.fd, SOL_SOCKET, SO_PEERCRED, &peer, &len) != 0)
 		return;
-	uid_ = peer.uid;
 	const passwd *user = getpwuid(peer.uid);
 	user_ = user ? user->pw_name : std::to_string(peer.uid);
 	const ::group *group = getgrgid(peer.gid);
 	group_ = group ? group->gr_name : std::to_string(peer.gid);
-}
-
-bool Client::privileged() const
-{
-	return uid_ == 0 || uid_ == geteuid();
 }
 
 void Client::watch_for(unsigned int events)

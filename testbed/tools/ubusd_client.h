@@ -44,9 +44,6 @@ public:
 		return group_;
 	}
 
-	// root and the broker's own user may do everything, others nothing.
-	[[nodiscard]] bool privileged() const;
-
 	// Sends now what the socket takes, and the rest when it can. An empty message, and
 	// any message to a client that is lost already, is dropped.
 	void send(std::string wire);
@@ -74,7 +71,6 @@ private:
 	Broker &broker_;
 	Watch watch_{};
 	uint32_t id_;
-	uid_t uid_ = static_cast<uid_t>(-1);
 	std::string user_;
 	std::string group_;
 	MessageReader reader_;

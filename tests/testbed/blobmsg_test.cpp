@@ -80,7 +80,9 @@ TEST(Blobmsg, TheFirstAttributeOfTheNameAndTypeIsRead)
 	blobmsg_add_string(&b, "a", "first");
 	blobmsg_add_string(&b, "a", "second");
 	blobmsg_add_string(&b, "b", "no table");
-	ASSERT_EQ(blobmsg_parse_attr(policy, 2, tb, b.head), 0);
+	ASSERT_EQ(blobmsg_parse(policy, 2, tb, blob_data(b.head),
+				static_cast<unsigned>(blob_len(b.head))),
+		  0);
 	ASSERT_NE(tb[0], nullptr);
 	EXPECT_STREQ(blobmsg_get_string(tb[0]), "first");
 	EXPECT_EQ(tb[1], nullptr);

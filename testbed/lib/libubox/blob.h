@@ -115,22 +115,9 @@ static inline uint32_t blob_get_u32(const struct blob_attr *attr)
 	return be32_to_cpu(value);
 }
 
-static inline uint64_t blob_get_u64(const struct blob_attr *attr)
-{
-	uint64_t value;
-
-	memcpy(&value, attr->data, sizeof(value));
-	return be64_to_cpu(value);
-}
-
 static inline int32_t blob_get_int32(const struct blob_attr *attr)
 {
 	return (int32_t)blob_get_u32(attr);
-}
-
-static inline int64_t blob_get_int64(const struct blob_attr *attr)
-{
-	return (int64_t)blob_get_u64(attr);
 }
 
 static inline const char *blob_get_string(const struct blob_attr *attr)
@@ -180,12 +167,6 @@ static inline struct blob_attr *blob_put_string(struct blob_buf *buf, int id, co
 static inline struct blob_attr *blob_put_u32(struct blob_buf *buf, int id, uint32_t val)
 {
 	val = cpu_to_be32(val);
-	return blob_put(buf, id, &val, sizeof(val));
-}
-
-static inline struct blob_attr *blob_put_u64(struct blob_buf *buf, int id, uint64_t val)
-{
-	val = cpu_to_be64(val);
 	return blob_put(buf, id, &val, sizeof(val));
 }
 

@@ -129,20 +129,9 @@ static inline void blobmsg_close_table(struct blob_buf *buf, void *cookie)
 	blob_nest_end(buf, cookie);
 }
 
-static inline int blobmsg_buf_init(struct blob_buf *buf)
-{
-	return blob_buf_init(buf, BLOBMSG_TYPE_TABLE);
-}
-
 static inline int blobmsg_add_u8(struct blob_buf *buf, const char *name, uint8_t val)
 {
 	return blobmsg_add_field(buf, BLOBMSG_TYPE_INT8, name, &val, sizeof(val));
-}
-
-static inline int blobmsg_add_u16(struct blob_buf *buf, const char *name, uint16_t val)
-{
-	val = cpu_to_be16(val);
-	return blobmsg_add_field(buf, BLOBMSG_TYPE_INT16, name, &val, sizeof(val));
 }
 
 static inline int blobmsg_add_u32(struct blob_buf *buf, const char *name, uint32_t val)
@@ -170,20 +159,6 @@ static inline int blobmsg_add_string(struct blob_buf *buf, const char *name, con
 {
 	return blobmsg_add_field(buf, BLOBMSG_TYPE_STRING, name, string,
 				 (unsigned int)strlen(string) + 1);
-}
-
-// Adds a copy of a checked attribute, name included.
-static inline int blobmsg_add_blob(struct blob_buf *buf, struct blob_attr *attr)
-{
-	return blobmsg_add_field(buf, blobmsg_type(attr), blobmsg_name(attr), blobmsg_data(attr),
-				 (unsigned int)blobmsg_data_len(attr));
-}
-
-static inline int blobmsg_parse_attr(const struct blobmsg_policy *policy, int policy_len,
-				     struct blob_attr **tb, struct blob_attr *data)
-{
-	return blobmsg_parse(policy, policy_len, tb, blobmsg_data(data),
-			     (unsigned int)blobmsg_len(data));
 }
 
 static inline uint8_t blobmsg_get_u8(struct blob_attr *attr)

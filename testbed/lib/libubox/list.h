@@ -75,7 +75,6 @@ static inline void list_del_init(struct list_head *entry)
 
 #define list_entry(ptr, type, field) container_of(ptr, type, field)
 #define list_first_entry(head, type, field) list_entry((head)->next, type, field)
-#define list_last_entry(head, type, field) list_entry((head)->prev, type, field)
 
 #define list_for_each_entry(pos, head, field)                                                    \
 	for ((pos) = list_first_entry(head, __typeof__(*(pos)), field); &(pos)->field != (head); \

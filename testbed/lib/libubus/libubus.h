@@ -179,12 +179,6 @@ static inline void ubus_add_uloop(struct ubus_context *ctx)
 	uloop_fd_add(&ctx->sock, ULOOP_BLOCKING | ULOOP_READ);
 }
 
-// For programs with a loop of their own: call it when ctx->sock.fd can be read.
-static inline void ubus_handle_event(struct ubus_context *ctx)
-{
-	ctx->sock.cb(&ctx->sock, ULOOP_READ);
-}
-
 // Puts an object on the bus, and takes it off again. UBUS_STATUS_INVALID_ARGUMENT:
 // its path is taken. Both wait for the broker.
 int ubus_add_object(struct ubus_context *ctx, struct ubus_object *obj);
