@@ -1,10 +1,9 @@
 # SPDX-License-Identifier: ISC
-"""docs/benchmarks.md: the tables of one run, where and with what they were measured, the plot.
+"""docs/benchmarks.md: the tables of one run, where and with what they were measured.
 What a figure means stands in docs/benchmark-notes.md, which people write."""
 import datetime
 import pathlib
 import platform
-import statistics
 import subprocess
 
 from measures.samples import table
@@ -12,12 +11,9 @@ from measures.samples import table
 TITLES = {
     "size": "Size on flash", "memory": "Resident memory", "start": "Start",
     "state": "`state`, idle", "state-download": "`state` during a download",
-    "check": "`check`", "look": "A page's look", "download": "Download", "verify": "Image check",
+    "check": "`check`", "look": "A page's look", "verify": "Image check",
     "update": "A whole update", "guard": "The guard", "waiting": "Waiting",
 }
-# The one cost that does not grow in a straight line, and what its lines are called.
-PLOT = "Throughput by image size"
-DRAWN = {"download": "download", "verify": "test"}
 
 
 def version(package):
@@ -50,28 +46,8 @@ def header(build, runs, load):
     ]
 
 
-def plot(picture, measured):
-    """An SVG by gnuplot; every point is a median. A baseline's line has its rows' own name for it."""
-    lines = []
-    for series, name in DRAWN.items():
-        rows = sorted((row for rows in measured.values() for row in rows if row.series == series),
-                      key=lambda row: row.x)
-        lines += [(name, [(row.x, statistics.median(row.ours)) for row in rows]),
-                  (rows[0].baseline_name, [(row.x, statistics.median(row.baseline)) for row in rows])]
-    script = ["set terminal svg size 640,400 font 'sans,12' background 'white'",
-              f"set output '{picture}'", f"set title '{PLOT}'", "set xlabel 'MiB'", "set ylabel 'MB/s'",
-              "set key below", "set yrange [0:*]", "set grid", "set logscale x 2",
-              "plot " + ", ".join(f"'-' with linespoints title '{name}' noenhanced"
-                                  for name in (name.replace("'", "''") for name, _ in lines))]
-    for _, points in lines:
-        script += [f"{x} {y}" for x, y in points] + ["e"]
-    subprocess.run(["gnuplot"], input="\n".join(script) + "\n", text=True, check=True)
-
-
 def write(project, build, measured, runs, load):
-    """The document and its picture."""
-    folder = project / "docs/pictures"
-    folder.mkdir(parents=True, exist_ok=True)
+    """The document."""
     lines = ["# Benchmarks", "",
              "Written by `bench/run --write`; [benchmark-notes.md](benchmark-notes.md) says what "
              "the figures mean.", "",
@@ -82,6 +58,4 @@ def write(project, build, measured, runs, load):
     lines += header(build, runs, load)
     for name, rows in measured.items():
         lines += ["", f"## {TITLES[name]}", "", *table(rows)]
-    plot(folder / "bench-image-size.svg", measured)
-    lines += ["", "## How cost grows", "", f"![{PLOT}](pictures/bench-image-size.svg)"]
     (project / "docs/benchmarks.md").write_text("\n".join(lines) + "\n")

@@ -21,9 +21,6 @@ class Row:
     # The ratio aimed at, "<= 1.05" or ">= 0.97"; or the most that the figure itself may be,
     # "at most 61".
     goal: str = ""
-    x: float = None         # place on the axis of a plot, for rows that show growth
-    series: str = ""        # which plot this row is a point of
-    note: str = ""
 
     def ratio(self):
         """Of the medians; 0 for a baseline of nothing."""

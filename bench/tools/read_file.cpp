@@ -2,7 +2,6 @@
 // The baselines of an image check: walks over a file that is mapped as the daemon maps it, once,
 // and prints the seconds that took.
 //
-//	read_file touch FILE   reads one byte of each page
 //	read_file crc FILE     computes the CRC-32 of everything behind the first 64 bytes
 //	read_file model FILE   the same, and then asks for the router's model as the daemon does
 #include <cstdint>
@@ -19,17 +18,7 @@
 namespace
 {
 
-constexpr std::size_t PAGE = 4096;
 constexpr std::size_t HEADER = 64;
-
-unsigned long touch(const unsigned char *bytes, std::size_t size)
-{
-	unsigned long sum = 0;
-	for (std::size_t i = 0; i < size; i += PAGE) {
-		sum += bytes[i];
-	}
-	return sum;
-}
 
 // Started as the daemon starts it, by popen.
 bool ask_for_model()
@@ -47,9 +36,8 @@ bool ask_for_model()
 int main(int argc, char **argv)
 {
 	const bool model = argc == 3 && std::strcmp(argv[1], "model") == 0;
-	const bool crc = model || (argc == 3 && std::strcmp(argv[1], "crc") == 0);
-	if (argc != 3 || (!crc && std::strcmp(argv[1], "touch") != 0)) {
-		std::fputs("Usage: read_file touch|crc|model FILE\n", stderr);
+	if (argc != 3 || (!model && std::strcmp(argv[1], "crc") != 0)) {
+		std::fputs("Usage: read_file crc|model FILE\n", stderr);
 		return 2;
 	}
 	const double started = seconds_now();
@@ -66,8 +54,7 @@ int main(int argc, char **argv)
 		return 1;
 	}
 	const auto *bytes = static_cast<const unsigned char *>(memory);
-	const unsigned long result =
-		crc ? fwupdate::crc32_of(bytes + HEADER, size - HEADER) : touch(bytes, size);
+	const unsigned long result = fwupdate::crc32_of(bytes + HEADER, size - HEADER);
 	if (model && !ask_for_model()) {
 		std::fputs("read_file: the router does not tell its model\n", stderr);
 		return 1;

@@ -23,7 +23,7 @@ NOT_RUN = {
     "it is a test run of its own, or takes many minutes": [
         "./test.sh --vm", "./test.sh --mutants 40 --seed 7", "tests/mutate --count 10 --files 'src/verify/*' --jobs 2",
         "tests/mutate --count 10 --of python",
-        "bench/run --write", "bench/router-curl", "bench/soak", "bench/soak 300", "bench/load",
+        "bench/run --write", "bench/router-curl", "bench/soak", "bench/soak 300",
         "fuzz/run mtd", "fuzz/run mtd 3600", "fuzz/run --all 60"],
     "it installs packages that the tests do without": [
         "./setup.sh --bench", "./setup.sh --fuzz", "./setup.sh --vm"],
