@@ -65,31 +65,10 @@ build_programs() {
 	fi
 }
 
-# A uImage as a router's build system makes it, 24 MiB as the flash partition. Its
-# entry point differs from the load address, so its data checksum counts.
-make_image() {
-	head -c $((24 * 1024 * 1024 - 64)) /dev/urandom >"$work/payload" &&
-		mkimage -A arm -O linux -T kernel -C none -a 0x80008000 -e 0x80008040 \
-			-n MODEL-X -d "$work/payload" "$server/firmware.bin" >/dev/null &&
-		rm "$work/payload"
-}
-
-# Zeros in the middle: random data has no such run, so the checksum is wrong.
+# In the middle, so the checksum is wrong.
 damage_image() {
-	dd if=/dev/zero of="$server/firmware.bin" bs=64 count=1 seek=100000 conv=notrunc \
+	dd if=/dev/zero of="$(echo "$server"/releases/*/firmware.bin)" bs=64 count=1 seek=10000 conv=notrunc \
 		2>/dev/null
-}
-
-make_manifest() {
-	cat >"$server/update.xml" <<'TEXT'
-<?xml version="1.0" encoding="utf-8"?>
-<update>
-	<buildtime>174200000</buildtime>
-	<url>http://update.example.com/firmware.bin</url>
-	<version>r1300</version>
-	<release_notes>Faster start, fewer surprises.</release_notes>
-</update>
-TEXT
 }
 
 case $mode in
@@ -105,24 +84,21 @@ vm*)
 	;;
 esac
 ./setup.sh || exit 1
-if ! mkdir -p "$server" || [ ! -w "$work" ]; then
-	fail "the folder $work cannot be written."
-fi
+mkdir -p "$work" || fail "the folder $work cannot be written."
 echo "Building the daemon and the router's tools ..."
 if ! build_programs; then
 	[ -t 1 ] || tail -n 40 "$log" >&2
 	fail "the build failed; the configuration's log is $log."
 fi
-if ! make_image || ! make_manifest; then
-	fail "the firmware for the update server could not be made."
-fi
+rm -rf "$server"
+testbed/example-release "$server" || fail "the firmware for the update server could not be made."
 [ "$mode" != fail ] || damage_image || fail "the firmware could not be damaged."
 
 # A rate at which there is something to see; the damaged one is loaded twice.
 case $mode in
 web) exec testbed/web/demo "$build" "$server" ;;
-shell) set -- --server-rate 3670016 ;;
-update) set -- --server-rate 3670016 -- sh "$PWD/testbed/demo-steps.sh" update ;;
-fail) set -- --server-rate 8388608 -- sh "$PWD/testbed/demo-steps.sh" refusal ;;
+shell) set -- --server-rate 500000 ;;
+update) set -- --server-rate 500000 -- sh "$PWD/testbed/demo-steps.sh" update ;;
+fail) set -- --server-rate 1000000 -- sh "$PWD/testbed/demo-steps.sh" refusal ;;
 esac
 exec testbed/router --build "$build" --server-root "$server" "$@"
