@@ -134,7 +134,7 @@ conclude() {
 build() {
 	cmake --preset "$1" >"build/$1.log" 2>&1 || { cat "build/$1.log"; return 1; }
 	sed -n '/^-- lib/p' "build/$1.log"
-	set -- cmake --build --preset "$1" ${2+--target "${@:2}"}
+	set -- cmake --build "build/$1" ${2+--target "${@:2}"}
 	if [ -t 1 ]; then "$@"; else "$@" -- --quiet; fi
 }
 
@@ -143,7 +143,7 @@ test_build() {
 	local build=build/$1 status=0
 	rm -rf "$build/reports" "$build/Testing/Temporary/LastTestsFailed.log"
 	GTEST_FILTER=${filter:-*}${excluded:+-$excluded} GTEST_OUTPUT=xml:$PWD/$build/reports/ \
-		"${emulate[@]}" ctest --preset "$1" ${filter:+-LE python} || status=$?
+		"${emulate[@]}" ctest --test-dir "$build" --output-on-failure --no-tests=error ${filter:+-LE python} || status=$?
 	conclude "$build" "$status" "${emulate[@]}"
 }
 
