@@ -1,7 +1,6 @@
 # SPDX-License-Identifier: ISC
 # shellcheck shell=sh disable=SC2034,SC2154 # its variables are those of the whole command
-# What to do about what the daemon says. Part of fwupdate-cli; the same table for readers
-# is in docs/troubleshooting.md.
+# What to do about what the daemon says. Part of fwupdate-cli.
 
 # hint_for TEXT: advice for an error text of the daemon, or nothing.
 hint_for() {

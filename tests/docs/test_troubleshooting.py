@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: ISC
 """docs/troubleshooting.md explains every text that the daemon can log or answer, and
-no other. The advice of fwupdate-cli at its end is held to the script by tests/cli."""
+no other."""
 import re
 
 from console import project
