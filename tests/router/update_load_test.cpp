@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: ISC
-// Many callers at the same time while an update runs; bench/load measures the same with more.
+// Twelve callers at the same time while an update runs.
 #include "router/update_fixture.h"
 #include "support/callers.h"
 
