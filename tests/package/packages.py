@@ -35,6 +35,6 @@ def make(package, stage, *words, goal="install", check=False, **variables):
     config = stage / "config.mk"
     config.write_text("".join(f"{name}={value}\n" for name, value in variables.items()))
     return subprocess.run(
-        ["make", "-s", "--no-print-directory", "-C", PROJECT / "package" / package, f"TOPDIR={PROJECT}/testbed/feed",
+        ["make", "-s", "--no-print-directory", "-C", PROJECT / "package" / package, f"TOPDIR={PROJECT}/testbed/build-tree",
          f"STAGE={stage}", f"BUILD={BUILD}", f"CONFIG={config}", f"FWUPDATE_SOURCE={PROJECT}", *words, goal],
         capture_output=True, text=True, check=check)
