@@ -275,7 +275,7 @@ release)
 all)
 	plan+=("format = tests/check_sources format" "scripts = tests/check_sources scripts" "floors = tests/check_floors"
 		"build release = build release" "test release = test_release_and_build_asan"
-		"test documents, program = test_part docs tests/shipped tests/bench -n $jobs"
+		"test documents, program = test_part docs tests/program tests/bench -n $jobs"
 		"build asan = build asan" "test asan, clang-tidy = test_build asan" "size = bench/size --check")
 	[ -n "$filter" ] || plan+=("documents = check_documents")
 	;;
