@@ -180,16 +180,16 @@ trap '[ -z "$early" ] || kill -- "-$early"' EXIT
 check_not_emulated() {
 	local build=build/$arch
 	rm -rf "$build/reports"
-	GTEST_FILTER=$(tests/not_emulated tried "$arch") \
+	GTEST_FILTER=$(tests/check_not_emulated tried "$arch") \
 		"${emulate[@]}" ctest --test-dir "$build" -Q -LE 'python|fuzz' -j "$jobs"
-	tests/not_emulated check "$arch" "$build"
+	tests/check_not_emulated check "$arch" "$build"
 }
 
 prepare_arch() {
 	local maker=sysroot
 	[[ $arch != *-musl ]] || maker=toolchain
 	"testbed/$maker" "$arch" && emulate=(testbed/emulate "$arch") &&
-		excluded=$(tests/not_emulated all "$arch")
+		excluded=$(tests/check_not_emulated all "$arch")
 }
 
 # The tools and, for the update, the tests are this machine's: that is faster, and what
