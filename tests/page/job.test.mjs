@@ -54,6 +54,11 @@ test("a tab that slept asks for the password with the reason", () => {
 	assert.ok(asked.includes("destroy"));
 });
 
+test("what a refused session means after a silence, however short, nobody knows", () => {
+	assert.equal(shown([looked(DENIED)], scene("loading")).stage, "signIn");
+	assert.equal(shown([looked(AWAY), looked(DENIED)], scene("loading")).stage, "returned");
+});
+
 test("a lost connection is no restart", () => {
 	const { stage: at, model } = shown([look(installing)], scene("restarting"));
 	assert.equal(at, "installing");
@@ -67,7 +72,8 @@ test("the offer is noted at the start", () => {
 });
 
 test("an update that somebody else started ends well when the offered version runs", () => {
-	const began = play([...SCENES.available[1], look({ ...scenes.downloading, update: { job: "none" } })]);
+	const began = play([...SCENES.available[1], look({ ...scenes.downloading, update: { job: "none" } }), look({ state: "WAIT_DELAY" })]);
+	assert.equal(stage(began.model, began.now), "installing");
 	const events = [looked(AWAY), after(200), looked(DENIED), knocked(ACCESS), ...signsIn, look({ boot: "boot-2", state: "NONE" }, { board: board(NEW) })];
 	assert.equal(shown(events, began).stage, "done");
 });
@@ -281,6 +287,7 @@ test("a refusal gives its reason, and counts for its own job only", () => {
 });
 
 test("a trial shows its checks and ends as done, or as taken back", () => {
+	assert.equal(shown([look({ guard: { trial: { left: 9 } } })], scene("opening")).stage, "trial", "for a page that saw no restart as well");
 	const trial = scene("trial");
 	assert.deepEqual(shown([], trial)["job-list"], ["✓ the update service answers (10-daemon)", "… the update server answers (30-server)"]);
 	assert.equal(mayAct(trial.model, trial.now), false);
@@ -293,7 +300,9 @@ test("a trial shows its checks and ends as done, or as taken back", () => {
 
 test("what was taken back stays read, after another start as well", () => {
 	const guard = { outcome: { result: "taken-back", build: NEW.build, version: NEW.version, check: "x" } };
-	const closed = play([{ type: "close" }], play([...signsIn, look({ guard })]));
+	const opened = play([...signsIn, look({ guard })]);
+	assert.equal(stage(opened.model, opened.now), "takenBack", "for a page that saw nothing of it as well");
+	const closed = play([{ type: "close" }], opened);
 	assert.equal(shown([look({ guard, boot: "boot-9" }, { board: board() })], closed).stage, "idle");
 });
 
@@ -325,6 +334,12 @@ for (const [name, id, wanted] of [
 	["no-plugin", "verdict", "No updates from here: fwupdate-job is missing on the router."], ["no-daemon", "verdict", "The update service does not answer."],
 	["size-unknown", "job-text", "The size of the firmware is not known yet."], ["long-away", "job-hint", text("longAway")]])
 	test(`scene ${name} says in plain words: ${wanted}`, () => assert.equal(shown([], scene(name))[id], wanted));
+
+test("good news look good, bad ones bad", () => {
+	const tones = { good: ["done", "changed"], bad: ["failed", "lost", "old", "other", "refused", "not-restarted", "taken-back"], "": ["nothing", "loading", "trial", "available"] };
+	for (const [tone, names] of Object.entries(tones))
+		assert.deepEqual(names.map((name) => shown([], scene(name)).tone), names.map(() => tone), tone);
+});
 
 test("the title of the tab tells", () => {
 	assert.equal(shown(SCENES.loading[1]).title, "50% – Firmware update");

@@ -51,11 +51,14 @@ def test_each_code_has_its_sentence(router, ready):
 
 
 def test_no_check_during_an_update(router, ready):
-    """It would overwrite what the update shows."""
+    """It would overwrite what the update shows. The page has not seen the update yet: it is the router that refuses."""
     router.offer_slowly()
     router.run("ubus call fwupdate check")
+    put_image(router, "/tmp/x")
+    held = answers.Held("status")
+    router.relay.fault = held
     router.run("""busybox setsid ubus -t 60 call fwupdate update '{"force":"1"}' >/dev/null 2>&1 &""")
     router.wait_for("ubus call fwupdate state | grep -q FIRMWARE_CONNECT")
-    put_image(router, "/tmp/x")
     check(ready, "/tmp/x")
     ready.await_text("file-result", "An update is already running.")
+    held.release()
