@@ -87,7 +87,7 @@ fi
 [ "$run" = mutants ] || [ ${#mutate[@]} -eq 0 ] || misuse "${mutate[0]} goes with --mutants"
 
 jobs=$(nproc)
-export CTEST_PARALLEL_LEVEL=$((3 * jobs)) # the tests wait half of their time
+export CTEST_PARALLEL_LEVEL=$((4 * jobs)) # the tests wait most of their time
 emulate=()                                # what a command for another architecture is prefixed with
 excluded=                                 # tests that are left out, as GTEST_FILTER takes them
 passed=0

@@ -20,17 +20,13 @@ def installed(tmp_path_factory):
     return folder
 
 
-@pytest.mark.parametrize("which", ["sources", "installed"])
-def test_what_follows_from_what_was_seen(which, installed, tmp_path):
-    """A table of scenes, the faults that there were, and every sequence of events up to a depth; also by
-    what is left of the sources when the page is installed."""
-    folder = PROJECT
-    if which == "installed":
-        folder = tmp_path
-        shutil.copytree(PROJECT / "tests/page", folder / "tests/page")
-        shutil.copytree(installed, folder / "web")
-        (folder / "package.json").write_text('{"type":"module"}')
-    ran = subprocess.run(["node", "--test", "--test-reporter=tap", "tests/page/job.test.mjs"], cwd=folder, capture_output=True, text=True, check=False)
+def test_what_follows_from_what_was_seen(installed, tmp_path):
+    """A table of scenes, the faults that there were, and every sequence of events up to a depth, by what is
+    left of the sources when the page is installed."""
+    shutil.copytree(PROJECT / "tests/page", tmp_path / "tests/page")
+    shutil.copytree(installed, tmp_path / "web")
+    (tmp_path / "package.json").write_text('{"type":"module"}')
+    ran = subprocess.run(["node", "--test", "--test-reporter=tap", "tests/page/job.test.mjs"], cwd=tmp_path, capture_output=True, text=True, check=False)
     print(ran.stdout)
     assert ran.returncode == 0
     assert int(re.search(r"# pass (\d+)", ran.stdout).group(1)) > 100
