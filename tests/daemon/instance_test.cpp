@@ -58,20 +58,6 @@ TEST_F(Instance, EmptyAnswerStopsItAndNamesTheCommand)
 			  "Error on checking pids for 'pidof /usr/sbin/fwupdate'"}));
 }
 
-TEST_F(Instance, MissingPidofStopsIt)
-{
-	files.remove("/bin/pidof");
-	EXPECT_EQ(is_already_running("fwupdate"), 1);
-	EXPECT_TRUE(syslog.contains("Error on reading pidof_fwupdate"));
-}
-
-TEST_F(Instance, NameIsHandedOverAsItIs)
-{
-	pidof_says(own);
-	is_already_running("/usr/sbin/fwupdate");
-	EXPECT_EQ(files.tool_calls("/bin/pidof").at(0).at(1), "/usr/sbin/fwupdate");
-}
-
 TEST_F(Instance, CommandIsCutTo63Characters)
 {
 	pidof_says(own);

@@ -8,20 +8,16 @@
 #include <ctime>
 #include <fcntl.h>
 #include <fstream>
-#include <gtest/gtest.h>
 #include <iostream>
 #include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
-#include "base/bus.h"
-#include "base/records.h"
 #include "daemon/state_method.h"
 #include "daemon/update_job.h"
 #include "daemon/update_method.h"
 #include "discovery/manifest.h"
 #include "job_choices.h"
-#include "job_world.h"
+#include "job_fixture.h"
 
 using namespace fwupdate;
 using namespace job_test;
@@ -54,28 +50,13 @@ constexpr const char *event_names[] = {
 	"record",     "whole record",  "bad record", "record without size",
 	"short read", "end of pipe",   "timer fires"};
 
-class JobSequences : public testing::Test
+class JobSequences : public JobFixture
 {
 protected:
-	void SetUp() override
-	{
-		uloop_init();
-		int ends[2];
-		ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends),
-			  0);
-		bus_.sock.fd = ends[0];
-		bus_reader_ = ends[1];
-		bus_connection = &bus_;
-		visits_.fill(0);
-	}
 	void TearDown() override
 	{
 		blob_buf_free(&message_);
-		bus_connection = nullptr;
-		close(bus_.sock.fd);
-		close(bus_reader_);
-		unlink(image_path);
-		uloop_done();
+		JobFixture::TearDown();
 	}
 
 	// Runs them all. Stops at the first that goes wrong: those behind it would as well.
@@ -212,16 +193,18 @@ private:
 			update_context.state = UpdateState::NONE;
 			update_context.result = 0;
 			return;
-		case partial_record:
-			return report({1000, 10, 0}, sizeof(ProgressRecord));
-		case whole_record:
-			return report({1000, 1000, 0}, sizeof(ProgressRecord));
-		case failed_record_event:
-			return report({1000, 1000, 22}, sizeof(ProgressRecord));
+		case partial_record: // and the loop may call for nothing
+			report({{1000, 10, 0}});
+			on_progress(&job_.watch, ULOOP_READ);
+			return on_progress(&job_.watch, 0);
+		case whole_record: // the last of several counts
+			return report({{1000, 10, 0}, {1000, 1000, 0}});
+		case failed_record_event: // and nothing behind it
+			return report({{1000, 1000, 22}, {1, 2, 0}});
 		case record_without_size:
-			return report({0, 0, 0}, sizeof(ProgressRecord));
+			return report({{0, 0, 0}});
 		case short_read:
-			return report({77, 0, 0}, sizeof(std::uint32_t));
+			return report({{77, 0, 0}}, sizeof(std::uint32_t));
 		case end_of_pipe:
 			close(surroundings.pipes.back());
 			surroundings.pipes.pop_back();
@@ -249,9 +232,13 @@ private:
 		deferred_ = request.deferred;
 	}
 
-	static void report(const ProgressRecord &record, std::size_t size)
+	static void report(const std::vector<ProgressRecord> &records)
 	{
-		EXPECT_EQ(write(surroundings.pipes.back(), &record, size),
+		report(records, records.size() * sizeof(ProgressRecord));
+	}
+	static void report(const std::vector<ProgressRecord> &records, std::size_t size)
+	{
+		EXPECT_EQ(write(surroundings.pipes.back(), records.data(), size),
 			  static_cast<ssize_t>(size));
 		run_loop();
 	}
@@ -379,16 +366,13 @@ private:
 		}
 	}
 
-	UpdateJob &job_ = update_context.job;
 	Model model_;
-	ubus_context bus_ = {};
 	blob_buf message_ = {};
 	std::array<long, ROWS> visits_ = {};
 	std::vector<Event> story_;
 	std::string wrong_;
 	std::size_t completed_ = 0;
 	std::uint32_t next_peer_ = 0;
-	int bus_reader_ = -1;
 	int attempts_ = 0;
 	int lowest_free_ = 0;
 	bool deferred_ = false;
