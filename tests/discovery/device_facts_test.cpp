@@ -16,6 +16,10 @@ protected:
 	BusServices services;
 };
 
+class MissingFacts : public Facts
+{
+};
+
 std::string board(const std::string &revision, const std::string &builddate)
 {
 	return R"({"board_name": "qor,model-x", "product_name": "Model-X", "release": {"revision": ")" +
@@ -54,20 +58,6 @@ TEST_F(Facts, GatheringLeavesBoardAndProductNameAlone)
 	EXPECT_STREQ(device_facts.cpe_product_name, "P");
 }
 
-TEST_F(Facts, HaveRoomForWhatTheyAreKnownToHold)
-{
-	EXPECT_EQ(sizeof(device_facts.cpe_sn), 32u);
-	EXPECT_EQ(sizeof(device_facts.cpe_version), 64u);
-	EXPECT_EQ(sizeof(device_facts.cpe_builddate), 16u);
-	EXPECT_EQ(sizeof(device_facts.cpe_wan_device), 16u);
-	EXPECT_EQ(sizeof(device_facts.cpe_wan_if), 16u);
-	EXPECT_EQ(sizeof(device_facts.cpe_wan_mac), 18u);
-	EXPECT_EQ(sizeof(device_facts.cpe_wan_ip), 16u);
-	EXPECT_EQ(sizeof(device_facts.cpe_update_xml_url), 256u);
-	EXPECT_EQ(sizeof(device_facts.cpe_model), 32u);
-	EXPECT_EQ(sizeof(device_facts.cpe_product_name), 32u);
-}
-
 TEST_F(Facts, SerialNumberIsTheFirstLineWithoutItsLineFeed)
 {
 	const std::string digits = "1234567890123456789012345678901234567890";
@@ -95,16 +85,6 @@ TEST_F(Facts, SerialNumberIsTheFirstLineWithoutItsLineFeed)
 		EXPECT_EQ(device_facts.cpe_sn, each.kept);
 	}
 	EXPECT_FALSE(syslog.contains("cpe_sn"));
-}
-
-TEST_F(Facts, SerialNumberIsAskedForByItsFactoryName)
-{
-	files.install_recording_tool("/usr/sbin/qor_factory", "echo AB12345");
-	gather_device_facts();
-	auto calls = files.tool_calls("/usr/sbin/qor_factory");
-	ASSERT_EQ(calls.size(), 1u);
-	calls[0].erase(calls[0].begin());
-	EXPECT_THAT(calls[0], ElementsAre("r", "sn"));
 }
 
 TEST_F(Facts, ManifestUrlIsAskedForQuietly)
@@ -143,44 +123,20 @@ TEST_F(Facts, OfTheReleaseAreCutToTheirFields)
 	EXPECT_EQ(device_facts.cpe_builddate, date.substr(0, 15));
 }
 
-TEST_F(Facts, LineEndsInsideBusValuesAreDropped)
+TEST_F(Facts, BusValuesKeepAllButTheirLineEnds)
 {
-	files.set_board(board("r1\\r\\n23\\n", "17\\n1"));
-	files.set_wan(R"({"device": "w\r\nan\n"})");
-	gather_device_facts();
-	EXPECT_STREQ(device_facts.cpe_version, "r123");
-	EXPECT_STREQ(device_facts.cpe_builddate, "171");
-	EXPECT_STREQ(device_facts.cpe_wan_device, "wan");
-	EXPECT_STREQ(device_facts.cpe_wan_mac, "02:00:00:00:00:10");
-}
-
-TEST_F(Facts, BusValuesKeepTheirCharacters)
-{
-	files.set_board(board("r1 %s%n &=?#\\\"'$(id)`\\u00e9", "0"));
-	gather_device_facts();
-	EXPECT_STREQ(device_facts.cpe_version, "r1 %s%n &=?#\"'$(id)`\303\251");
-}
-
-TEST_F(Facts, NumbersOnTheBusCountAsTheirText)
-{
-	files.set_board(R"({"release": {"revision": 1234, "builddate": 171000000}})");
-	gather_device_facts();
-	EXPECT_STREQ(device_facts.cpe_version, "1234");
-	EXPECT_STREQ(device_facts.cpe_builddate, "171000000");
-}
-
-TEST_F(Facts, ValueOfAToolThatFailsAfterwardsCounts)
-{
-	files.install_tool("/usr/sbin/qor_factory", "echo AB12345; exit 1");
-	files.install_tool("/usr/bin/jsonfilter", "cat >/dev/null; echo wan; exit 126");
-	files.install_tool("/sbin/uci", "echo http://a/; kill -9 $$");
-	gather_device_facts();
-	EXPECT_STREQ(device_facts.cpe_sn, "AB12345");
-	EXPECT_STREQ(device_facts.cpe_version, "wan");
-	EXPECT_STREQ(device_facts.cpe_update_xml_url, "http://a/");
-	EXPECT_FALSE(syslog.contains("cpe_sn"));
-	EXPECT_FALSE(syslog.contains("cpe_version"));
-	EXPECT_FALSE(syslog.contains("cpe_update_xml_url"));
+	const std::vector<OutputCase> cases = {
+		{"line ends", R"("r1\r\n23\n")", "r123"},
+		{"other characters", R"("r1 %s%n &=?#\"'$(id)`\u00e9")",
+		 "r1 %s%n &=?#\"'$(id)`\303\251"},
+		{"a number", "1234", "1234"},
+	};
+	for (const OutputCase &each : cases) {
+		SCOPED_TRACE(each.what);
+		files.set_board(R"({"release": {"revision": )" + each.printed + "}}");
+		gather_device_facts();
+		EXPECT_EQ(device_facts.cpe_version, each.kept);
+	}
 }
 
 TEST_F(Facts, OutputThatGoesOnDoesNotHoldUpTheGathering)
@@ -205,17 +161,6 @@ TEST_F(Facts, AreReadAfreshEachTime)
 	EXPECT_STREQ(read_cpe_product_name(), "P");
 }
 
-TEST_F(Facts, ShorterValueLeavesNothingOfALongerOne)
-{
-	files.set_board(board(std::string(63, 'r'), "123456789012345"));
-	gather_device_facts();
-	files.set_board(board("r1", "1"));
-	gather_device_facts();
-	const char expected[sizeof(device_facts.cpe_version)] = "r1";
-	EXPECT_EQ(std::memcmp(device_facts.cpe_version, expected, sizeof(expected)), 0);
-	EXPECT_STREQ(device_facts.cpe_builddate, "1");
-}
-
 TEST_F(Facts, BoardAndProductNameAreUpperCase)
 {
 	const std::vector<OutputCase> cases = {
@@ -237,13 +182,60 @@ TEST_F(Facts, BoardAndProductNameAreUpperCase)
 	EXPECT_THAT(logged(), IsEmpty());
 }
 
-TEST_F(Facts, BoardAndProductNameAreHandedOutWhereTheyAreKept)
-{
-	EXPECT_EQ(read_cpe_model(), device_facts.cpe_model);
-	EXPECT_EQ(read_cpe_product_name(), device_facts.cpe_product_name);
-}
-
 TEST_F(Facts, CustomIdIsAlwaysEmpty)
 {
 	EXPECT_STREQ(device_customid(), "");
+}
+
+TEST_F(MissingFacts, FailuresOfBoardAndProductNameHaveTheirMessages)
+{
+	EXPECT_STREQ(read_cpe_model(), "QOR,MODEL-X");
+	EXPECT_STREQ(read_cpe_product_name(), "MODEL-X");
+	files.set_board("{}");
+	EXPECT_STREQ(read_cpe_model(), "");
+	EXPECT_STREQ(read_cpe_product_name(), "");
+	EXPECT_THAT(logged(),
+		    ElementsAre("Error on reading cpe_model", "Error on reading cpe_product_name"));
+}
+
+// What the shell says of a missing tool is of no interest here.
+TEST_F(MissingFacts, FailureLeavesNothingOfAnEarlierValue)
+{
+	gather_device_facts();
+	ASSERT_STREQ(device_facts.cpe_wan_ip, "192.0.2.10");
+	for (const char *tool : {"qor_factory", "ubus", "ip", "uci"}) {
+		files.remove(find_program(tool));
+	}
+	testing::internal::CaptureStderr();
+	gather_device_facts();
+	testing::internal::GetCapturedStderr();
+	const DeviceFacts nothing = {};
+	EXPECT_EQ(std::memcmp(&device_facts, &nothing, sizeof(nothing)), 0);
+}
+
+TEST_F(MissingFacts, ToolThatPrintsNothingHasFailedWhateverItsStatus)
+{
+	for (const char *body : {"exit 0", "exit 1", "echo AB12345 >&2", "printf ''"}) {
+		SCOPED_TRACE(body);
+		files.install_tool("/usr/sbin/qor_factory", body);
+		syslog.clear();
+		testing::internal::CaptureStderr();
+		gather_device_facts();
+		testing::internal::GetCapturedStderr();
+		EXPECT_TRUE(syslog.contains("Error on reading cpe_sn"));
+		EXPECT_STREQ(device_facts.cpe_sn, "");
+	}
+}
+
+TEST_F(MissingFacts, BoardInformationWithoutAValueHasFailed)
+{
+	for (const char *text : {"{}", R"({"release": {}})", R"({"release": "r1"})",
+				 R"({"release": {"revision": "", "builddate": "\r\n"}})"}) {
+		SCOPED_TRACE(text);
+		files.set_board(text);
+		syslog.clear();
+		gather_device_facts();
+		EXPECT_TRUE(syslog.contains("Error on reading cpe_version"));
+		EXPECT_TRUE(syslog.contains("Error on reading cpe_builddate"));
+	}
 }

@@ -7,9 +7,7 @@
 #include "discovery/request_fixture.h"
 #include "support/libcurl.h"
 
-using testing::EndsWith;
 using testing::IsEmpty;
-using testing::StartsWith;
 
 namespace
 {
@@ -23,10 +21,9 @@ struct TransferOption {
 // Unless told otherwise it passes everything on to libcurl.
 struct TransferSpy {
 	std::vector<TransferOption> options = {}; // in the order in which they were set
-	int open_handles = 0;	       // those that were given a URL; libcurl has others of its own
-	bool no_handle = false;	       // curl_easy_init fails
-	CURLcode outcome = CURLE_OK;   // if not that, the transfer's, which does not take place
-	long milliseconds_allowed = 0; // if not 0, instead of the seconds of CURLOPT_TIMEOUT
+	int open_handles = 0;	     // those that were given a URL; libcurl has others of its own
+	bool no_handle = false;	     // curl_easy_init fails
+	CURLcode outcome = CURLE_OK; // if not that, the transfer's, which does not take place
 };
 TransferSpy spy;
 
@@ -50,9 +47,6 @@ CURLcode curl_easy_setopt(CURL *curl, CURLoption option, ...)
 	va_end(arguments);
 	spy.options.push_back({option, value.number});
 	spy.open_handles += option == CURLOPT_URL ? 1 : 0;
-	if (option == CURLOPT_TIMEOUT && spy.milliseconds_allowed != 0) {
-		return pass_on(curl, CURLOPT_TIMEOUT_MS, {true, spy.milliseconds_allowed, nullptr});
-	}
 	return pass_on(curl, option, value);
 }
 
@@ -89,28 +83,6 @@ protected:
 		spy = {};
 		RequestFixture::TearDown();
 	}
-	void expect_failure(const std::string &url, UpdateState state)
-	{
-		SCOPED_TRACE(url);
-		syslog.clear();
-		EXPECT_EQ(fetch(url), -1);
-		EXPECT_EQ(update_context.state, state);
-		EXPECT_EQ(manifest_buffer.document, nullptr);
-		const std::vector<std::string> texts = logged();
-		ASSERT_EQ(texts.size(), 1u);
-		EXPECT_THAT(texts[0], StartsWith("Error on geting update info via CURL ["));
-		EXPECT_THAT(texts[0], EndsWith("] (url = '" + url + "')"));
-	}
-	void expect_failure(const HttpAnswer &what, UpdateState state)
-	{
-		server.on("/update.xml", what);
-		expect_failure(server.url("/update.xml"), state);
-	}
-};
-
-struct AnswerCase {
-	const char *what;
-	HttpAnswer answer;
 };
 
 } // namespace
@@ -156,19 +128,6 @@ TEST_F(ManifestRequest, FailureIsEarlyOrWhileReceivingByItsCode)
 	}
 }
 
-TEST_F(ManifestRequest, FailsEarlyWhenNobodyAnswers)
-{
-	const std::string nobody = "http://127.0.0.1:" + std::to_string(unused_port()) + "/a?b=c";
-	for (const std::string &url :
-	     {nobody, std::string("http://nobody.example.com/"), std::string("unknown://a/"),
-	      std::string("http://127.0.0.1:123456/"), std::string("http://127.0.0.1/a b")}) {
-		expect_failure(url, UpdateState::XML_CONNECT);
-	}
-	expect_failure(raw_answer("no HTTP at all\r\n\r\n"), UpdateState::XML_CONNECT);
-	expect_failure(redirect(nobody), UpdateState::XML_CONNECT);
-	expect_failure(redirect("file:///etc/passwd"), UpdateState::XML_CONNECT);
-}
-
 TEST_F(ManifestRequest, FailureIsLoggedInTheWordsOfLibcurl)
 {
 	const std::string port = std::to_string(unused_port());
@@ -176,45 +135,4 @@ TEST_F(ManifestRequest, FailureIsLoggedInTheWordsOfLibcurl)
 	EXPECT_TRUE(syslog.contains("CURL [Failed to connect to 127.0.0.1 port " + port));
 	EXPECT_EQ(fetch(answer(std::string(1025, ' '))), -1);
 	EXPECT_TRUE(syslog.contains("CURL [Failure writing output to destination] (url = '"));
-}
-
-TEST_F(ManifestRequest, TimeOutCountsAsEarlyHoweverMuchCame)
-{
-	spy.milliseconds_allowed = 1100; // a libcurl without threads refuses less than a second
-	expect_failure(silence(), UpdateState::XML_CONNECT);
-	expect_failure(answer(xml).announce(5000).keep_open(), UpdateState::XML_CONNECT);
-	EXPECT_EQ(kept(), xml);
-}
-
-TEST_F(ManifestRequest, FailsWhileReceivingWhenTheAnswerBreaksOff)
-{
-	const std::vector<AnswerCase> cases = {
-		{"connection reset", reset_at_once()},
-		{"reset in the middle", answer(xml).reset_after_bytes(10)},
-		{"less than announced", answer(xml).announce(xml.size() + 1)},
-		{"chunks without an end",
-		 raw_answer("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nabc")},
-		{"chunks of no size",
-		 raw_answer("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\nabc")},
-		{"1025 bytes", answer(std::string(1025, ' '))},
-		{"1025 bytes in a chunk", answer(std::string(1025, ' ')).in_chunks()},
-		{"1025 bytes of any length", answer(std::string(1025, ' ')).without_length()},
-		{"an error page of 1025 bytes", answer(404, std::string(1025, ' '))},
-		{"much more", answer(std::string(100000, ' '))},
-	};
-	for (const AnswerCase &each : cases) {
-		SCOPED_TRACE(each.what);
-		expect_failure(each.answer, UpdateState::XML_GET);
-	}
-	expect_failure("file:///nothing.xml", UpdateState::XML_GET);
-}
-
-TEST_F(ManifestRequest, LongUrlIsLoggedAsFarAsItFits)
-{
-	const std::string url = "unknown://" + std::string(600, 'u');
-	EXPECT_EQ(fetch(url), -1);
-	const std::vector<std::string> texts = logged();
-	ASSERT_EQ(texts.size(), 1u);
-	EXPECT_EQ(texts[0].size(), 511u);
-	EXPECT_THAT(texts[0], EndsWith("uuu"));
 }

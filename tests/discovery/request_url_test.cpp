@@ -53,18 +53,6 @@ TEST_F(RequestUrl, SaysWhoThisRouterIs)
 	EXPECT_EQ(request.header("Accept"), "*/*");
 }
 
-TEST_F(RequestUrl, WithoutConfigurationIsTheBuiltInOne)
-{
-	HttpServer update_server("192.0.2.1", 80);
-	update_server.on("/update.xml", answer(to_xml({.buildtime = "9", .url = "http://a/"})));
-	set_url("");
-	EXPECT_EQ(query_update_server(), 0);
-	ASSERT_EQ(update_server.requests().size(), 1u);
-	EXPECT_EQ(update_server.requests()[0].target, "/update.xml" + facts_of_the_router);
-	EXPECT_EQ(update_server.requests()[0].header("Host"), "update.example.com");
-	EXPECT_STREQ(update_manifest.buildtime, "9");
-}
-
 TEST_F(RequestUrl, KeepsAQueryOfTheConfiguredOne)
 {
 	set_url(server.url("/update.xml?channel=beta"));
@@ -157,13 +145,4 @@ TEST_F(RequestUrl, WithABlankOrControlCharacterIsNotAsked)
 		EXPECT_THAT(messages[0], testing::EndsWith(end));
 	}
 	EXPECT_THAT(server.requests(), IsEmpty());
-}
-
-TEST_F(RequestUrl, IsBuiltAfreshForEachQuery)
-{
-	EXPECT_EQ(query_update_server(), 1);
-	set_serial("CD67890");
-	EXPECT_EQ(query_update_server(), 1);
-	EXPECT_EQ(server.requests().size(), 2u);
-	EXPECT_EQ(server.requests()[1].parameter("sn"), "CD67890");
 }

@@ -5,7 +5,6 @@
 
 #include "discovery/query_fixture.h"
 
-using testing::ElementsAre;
 using testing::IsEmpty;
 
 namespace
@@ -15,26 +14,12 @@ class ServerQuery : public QueryFixture
 {
 };
 
-const std::string cannot_find_buildtime =
-	"Error parsing XML recived from update server, can't find 'buildtime' section";
-
 struct DecisionCase {
 	const char *device;
 	std::string server;
 	std::optional<std::string> force;
 	int result;
 };
-
-struct FailureCase {
-	const char *what;
-	std::string xml;
-	std::vector<std::string> logged;
-};
-
-std::string in_update(const std::string &elements)
-{
-	return "<?xml version=\"1.0\"?>\n<update>" + elements + "</update>";
-}
 
 } // namespace
 
@@ -153,8 +138,8 @@ TEST_F(ServerQuery, ValuesThatAreMissingKeepWhatAnEarlierAnswerSet)
 			 .archive = "1",
 			 .file_name = "image.bin"}),
 		  1);
-	ASSERT_EQ(query(answer(in_update("<buildtime>1</buildtime><url>u</url><version/>"
-					 "<archive>1</archive><file_name></file_name>"))),
+	ASSERT_EQ(query(answer("<?xml version=\"1.0\"?><u><buildtime>1</buildtime><url>u</url>"
+			       "<version/><archive>1</archive><file_name></file_name></u>")),
 		  1); // still forced
 	EXPECT_STREQ(update_manifest.version, "2.0");
 	EXPECT_STREQ(update_manifest.release_notes, "notes");
@@ -173,40 +158,6 @@ TEST_F(ServerQuery, ShorterValueLeavesNothingOfALongerOne)
 	EXPECT_EQ(std::string(update_manifest.release_notes, 512), "r" + std::string(511, '\0'));
 }
 
-TEST_F(ServerQuery, AnswerWithoutAMandatoryValueFails)
-{
-	const std::string find = "Error parsing XML recived from update server, can't find '";
-	const std::string get = "Error parsing XML recived from update server, can't get '";
-	const std::vector<FailureCase> cases = {
-		{"no XML", "no XML at all", {cannot_find_buildtime}},
-		{"not closed", "<?xml version=\"1.0\"?><update><a>", {cannot_find_buildtime}},
-		{"nothing in it", in_update(""), {cannot_find_buildtime}},
-		{"only the url", in_update("<url>u</url>"), {cannot_find_buildtime}},
-		{"no url", in_update("<buildtime>1</buildtime>"), {find + "url' section"}},
-		{"empty buildtime",
-		 in_update("<buildtime/><url>u</url>"),
-		 {get + "buildtime' value"}},
-		{"empty url",
-		 in_update("<buildtime>1</buildtime><url></url>"),
-		 {get + "url' value"}},
-		{"an archive of no file",
-		 in_update("<buildtime>1</buildtime><url>u</url><archive>1</archive>"),
-		 {}},
-		{"an archive of an empty file name",
-		 in_update("<buildtime>1</buildtime><url>u</url><archive>1</archive>"
-			   "<file_name/>"),
-		 {}},
-	};
-	for (const FailureCase &each : cases) {
-		SCOPED_TRACE(each.what);
-		update_manifest = {};
-		syslog.clear();
-		EXPECT_EQ(query(answer(each.xml)), -1);
-		EXPECT_EQ(update_context.state, UpdateState::XML_PARSE);
-		EXPECT_EQ(query_messages(), each.logged);
-	}
-}
-
 TEST_F(ServerQuery, OnlyAnArchiveNeedsAFileName)
 {
 	for (const char *archive : {"0", "11", "yes", " 1"}) {
@@ -215,26 +166,6 @@ TEST_F(ServerQuery, OnlyAnArchiveNeedsAFileName)
 	}
 	EXPECT_EQ(query({.file_name = "f"}), 1);
 	EXPECT_EQ(query({.archive = "1"}), 1);
-}
-
-TEST_F(ServerQuery, FailureKeepsWhatWasReadBeforeIt)
-{
-	ASSERT_EQ(query({.version = "2.0", .buildtime = "500", .url = "http://old/"}), 0);
-	EXPECT_EQ(query(answer(in_update("<buildtime>600</buildtime><version>3.0</version>"))), -1);
-	EXPECT_STREQ(update_manifest.buildtime, "600");
-	EXPECT_STREQ(update_manifest.url, "http://old/");
-	EXPECT_STREQ(update_manifest.version, "2.0");
-}
-
-TEST_F(ServerQuery, ArchiveWithoutFileNameHasBeenRead)
-{
-	EXPECT_EQ(query({.version = "2.0", .url = "http://new/", .archive = "1"}), -1);
-	EXPECT_STREQ(update_manifest.url, "http://new/");
-	EXPECT_STREQ(update_manifest.version, "2.0");
-	EXPECT_STREQ(update_manifest.archive, "1");
-	// The archive is remembered, so that an answer that says nothing of it fails as well.
-	EXPECT_EQ(query(Manifest{}), -1);
-	EXPECT_EQ(query({.archive = "0"}), 1);
 }
 
 // The only look that anybody gets at this state: from a tool that the query itself runs.
@@ -253,13 +184,4 @@ TEST_F(ServerQuery, GathersTheFactsInAStateOfItsOwn)
 	query(Manifest{});
 	sigaction(SIGUSR1, &before, nullptr);
 	EXPECT_EQ(seen, static_cast<int>(UpdateState::NETWORK_GET));
-}
-
-TEST_F(ServerQuery, FailureThatFollowsASuccessDoesNotLookDone)
-{
-	ASSERT_EQ(query(Manifest{}), 1);
-	ASSERT_EQ(update_context.state, UpdateState::XML_DONE);
-	set_url("http://127.0.0.1:" + std::to_string(unused_port()) + "/");
-	EXPECT_EQ(query_update_server(), -1);
-	EXPECT_EQ(update_context.state, UpdateState::XML_CONNECT);
 }

@@ -82,19 +82,6 @@ const std::string wan_of_busybox =
 
 } // namespace
 
-TEST_F(WanFacts, BusIsAskedForTheWanInterface)
-{
-	files.install_recording_tool("/usr/bin/ubus", "echo '{\"device\": \"wan\"}'");
-	gather_device_facts();
-	std::size_t asked_for_wan = 0;
-	for (const auto &words : files.tool_calls("/usr/bin/ubus")) {
-		const std::vector<std::string> rest(words.begin() + 1, words.end());
-		const std::vector<std::string> wan = {"call", "network.interface.wan", "status"};
-		asked_for_wan += rest == wan ? 1 : 0;
-	}
-	EXPECT_EQ(asked_for_wan, 1u);
-}
-
 TEST_F(WanFacts, MacComesFromTheWanDeviceAndIpFromTheDefaultRoute)
 {
 	set_device("eth9");
@@ -174,16 +161,6 @@ TEST_F(WanFacts, InterfaceIsTheFifthWordOfTheDefaultRoute)
 	}
 }
 
-TEST_F(WanFacts, RouteIsAskedForTheDefault)
-{
-	files.install_recording_tool(ip, "echo default via 192.0.2.254 dev wan");
-	gather_device_facts();
-	auto calls = files.tool_calls(ip);
-	ASSERT_EQ(calls.size(), 1u);
-	calls[0].erase(calls[0].begin());
-	EXPECT_THAT(calls[0], ElementsAre("route", "show", "default"));
-}
-
 TEST_F(WanFacts, MacIsTheFifthWordOfTheLineWithTheHardwareAddress)
 {
 	const std::vector<TextCase> cases = {
@@ -224,25 +201,5 @@ TEST_F(WanFacts, NamesOfFullLengthReachTheCommandWhole)
 	EXPECT_EQ(device_facts.cpe_wan_device, name);
 	EXPECT_THAT(asked(), ElementsAre(name, name));
 	EXPECT_STREQ(device_facts.cpe_wan_mac, "02:00:00:00:00:10");
-	EXPECT_STREQ(device_facts.cpe_wan_ip, "192.0.2.10");
-}
-
-TEST_F(WanFacts, NamesOfOneCharacterAreNames)
-{
-	set_device("w");
-	set_route("default via 192.0.2.254 dev i\n");
-	files.install_recording_tool(ifconfig, "cat /etc/router/ifconfig");
-	files.write("/etc/router/ifconfig", wan_of_busybox);
-	gather_device_facts();
-	EXPECT_THAT(asked(), ElementsAre("w", "i"));
-}
-
-TEST_F(WanFacts, DeviceThatTheKernelDoesNotKnowHasNoMac)
-{
-	set_device("gone0");
-	testing::internal::CaptureStderr();
-	gather_device_facts();
-	testing::internal::GetCapturedStderr();
-	EXPECT_THAT(wan_messages(), ElementsAre("Error on reading cpe_wan_mac"));
 	EXPECT_STREQ(device_facts.cpe_wan_ip, "192.0.2.10");
 }
