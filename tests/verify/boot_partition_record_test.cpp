@@ -8,8 +8,6 @@
 #include "base/log.h"
 #include "base/records.h"
 #include "support/debug_fixture.h"
-#include "support/process.h"
-#include "support/refusals.h"
 #include "verify/boot_partition.h"
 
 using namespace fwupdate;
@@ -147,13 +145,6 @@ TEST_F(PartitionSize, IsZeroWithoutAListing)
 	EXPECT_EQ(get_partition_size(""), 0);
 }
 
-TEST_F(PartitionSize, OfTheEmptyNameIsThatOfTheFirstLineWithoutAName)
-{
-	files.write("/proc/mtd", "mtd0: 00000010 1 \"u-boot\"\nmtd1: 00000020\nmtd2: 30 1 \"\"\n");
-	EXPECT_EQ(get_partition_size(""), 0x20);
-	EXPECT_EQ(get_partition_size("u-boot"), 0x10);
-}
-
 TEST_F(BootPartitionChoice, TakesNamesOfOneTo31Characters)
 {
 	for (const std::string &name : {name_of_31, std::string("x"), std::string("firmware2"),
@@ -195,25 +186,6 @@ TEST_F(BootPartitionRecord, RunsFwSetenvWithTheName)
 				      {setenv_path, "bootpart", name_of_31}}));
 }
 
-TEST_F(BootPartitionRecord, ChangesTheRealEnvironment)
-{
-	files.set_boot_environment({"bootpart=firmware", "serial=1"});
-	EXPECT_EQ(set_boot_partition("firmware2"), 1);
-	EXPECT_EQ(shell("fw_printenv -n bootpart").output, "firmware2\n");
-	EXPECT_EQ(shell("fw_printenv -n serial").output, "1\n");
-}
-
-TEST_F(BootPartitionRecord, IsReadBackAsTheBootPartition)
-{
-	files.set_mtd({{"u-boot"}, {"firmware"}, {"kernel"}, {"firmware2"}});
-	files.set_boot_environment({"bootpart=firmware"});
-	ASSERT_EQ(set_boot_partition("firmware2"), 1);
-	update_context = {};
-	EXPECT_EQ(find_boot_partition(), 1);
-	EXPECT_STREQ(update_context.boot_partition, "firmware2");
-	update_context = {};
-}
-
 TEST_F(BootPartitionRecord, FailsWithAnyExitStatusButZero)
 {
 	for (const int status : {1, 2, 127, 128, 255}) {
@@ -222,29 +194,6 @@ TEST_F(BootPartitionRecord, FailsWithAnyExitStatusButZero)
 		EXPECT_EQ(set_boot_partition("firmware2"), 0);
 		EXPECT_EQ(files.tool_calls(setenv_path).size(), 1U);
 	}
-}
-
-TEST_F(BootPartitionRecord, FailsWhenNobodyKnowsHowTheToolEnded)
-{
-	files.install_recording_tool(setenv_path);
-	const IgnoredChildren ignored;
-	EXPECT_EQ(set_boot_partition("firmware2"), 0);
-	EXPECT_EQ(files.tool_calls(setenv_path).size(), 1U);
-}
-
-TEST_F(BootPartitionRecord, FailsWhenNoShellCanBeStarted)
-{
-	files.install_recording_tool(setenv_path);
-	int result = 1;
-	with_processes_refused([&] { result = set_boot_partition("firmware2"); });
-	EXPECT_EQ(result, 0);
-	EXPECT_TRUE(files.tool_calls(setenv_path).empty());
-}
-
-TEST_F(BootPartitionRecord, FailsWhenTheRealToolFindsNoEnvironment)
-{
-	files.remove("/etc/fw_env.config");
-	EXPECT_EQ(set_boot_partition("firmware2"), 0);
 }
 
 TEST_F(BootPartitionRecord, SucceedsOnARouterWithoutFwSetenv)

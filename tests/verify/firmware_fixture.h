@@ -26,7 +26,6 @@ inline constexpr std::size_t header_size = 64;
 inline constexpr std::size_t header_crc_offset = 4;
 inline constexpr std::size_t load_address_offset = 16;
 inline constexpr std::size_t data_crc_offset = 24;
-inline constexpr std::size_t types_offset = 28;
 inline constexpr std::size_t name_offset = 32;
 
 inline constexpr const char *fwtool_path = "/usr/bin/fwtool";

@@ -6,10 +6,8 @@
 #include <fcntl.h>
 #include <functional>
 #include <gmock/gmock.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -77,31 +75,6 @@ TEST_F(ImageFile, ThatDoesNotExistIsNotOpened)
 	EXPECT_EQ(logged(), Texts{});
 }
 
-TEST_F(ImageFile, BehindASymbolicLinkIsChecked)
-{
-	write_bytes(firmware_path, good_image());
-	ASSERT_EQ(symlink(firmware_path, "/tmp/link"), 0);
-	EXPECT_EQ(verify_image("/tmp/link"), IMAGE_GOOD);
-}
-
-TEST_F(ImageFile, ThatMayNotBeReadIsNotOpened)
-{
-	write_bytes(firmware_path, good_image());
-	ASSERT_EQ(chmod(firmware_path, 0), 0);
-	int result = 1;
-	without_capabilities([&result] { result = verify_image(firmware_path); });
-	EXPECT_EQ(result, IMAGE_NOT_OPENED);
-}
-
-TEST_F(ImageFile, ThatIsASocketIsNotOpened)
-{
-	sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = "/tmp/socket"};
-	const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-	ASSERT_EQ(bind(descriptor, reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
-	EXPECT_EQ(verify_image(address.sun_path), IMAGE_NOT_OPENED);
-	close(descriptor);
-}
-
 TEST_F(ImageFile, ThatIsEmptyIsNotMapped)
 {
 	EXPECT_EQ(verify(""), IMAGE_NOT_MAPPED);
@@ -152,16 +125,6 @@ TEST_F(ImageFile, WhoseStatusIsRefusedIsNotStatted)
 	EXPECT_EQ(logged(), Texts{});
 }
 
-TEST_F(ImageFile, ThatOpensOnlyOnceIsNotStatted)
-{
-	write_bytes(firmware_path, good_image());
-	const auto before = open_descriptors(getpid());
-	int result = 1;
-	with_second_open_refused([&result] { result = verify_image(firmware_path); });
-	EXPECT_EQ(result, IMAGE_NOT_STATTED);
-	EXPECT_EQ(open_descriptors(getpid()), before);
-}
-
 TEST_F(ImageFile, ThatBecomesDescriptorZeroIsNotTrustedAndStaysOpen)
 {
 	write_bytes(firmware_path, good_image());
@@ -179,11 +142,6 @@ TEST_F(ImageFile, ThatBecomesDescriptorZeroIsNotTrustedAndStaysOpen)
 				 stat(firmware_path, &named) == 0 && opened.st_ino == named.st_ino;
 		  }),
 		  1);
-}
-
-TEST_F(ImageFile, IsCheckedAgainOnceDescriptorZeroIsTaken)
-{
-	write_bytes(firmware_path, good_image());
 	EXPECT_EQ(in_child([] {
 			  close(STDIN_FILENO);
 			  verify_image(firmware_path);

@@ -38,24 +38,6 @@ protected:
 
 } // namespace
 
-TEST_F(UimageForFwtool, MadeByMkimageAndFwtoolForThisModelIsGood)
-{
-	const std::string image = make_uimage(noise(3000), {.entry_point = same_address});
-	EXPECT_EQ(verify(with_metadata(image, metadata_json({"SOMETHING-ELSE"}))), IMAGE_GOOD);
-	EXPECT_EQ(remembered_model(), "MODEL-X");
-	EXPECT_FALSE(exists(side_file));
-	EXPECT_EQ(logged(), Texts{});
-}
-
-TEST_F(UimageForFwtool, WithADamagedHeaderIsNotGivenToFwtool)
-{
-	record_fwtool();
-	std::string image = for_fwtool();
-	flip_bit(image, header_crc_offset);
-	EXPECT_EQ(verify(image), IMAGE_BAD_HEADER);
-	EXPECT_TRUE(extractions().empty());
-}
-
 TEST_F(UimageForFwtool, IsGivenToFwtoolForEqualAddressesAndAZeroNameTail)
 {
 	record_fwtool();
@@ -128,42 +110,12 @@ TEST_F(UimageForFwtool, IsABadChecksumWhenFwtoolIsMissingOrFails)
 	}
 }
 
-TEST_F(UimageForFwtool, IsGoodWhenASignalKillsFwtool)
-{
-	files.install_tool(fwtool_path, "echo {} >\"$2\"; kill -KILL $$");
-	EXPECT_EQ(verify(for_fwtool()), IMAGE_GOOD);
-	EXPECT_EQ(logged(), Texts{});
-	EXPECT_FALSE(exists(side_file));
-}
-
 TEST_F(UimageForFwtool, IsABadChecksumWhenFwtoolCannotBeRun)
 {
 	const std::string image = with_metadata(for_fwtool(), metadata_json({"x"}));
 	const IgnoredChildren ignored;
 	EXPECT_EQ(verify(image), IMAGE_BAD_CHECKSUM);
 	EXPECT_EQ(logged(), Texts{not_run_text});
-}
-
-TEST_F(UimageForFwtool, NeedsAPathWhoseFwtoolCommandFits)
-{
-	record_fwtool();
-	const std::string image = with_metadata(for_fwtool(), metadata_json({"x"}));
-	const std::string fits = path_of_length(longest_path);
-	write_bytes(fits, image);
-	EXPECT_EQ(verify_image(fits.c_str()), IMAGE_GOOD);
-	EXPECT_FALSE(exists(fits + ".signature"));
-	EXPECT_EQ(extractions(), std::vector<Texts>{extraction(fits)});
-	EXPECT_EQ(logged(), Texts{});
-
-	for (const std::size_t length : {longest_path + 1, longest_path + 2, std::size_t{240}}) {
-		SCOPED_TRACE(length);
-		const std::string path = path_of_length(length);
-		write_bytes(path, image);
-		EXPECT_EQ(verify_image(path.c_str()), IMAGE_BAD_CHECKSUM);
-		EXPECT_EQ(logged(), Texts{not_run_text});
-		EXPECT_FALSE(exists(path + ".signature"));
-	}
-	EXPECT_EQ(extractions().size(), 1U);
 }
 
 TEST_F(UimageForFwtool, KeepsToItsDataCrcWhenOneByteOfTheAddressesDiffers)

@@ -47,16 +47,6 @@ TEST_F(Metadata, NeedNoCustomId)
 	EXPECT_EQ(logged(), Texts{no_customid_text});
 }
 
-TEST_F(Metadata, BelowASignatureAreFoundToo)
-{
-	EXPECT_EQ(verify(with_signature(plain(), "signed")), IMAGE_GOOD);
-}
-
-TEST_F(Metadata, OfAFileUnderAHeadersLengthCount)
-{
-	EXPECT_EQ(verify(with_metadata("x", metadata_json({"MODEL-X"}))), IMAGE_GOOD);
-}
-
 TEST_F(Metadata, NamingAnotherModelMakeABadModel)
 {
 	const std::vector<std::vector<std::string>> lists = {
@@ -75,14 +65,6 @@ TEST_F(Metadata, NamingAnotherModelMakeABadModel)
 	EXPECT_EQ(logged(), Texts{});
 }
 
-TEST_F(Metadata, NamingSeveralModelsMatchOnlyTheWholeList)
-{
-	set_product_name("abc,xyz");
-	EXPECT_EQ(verify(plain({"ABC", "XYZ"})), IMAGE_GOOD);
-	EXPECT_EQ(verify(plain({"XYZ", "ABC"})), IMAGE_BAD_MODEL);
-	EXPECT_EQ(verify(plain({"ABC"})), IMAGE_BAD_MODEL);
-}
-
 TEST_F(Metadata, AreABadMagicWhenMissingOrDamaged)
 {
 	std::string wrong_crc = plain();
@@ -90,36 +72,13 @@ TEST_F(Metadata, AreABadMagicWhenMissingOrDamaged)
 	std::string cut = plain();
 	cut.pop_back();
 	for (const std::string &file :
-	     {noise(500), noise(10), std::string("x"), std::string(64, '\0'),
-	      with_signature(noise(500), "signed"), wrong_crc, cut, plain() + "x",
-	      std::string("\x27\x05\x19", 3)}) {
+	     {noise(500), noise(10), std::string("x"), std::string(64, '\0'), wrong_crc, cut,
+	      plain() + "x", std::string("\x27\x05\x19", 3)}) {
 		SCOPED_TRACE(file.size());
 		EXPECT_EQ(verify(file), IMAGE_BAD_MAGIC);
 		EXPECT_FALSE(exists(side_file));
 	}
 	EXPECT_EQ(logged(), Texts{});
-}
-
-TEST_F(Metadata, AreABadMagicWithoutAModel)
-{
-	for (const char *json :
-	     {R"({ "version": { "customid": "77" } })", "{}", "[]",
-	      R"({ "supported_devices": [], "version": { "customid": "77" } })"}) {
-		SCOPED_TRACE(json);
-		EXPECT_EQ(verify(with_metadata(noise(500), json)), IMAGE_BAD_MAGIC);
-		const Texts texts = logged();
-		ASSERT_FALSE(texts.empty());
-		EXPECT_EQ(texts.back(), no_model_text);
-		EXPECT_TRUE(exists(side_file));
-	}
-}
-
-TEST_F(Metadata, AreABadMagicWhenModelAndCustomIdAreTooLong)
-{
-	EXPECT_EQ(verify(plain({"ABCDEFGHIJKLMNOPQRSTUVW"}, "1234567")), IMAGE_BAD_MAGIC);
-	EXPECT_EQ(logged(),
-		  Texts{"Model name and Custom ID oversized! (ABCDEFGHIJKLMNOPQRSTUVW[1234567])"});
-	EXPECT_TRUE(exists(side_file));
 }
 
 TEST_F(Metadata, AreABadMagicWhenFwtoolIsMissingOrFails)
@@ -133,15 +92,6 @@ TEST_F(Metadata, AreABadMagicWhenFwtoolIsMissingOrFails)
 	EXPECT_EQ(verify(file), IMAGE_BAD_MAGIC);
 	EXPECT_FALSE(exists(side_file));
 	EXPECT_EQ(logged(), Texts{});
-}
-
-TEST_F(Metadata, AreABadMagicWhenFwtoolCannotBeRun)
-{
-	const std::string file = plain();
-	const IgnoredChildren ignored;
-	EXPECT_EQ(verify(file), IMAGE_BAD_MAGIC);
-	EXPECT_EQ(logged(), Texts{"Error checking firmware via fwtools: \"/usr/bin/fwtool -i "
-				  "/tmp/firmware.bin.signature /tmp/firmware.bin\""});
 }
 
 TEST_F(Metadata, AreAskedForOnceAndNoChecksumIsEnforced)
@@ -188,30 +138,4 @@ TEST_F(Metadata, AreABadChecksumWhenOnlyTheSecondRunFails)
 	EXPECT_EQ(logged(), Texts{damaged_text});
 	EXPECT_EQ(read_file(side_file), "second\n");
 	EXPECT_EQ(extractions().size(), 2U);
-}
-
-TEST_F(Metadata, NeedAPathWhoseFwtoolCommandFits)
-{
-	record_fwtool();
-	const std::string file = plain();
-	const std::string fits = path_of_length(longest_path);
-	write_bytes(fits, file);
-	EXPECT_EQ(verify_image(fits.c_str()), IMAGE_GOOD);
-	EXPECT_EQ(remembered_model(), "MODEL-X[77]");
-	EXPECT_FALSE(exists(fits + ".signature"));
-	EXPECT_EQ(logged(), Texts{});
-	ASSERT_EQ(extractions().size(), 1U);
-
-	for (const std::size_t length : {longest_path + 1, longest_path + 2, std::size_t{240}}) {
-		SCOPED_TRACE(length);
-		const std::string path = path_of_length(length);
-		write_bytes(path, file);
-		EXPECT_EQ(verify_image(path.c_str()), IMAGE_BAD_MAGIC);
-		const Texts texts = logged();
-		ASSERT_EQ(texts.size(), 1U);
-		EXPECT_TRUE(texts[0].starts_with(
-			"Error checking firmware via fwtools: \"/usr/bin/fwtool -i /tmp/ppp"))
-			<< texts[0];
-	}
-	EXPECT_EQ(extractions().size(), 1U);
 }

@@ -65,13 +65,6 @@ TEST_F(ModelMatch, ComparesTheTextBeforeTheBracketWithTheProductName)
 	}
 }
 
-TEST_F(ModelMatch, TakesLettersOfAsciiOnlyAsLetters)
-{
-	set_product_name("m\xc3\xa4x"); // a umlaut, not to become its capital
-	EXPECT_EQ(model_matches("M\xc3\xa4X"), 1);
-	EXPECT_EQ(model_matches("M\xc3\x84X"), 0);
-}
-
 TEST_F(ModelMatch, TakesOnlyAnEmptyModelWhenThereIsNoProductName)
 {
 	files.set_board("{}");
@@ -79,23 +72,6 @@ TEST_F(ModelMatch, TakesOnlyAnEmptyModelWhenThereIsNoProductName)
 	EXPECT_EQ(model_matches("[77]"), 1);
 	EXPECT_EQ(model_matches("ABC"), 0);
 	EXPECT_EQ(model_matches(" "), 0);
-}
-
-TEST_F(ModelMatch, AsksForTheProductNameEachTime)
-{
-	set_product_name("ABC");
-	EXPECT_EQ(model_matches("ABC"), 1);
-	set_product_name("XYZ");
-	EXPECT_EQ(model_matches("ABC"), 0);
-	EXPECT_EQ(model_matches("XYZ"), 1);
-}
-
-TEST_F(ModelMatch, ReadsAtMost31CharactersOfTheProductName)
-{
-	const std::string name(31, 'X');
-	set_product_name(name + "YZ");
-	EXPECT_EQ(model_matches(name.c_str()), 1);
-	EXPECT_EQ(model_matches(name.substr(1).c_str()), 0);
 }
 
 TEST_F(ModelMatch, NeedsNoTerminatorBehindTheModel)
@@ -111,15 +87,26 @@ TEST_F(ModelMatch, NeedsNoTerminatorBehindTheModel)
 
 TEST(ImageCheckText, NamesEachCode)
 {
-	EXPECT_STREQ(image_check_text(-10), "Can't get parition name");
-	EXPECT_STREQ(image_check_text(-9), "Bad Model");
-	EXPECT_STREQ(image_check_text(-8), "Big Image");
-	EXPECT_STREQ(image_check_text(-7), "Bad Image checksum");
-	EXPECT_STREQ(image_check_text(-6), "Bad Header checksum");
-	EXPECT_STREQ(image_check_text(-5), "Bad Magic Number");
-	EXPECT_STREQ(image_check_text(-4), "Can't mmap image");
-	EXPECT_STREQ(image_check_text(-3), "Can't stat image");
-	EXPECT_STREQ(image_check_text(-2), "Can't open image");
+	const struct {
+		ImageCheck code;
+		int number;
+		const char *text;
+	} cases[] = {
+		{IMAGE_NO_PARTITION, -10, "Can't get parition name"},
+		{IMAGE_BAD_MODEL, -9, "Bad Model"},
+		{IMAGE_TOO_BIG, -8, "Big Image"},
+		{IMAGE_BAD_CHECKSUM, -7, "Bad Image checksum"},
+		{IMAGE_BAD_HEADER, -6, "Bad Header checksum"},
+		{IMAGE_BAD_MAGIC, -5, "Bad Magic Number"},
+		{IMAGE_NOT_MAPPED, -4, "Can't mmap image"},
+		{IMAGE_NOT_STATTED, -3, "Can't stat image"},
+		{IMAGE_NOT_OPENED, -2, "Can't open image"},
+		{IMAGE_GOOD, 0, "Unknown"},
+	};
+	for (const auto &row : cases) {
+		EXPECT_EQ(static_cast<int>(row.code), row.number);
+		EXPECT_STREQ(image_check_text(row.code), row.text);
+	}
 }
 
 TEST(ImageCheckText, IsUnknownForOtherNumbers)
@@ -128,21 +115,5 @@ TEST(ImageCheckText, IsUnknownForOtherNumbers)
 	for (const int code : {0, -1, -11, -12, 1, 2, 10, 256, Limits::min(), Limits::max()}) {
 		SCOPED_TRACE(code);
 		EXPECT_STREQ(image_check_text(code), "Unknown");
-	}
-}
-
-TEST(ImageCheckText, HasTheNumbersThatCallersSee)
-{
-	const struct {
-		ImageCheck code;
-		int number;
-	} cases[] = {
-		{IMAGE_GOOD, 0},	   {IMAGE_NOT_OPENED, -2}, {IMAGE_NOT_STATTED, -3},
-		{IMAGE_NOT_MAPPED, -4},	   {IMAGE_BAD_MAGIC, -5},  {IMAGE_BAD_HEADER, -6},
-		{IMAGE_BAD_CHECKSUM, -7},  {IMAGE_TOO_BIG, -8},	   {IMAGE_BAD_MODEL, -9},
-		{IMAGE_NO_PARTITION, -10},
-	};
-	for (const auto &row : cases) {
-		EXPECT_EQ(static_cast<int>(row.code), row.number);
 	}
 }

@@ -162,11 +162,3 @@ TEST_F(FirmwareModel, WithoutAModelIsOfNoUseAndLeavesTheMetadataFile)
 		std::filesystem::remove(side_file);
 	}
 }
-
-TEST_F(FirmwareModel, WithACustomIdAloneIsOfNoUse)
-{
-	EXPECT_EQ(check_json(R"({ "version": { "customid": "77" } })"), no_use);
-	EXPECT_EQ(remembered_model(), "");
-	EXPECT_EQ(logged(), (Texts{no_model_name_text, no_model_text}));
-	EXPECT_TRUE(exists(side_file));
-}
