@@ -3,7 +3,6 @@
 // worker_test.cpp's.
 #include "firmware/download.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <dlfcn.h>
@@ -12,7 +11,6 @@
 #include "base/log.h"
 #include "base/records.h"
 #include "support/debug_fixture.h"
-#include "support/refusals.h"
 
 using namespace fwupdate;
 using namespace router_test;
@@ -127,58 +125,56 @@ TEST_F(Download, StoresTheFileUnderTheNameOfItsKind)
 	}
 }
 
-TEST_F(Download, PartitionAsLargeAsFreeSpacePasses)
+TEST_F(Download, PartitionHasToFitIntoTheFreeSpace)
 {
-	set_free_space("1024");
-	EXPECT_EQ(download(), 0);
-	EXPECT_TRUE(syslog.texts().empty());
+	constexpr int whole = 0; // the download
+	const struct {
+		const char *kilobytes;
+		const char *partition;
+		std::uint32_t size;
+		int result;
+	} table[] = {
+		{"1024", "firmware", 0x100000, whole},
+		{"1024", "firmware", 0x100001, GIVEN_UP},
+		{"0", "unheard-of", 0x100000, whole},
+		{"-", "unheard-of", 0x100000, whole},
+		// 24 MiB, whatever is listed.
+		{"24576", "ubi", 0x1000, whole},
+		{"24575", "ubi", 0x1000, GIVEN_UP},
+		// Both stop at the 32-bit limit; a negative number is a large one.
+		{"4194304", "firmware", 0xf0000000, whole},
+		{"-1", "firmware", 0xf0000000, whole},
+	};
+	for (const auto &row : table) {
+		SCOPED_TRACE(std::string(row.kilobytes) + " for " + row.partition);
+		syslog.clear();
+		update_context.state = UpdateState::NONE;
+		set_free_space(row.kilobytes);
+		files.set_mtd(
+			{{row.partition == std::string("ubi") ? "ubi" : "firmware", row.size}});
+		std::strcpy(update_context.boot_partition, row.partition);
+		files.write("/proc/sys/vm/min_free_kbytes", "7\n");
+		EXPECT_EQ(download(), row.result);
+		const bool refused = row.result == GIVEN_UP;
+		EXPECT_EQ(syslog.texts(),
+			  refused ? Texts{"Error, not enough memory to load firmware!"} : Texts{});
+		EXPECT_EQ(update_context.state,
+			  refused ? UpdateState::NONE : UpdateState::FIRMWARE_CONNECT);
+		EXPECT_EQ(read_file("/proc/sys/vm/min_free_kbytes"), refused ? "7\n" : "1024\n");
+	}
 }
 
-TEST_F(Download, PartitionOneByteLargerThanFreeSpaceIsRefused)
+TEST_F(Download, NeedsTheFreeSpaceAndAPartitionTable)
 {
-	set_free_space("1024");
-	files.set_mtd({{"firmware", 0x100001}});
-	EXPECT_EQ(download(), GIVEN_UP);
-	EXPECT_EQ(syslog.texts(), Texts{"Error, not enough memory to load firmware!"});
-	EXPECT_EQ(update_context.state, UpdateState::NONE);
-	EXPECT_TRUE(server.requests().empty());
-}
-
-TEST_F(Download, PartitionOfUnknownSizeAlwaysPasses)
-{
-	std::strcpy(update_context.boot_partition, "unheard-of");
-	set_free_space("0");
-	EXPECT_EQ(download(), 0);
-	set_free_space("-");
-	EXPECT_EQ(download(), 0);
-}
-
-TEST_F(Download, FreeSpaceThatIsNoNumberCountsAsNone)
-{
-	files.install_tool("/usr/bin/awk", "echo none");
-	EXPECT_EQ(download(), GIVEN_UP);
-	EXPECT_EQ(syslog.texts(), Texts{"Error, not enough memory to load firmware!"});
-}
-
-TEST_F(Download, UbiCounts24MebibytesWhateverTheListingSays)
-{
-	std::strcpy(update_context.boot_partition, "ubi");
-	files.set_mtd({{"ubi", 0x1000}});
-	set_free_space("24576");
-	EXPECT_EQ(download(), 0);
-	set_free_space("24575");
-	EXPECT_EQ(download(), GIVEN_UP);
-}
-
-TEST_F(Download, SizesAreComparedUnsigned)
-{
-	// More than 2 GiB of either stop at the 32-bit limit, and still fit each other.
-	files.set_mtd({{"firmware", 0xf0000000}});
 	set_free_space("4194304");
-	EXPECT_EQ(download(), 0);
-	// A negative number is a large one.
-	set_free_space("-1");
-	EXPECT_EQ(download(), 0);
+	update_context.boot_partition[0] = '\0';
+	files.remove("/proc/mtd");
+	EXPECT_EQ(download(), GIVEN_UP);
+	files.install_tool("/bin/df", "exit 0");
+	files.install_tool("/usr/bin/awk", "cat");
+	EXPECT_EQ(download(), GIVEN_UP);
+	EXPECT_EQ(syslog.texts(),
+		  (Texts{"Error, couldn't get boot partition", "Error on reading tmpfs"}));
 }
 
 TEST_F(Download, ElevenCharactersOfTheFreeSpaceCount)
@@ -187,31 +183,6 @@ TEST_F(Download, ElevenCharactersOfTheFreeSpaceCount)
 	EXPECT_EQ(download(), 0);
 	files.install_tool("/usr/bin/awk", "echo 000001048576");
 	EXPECT_EQ(download(), GIVEN_UP) << "the last digit is not read";
-}
-
-TEST_F(Download, UnmeasurableFreeSpaceIsAFailure)
-{
-	files.install_tool("/bin/df", "exit 0");
-	files.install_tool("/usr/bin/awk", "cat");
-	EXPECT_EQ(download(), GIVEN_UP);
-	EXPECT_EQ(syslog.texts(), Texts{"Error on reading tmpfs"});
-	EXPECT_EQ(update_context.state, UpdateState::NONE);
-}
-
-TEST_F(Download, ShellThatCannotBeStartedIsAFailure)
-{
-	int result = 0;
-	with_processes_refused([&] { result = download(); });
-	EXPECT_EQ(result, GIVEN_UP);
-	EXPECT_EQ(syslog.texts(), Texts{"Error on reading tmpfs"});
-}
-
-TEST_F(Download, MissingPartitionIsLookedUpAndKept)
-{
-	update_context.boot_partition[0] = '\0';
-	files.set_boot_environment({"bootpart=firmware"});
-	EXPECT_EQ(download(), 0);
-	EXPECT_STREQ(update_context.boot_partition, "firmware");
 }
 
 TEST_F(Download, PartitionThatWasLookedUpIsKeptAlsoWhenItIsTooLarge)
@@ -232,23 +203,6 @@ TEST_F(Download, RouterThatListsNoPartitionToBootFromIsLetThrough)
 	EXPECT_EQ(download(), 0);
 	EXPECT_STREQ(update_context.boot_partition, "");
 	EXPECT_TRUE(syslog.texts().empty());
-}
-
-TEST_F(Download, ChosenPartitionIsNotLookedUp)
-{
-	files.install_recording_tool("/usr/sbin/fw_printenv");
-	EXPECT_EQ(download(), 0);
-	EXPECT_TRUE(files.tool_calls("/usr/sbin/fw_printenv").empty());
-	EXPECT_STREQ(update_context.boot_partition, "firmware");
-}
-
-TEST_F(Download, PartitionThatCannotBeFoundIsAFailure)
-{
-	update_context.boot_partition[0] = '\0';
-	files.remove("/proc/mtd");
-	EXPECT_EQ(download(), GIVEN_UP);
-	EXPECT_EQ(syslog.texts(), Texts{"Error, couldn't get boot partition"});
-	EXPECT_TRUE(server.requests().empty());
 }
 
 TEST_F(Download, KernelIsTunedBeforeEveryStart)
@@ -277,23 +231,6 @@ TEST_F(Download, CachesAreDroppedOnlyAfterASync)
 	EXPECT_EQ(read_file("/proc/sys/vm/panic_on_oom"), "1\n");
 }
 
-TEST_F(Download, KernelIsLeftAloneWhenTheCheckFails)
-{
-	files.write("/proc/sys/vm/min_free_kbytes", "7\n");
-	set_free_space("1");
-	EXPECT_EQ(download(), GIVEN_UP);
-	EXPECT_EQ(read_file("/proc/sys/vm/min_free_kbytes"), "7\n");
-}
-
-TEST_F(Download, StateIsFirmwareConnectFromTheStartOn)
-{
-	server.on("/firmware.bin", silence());
-	const int pipe = start_download(server.url("/firmware.bin").c_str(), "", "", 30);
-	ASSERT_GE(pipe, 0);
-	EXPECT_EQ(update_context.state, UpdateState::FIRMWARE_CONNECT);
-	close(pipe);
-}
-
 TEST_F(Download, PipeThatCannotBeMadeIsAFailure)
 {
 	no_more_pipes = true;
@@ -311,20 +248,4 @@ TEST_F(Download, WorkerThatCannotBeForkedIsAFailure)
 	EXPECT_EQ(syslog.texts(),
 		  (Texts{"Error, couldn't fork!", "Error, couldn't get CURL pipe"}));
 	EXPECT_EQ(open_descriptors(getpid()), before);
-}
-
-TEST_F(Download, OnlyTheReadEndStaysOpen)
-{
-	// The server in this program opens sockets of its own meanwhile.
-	const auto open_pipes = [] {
-		const auto all = open_descriptors(getpid());
-		return std::count_if(all.begin(), all.end(), [](const auto &descriptor) {
-			return descriptor.second.starts_with("pipe:");
-		});
-	};
-	const auto before = open_pipes();
-	const int pipe = start_download(server.url("/firmware.bin").c_str(), "", "", 30);
-	EXPECT_TRUE(open_descriptors(getpid())[pipe].starts_with("pipe:"));
-	EXPECT_EQ(open_pipes(), before + 1);
-	close(pipe);
 }

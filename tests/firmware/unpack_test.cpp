@@ -126,9 +126,12 @@ TEST_F(Unpack, WhatIsNotFoundGivesAnEmptyImage)
 
 TEST_F(Unpack, NameOfMoreThan511CharactersGivesAnEmptyImage)
 {
-	const std::string longest(511, 'n');
+	std::string longest = "n";
+	while (longest.size() < 511) {
+		longest += "/n";
+	}
 	for (const auto &[name, image] : {std::pair(longest, "image"), {longest + "n", ""}}) {
-		files.write(ARCHIVE, make_zip({{name, "image"}}));
+		add(name, "image");
 		EXPECT_EQ(unpack_firmware(name.c_str(), true), 0);
 		EXPECT_EQ(read_file(IMAGE), image);
 	}
@@ -138,14 +141,6 @@ TEST_F(Unpack, FolderGivesAnEmptyImage)
 {
 	add_folder("fw");
 	EXPECT_EQ(unpack_firmware("fw/", true), 0);
-	EXPECT_TRUE(exists(IMAGE));
-	EXPECT_EQ(read_file(IMAGE), "");
-}
-
-TEST_F(Unpack, EmptyMemberGivesAnEmptyImage)
-{
-	add("image.bin", "");
-	EXPECT_EQ(unpack_firmware("image.bin", true), 0);
 	EXPECT_TRUE(exists(IMAGE));
 	EXPECT_EQ(read_file(IMAGE), "");
 }
