@@ -43,22 +43,6 @@ TEST(Records, EverythingIsZeroAtStart)
 	EXPECT_EQ(std::memcmp(&update_manifest, &nothing, sizeof(nothing)), 0);
 }
 
-TEST(Records, StatesHaveTheirNumbers)
-{
-	EXPECT_EQ(static_cast<unsigned>(UpdateState::NONE), 0u);
-	EXPECT_EQ(static_cast<unsigned>(UpdateState::NETWORK_GET), 1u);
-	EXPECT_EQ(static_cast<unsigned>(UpdateState::NETWORK_CHECK), 2u);
-	EXPECT_EQ(static_cast<unsigned>(UpdateState::XML_CONNECT), 3u);
-	EXPECT_EQ(static_cast<unsigned>(UpdateState::XML_GET), 4u);
-	EXPECT_EQ(static_cast<unsigned>(UpdateState::XML_PARSE), 5u);
-	EXPECT_EQ(static_cast<unsigned>(UpdateState::XML_DONE), 6u);
-	EXPECT_EQ(static_cast<unsigned>(UpdateState::FIRMWARE_CONNECT), 7u);
-	EXPECT_EQ(static_cast<unsigned>(UpdateState::FIRMWARE_GET), 8u);
-	EXPECT_EQ(static_cast<unsigned>(UpdateState::WAIT_DELAY), 9u);
-	EXPECT_EQ(static_cast<unsigned>(UpdateState::FIRMWARE_CHECK), 10u);
-	EXPECT_EQ(static_cast<unsigned>(UpdateState::FIRMWARE_UPDATE), 11u);
-}
-
 TEST(Records, FieldsHaveTheirSizes)
 {
 	EXPECT_EQ(sizeof(update_context.message), 256u);

@@ -56,27 +56,6 @@ TEST_F(Check, TellsTheCallerAndEverybodyElseOfANewBuild)
 	expect_nothing_leaked();
 }
 
-TEST_F(Check, OffersNewerBuildsAndForcedOthers)
-{
-	struct Case {
-		std::string buildtime;
-		const char *force;
-		const char *need_update;
-	};
-	const std::string installed = router_builddate();
-	start_daemon();
-	for (const Case &each : {Case{installed, "0", "0"}, Case{installed, "1", "0"},
-				 Case{"1", "0", "0"}, Case{"1", "1", "1"}, Case{"1", "11", "0"},
-				 Case{"999999999", "0", "1"}, Case{"-1", "0", "1"}}) {
-		SCOPED_TRACE(each.buildtime + " forced " + each.force);
-		offer({.buildtime = each.buildtime, .force_update = each.force});
-		const Fields fields = daemon().check().fields;
-		EXPECT_EQ(text_of(fields, "need_update"), each.need_update);
-		EXPECT_EQ(text_of(fields, "force"), each.force);
-		EXPECT_EQ(text_of(fields, "error_code"), "0");
-	}
-}
-
 TEST_F(Check, TellsEverybodyOfAServerThatCannotBeReached)
 {
 	ask_nobody();
@@ -95,27 +74,15 @@ TEST_F(Check, TellsEverybodyOfAServerThatCannotBeReached)
 	EXPECT_TRUE(syslog.contains("Error on geting update info via CURL [Failed to connect"));
 }
 
-TEST_F(Check, AsksTheServerEachTime)
+TEST_F(Check, AsksTheServerEachTimeWhateverItsArguments)
 {
 	offer({.version = "2.0"});
 	start_daemon();
 	EXPECT_EQ(text_of(daemon().check().fields, "version"), "2.0");
 	offer({.version = "2.1"});
-	EXPECT_EQ(text_of(daemon().check().fields, "version"), "2.1");
+	const Fields arguments = {string_field("force", "1"), int32_field("timeout", 1)};
+	EXPECT_EQ(text_of(call("fwupdate", "check", arguments).fields, "version"), "2.1");
 	EXPECT_EQ(manifest_requests(), 2u);
-}
-
-TEST_F(Check, KeepsTheReleaseNotesOfAnEarlierAnswer)
-{
-	offer();
-	start_daemon();
-	EXPECT_EQ(text_of(daemon().check().fields, "releasenotes"), "");
-	offer({.release_notes = "Better.", .force_update = "1"});
-	EXPECT_EQ(text_of(daemon().check().fields, "releasenotes"), "Better.");
-	offer();
-	const Fields fields = daemon().check().fields;
-	EXPECT_EQ(text_of(fields, "releasenotes"), "Better.");
-	EXPECT_EQ(text_of(fields, "force"), "1");
 }
 
 TEST_F(Check, SuccessAfterAFailureShowsNothingOfIt)
@@ -258,16 +225,4 @@ TEST_F(Check, WaitsForASerialNumberAcrossAnInterruption)
 	EXPECT_EQ(text_of(check.wait().fields, "need_update"), "1");
 	EXPECT_EQ(server.requests("/update.xml").at(0).parameter("sn"), "CD67890");
 	EXPECT_FALSE(syslog.contains("cpe_sn"));
-}
-
-TEST_F(Check, LeavesNoDescriptorsAndProcessesBehind)
-{
-	start_daemon();
-	for (const HttpAnswer &each :
-	     {answer(to_xml({.url = "http://a/"})), answer("no XML"), reset_at_once(),
-	      answer(std::string(5000, ' ')), redirect("/nowhere")}) {
-		server.on("/update.xml", each);
-		daemon().check();
-	}
-	expect_nothing_leaked();
 }

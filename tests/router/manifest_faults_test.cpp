@@ -235,6 +235,8 @@ const std::vector<HarmlessFault> odd_manifests = {
 	{"redirect", "A redirect.", redirect("/other.xml")},
 	{"behind_another_piece", "The manifest comes as the second of two pieces.",
 	 answer("<a>" + xml).cut_at({3})},
+	{"behind_1024_bytes", "The manifest comes behind a piece of 1024 bytes.",
+	 answer(std::string(1024, 'r') + xml).cut_at({1024})},
 	{"without_a_declaration", "A manifest without an XML declaration.",
 	 answer(xml.substr(xml.find("<update>")))},
 	{"utf8_mark", "A UTF-8 mark in front of the manifest.", answer("\357\273\277" + xml)},

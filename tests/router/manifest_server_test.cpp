@@ -23,16 +23,6 @@ protected:
 
 } // namespace
 
-TEST_F(ManifestServer, EmptyAnswerBeforeAnyOtherLacksEverything)
-{
-	start_daemon();
-	for (const HttpAnswer &each : {answer(""), answer(500, ""), answer("").in_chunks()}) {
-		EXPECT_EQ(text_of(check(each), "error_code"), "1");
-		EXPECT_EQ(daemon().state_name(), "XML_PARSE");
-	}
-	EXPECT_EQ(syslog.texts(), std::vector<std::string>(3, no_buildtime));
-}
-
 TEST_F(ManifestServer, EmptyAnswerRepeatsTheOneBefore)
 {
 	start_daemon();
@@ -86,23 +76,6 @@ TEST_F(ManifestServer, UrlThatFillsItsFieldIsUsedWhole)
 	EXPECT_EQ(server.url(server.requests("/firmware.bin")[0].target), url.substr(0, 256));
 }
 
-// A byte order mark in the middle of a text makes the XML library read past its end.
-TEST_F(ManifestServer, ByteOrderMarksAtTheEndDoNoHarm)
-{
-	start_daemon();
-	for (const std::string mark : {"\376\377", "\377\376"}) {
-		for (const std::string rest : {"", "x", "\330", "x\330", "\330\001\334"}) {
-			std::string text = xml.substr(0, xml.find("</update>"));
-			text.resize(1024 - mark.size() - rest.size(), ' ');
-			text += mark;
-			text += rest;
-			check(answer(text));
-			EXPECT_TRUE(daemon().running());
-		}
-	}
-	EXPECT_EQ(text_of(check(answer(xml)), "error_code"), "0");
-}
-
 TEST_F(ManifestServer, IsTheBuiltInOneWhenNoneIsConfigured)
 {
 	HttpServer built_in("192.0.2.1", 80);
@@ -117,25 +90,4 @@ TEST_F(ManifestServer, IsTheBuiltInOneWhenNoneIsConfigured)
 					  "&version=r1234&mac=02:00:00:00:00:10&ip=192.0.2.10"
 					  "&model=QOR,MODEL-X&sn=AB12345&customid=&os=VOLKRAN");
 	EXPECT_TRUE(syslog.contains("Error on reading cpe_update_xml_url"));
-}
-
-TEST_F(ManifestServer, SeesTheFactsWithoutEncoding)
-{
-	files.write("/etc/router/serial", "A&b=c%41+\"<>\303\251?/\n");
-	offer();
-	start_daemon();
-	daemon().check();
-	const std::string target = server.requests("/update.xml").at(0).target;
-	EXPECT_THAT(target, testing::HasSubstr("&sn=A&b=c%41+\"<>\303\251?/&customid=&os="));
-}
-
-TEST_F(ManifestServer, MayChangeBetweenQueries)
-{
-	HttpServer other;
-	other.on("/other.xml", answer(to_xml({.version = "3.0", .url = "http://a/"})));
-	offer();
-	start_daemon();
-	EXPECT_EQ(text_of(daemon().check().fields, "version"), "2.0");
-	files.set_manifest_url(other.url("/other.xml"));
-	EXPECT_EQ(text_of(daemon().check().fields, "version"), "3.0");
 }

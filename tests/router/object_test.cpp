@@ -17,11 +17,6 @@ class Object : public RouterTest
 
 class State : public RouterTest
 {
-protected:
-	static std::vector<std::string> names(const Reply &reply)
-	{
-		return names_of(reply.fields);
-	}
 };
 
 Fields signature(std::initializer_list<std::pair<const char *, int>> arguments)
@@ -103,58 +98,4 @@ TEST_F(State, IgnoresItsArguments)
 	start_daemon();
 	const Reply reply = call("fwupdate", "state", {string_field("state", "XML_DONE")});
 	EXPECT_EQ(text_of(reply.fields, "state"), "NONE");
-}
-
-TEST_F(State, ChangesNothing)
-{
-	offer();
-	start_daemon();
-	daemon().check();
-	EXPECT_EQ(daemon().state_name(), "XML_DONE");
-	EXPECT_EQ(daemon().state_name(), "XML_DONE");
-}
-
-TEST_F(State, CountsAre64BitNumbersInATable)
-{
-	offer(answer(std::string(3000, 'x')).in_pieces(3).hold());
-	start_daemon();
-	PendingCall update = daemon().start_update();
-	ASSERT_TRUE(server.wait_for_requests("/firmware.bin", 1));
-	server.release();
-	ASSERT_TRUE(daemon().wait_for_state("FIRMWARE_CONNECT"));
-	ASSERT_TRUE(eventually([&] { return find_field(daemon().state().fields, "progress"); }));
-	const Reply reply = daemon().state();
-	EXPECT_EQ(names(reply), (std::vector<std::string>{"state", "message", "progress"}));
-	const Field *progress = find_field(reply.fields, "progress");
-	EXPECT_EQ(names_of(progress->members), (std::vector<std::string>{"total", "now"}));
-	EXPECT_EQ(progress->members[0], int64_field("total", 3000));
-	EXPECT_EQ(progress->members[1].type, BLOBMSG_TYPE_INT64);
-	server.release();
-	server.release();
-	update.wait();
-}
-
-TEST_F(State, HasNoProgressWhileTheSizeIsUnknown)
-{
-	offer(answer(std::string(3000, 'x')).in_pieces(3).without_length().hold());
-	start_daemon();
-	PendingCall update = daemon().start_update();
-	server.release();
-	ASSERT_TRUE(server.wait_for_pieces("/firmware.bin", 1));
-	ASSERT_TRUE(daemon().wait_for_state("FIRMWARE_CONNECT"));
-	EXPECT_EQ(names(daemon().state()), (std::vector<std::string>{"state", "message"}));
-	server.release();
-	server.release();
-	update.wait();
-}
-
-TEST_F(State, HasNoProgressDuringTheDelay)
-{
-	may_leave_image = true;
-	files.install_tool("/sbin/sysupgrade", "exit 0");
-	offer(answer(good_image()));
-	start_daemon();
-	PendingCall update = daemon().start_update({int32_field("delay", 3600)});
-	ASSERT_TRUE(daemon().wait_for_state("WAIT_DELAY"));
-	EXPECT_EQ(names(daemon().state()), (std::vector<std::string>{"state", "message"}));
 }

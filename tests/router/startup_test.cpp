@@ -77,17 +77,6 @@ TEST_F(Startup, MayStartAgainWhenTheFirstHasEnded)
 	EXPECT_EQ(daemon().state_name(), "NONE");
 }
 
-TEST_F(Startup, SilentPidofEndsItWithStatus0WithoutTouchingTheBus)
-{
-	files.install_tool("/bin/pidof", "exit 1");
-	const EventListener objects("ubus.object.*");
-	Process daemon = start({"--debug"});
-	EXPECT_TRUE(daemon.wait().success());
-	EXPECT_EQ(daemon.errors(), "");
-	EXPECT_FALSE(find_object("fwupdate"));
-	EXPECT_TRUE(syslog.lines().empty());
-}
-
 TEST_F(Startup, PidofIsAskedForArgv0AsItStands)
 {
 	files.install_recording_tool("/bin/pidof", "exit 1");

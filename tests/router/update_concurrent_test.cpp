@@ -28,17 +28,6 @@ protected:
 	}
 };
 
-TEST_F(UpdateConcurrent, SecondUpdateIsRefused)
-{
-	PendingCall pending = start_job();
-	expect_outcome(daemon().update(), {.code = 6, .text = already_updating});
-	EXPECT_FALSE(pending.finished());
-	finish_download();
-	expect_outcome(pending.wait(), {});
-	EXPECT_EQ(downloads(), 1u);
-	expect_installed();
-}
-
 TEST_F(UpdateConcurrent, SecondUpdateAsksTheServerOnceMore)
 {
 	PendingCall pending = start_job();
@@ -102,16 +91,6 @@ TEST_F(UpdateConcurrent, RefusedUpdateChangesThePartitionThatIsRecorded)
 	expect_installed();
 }
 
-TEST_F(UpdateConcurrent, TestChangesThePartitionThatIsRecorded)
-{
-	PendingCall pending = start_job();
-	daemon().test({string_field("partition", "kernel")});
-	finish_download();
-	expect_outcome(pending.wait(), {});
-	expect_recorded("kernel");
-	expect_installed();
-}
-
 TEST_F(UpdateConcurrent, BadPartitionChangesNothing)
 {
 	PendingCall pending = start_job({string_field("partition", "firmware")});
@@ -136,43 +115,6 @@ TEST_F(UpdateConcurrent, RetryDownloadsFromTheAddressThatWasReadLast)
 	EXPECT_EQ(downloads(), 1u);
 	EXPECT_EQ(server.requests("/newer.bin").size(), 1u);
 	expect_installed();
-}
-
-TEST_F(UpdateConcurrent, CheckIsAnsweredDuringAJob)
-{
-	PendingCall pending = start_job();
-	const Reply reply = daemon().check();
-	EXPECT_EQ(text_of(reply.fields, "need_update"), "1");
-	EXPECT_EQ(daemon().state_name(), "XML_DONE");
-	finish_download();
-	expect_outcome(pending.wait(), {});
-	expect_installed();
-}
-
-TEST_F(UpdateConcurrent, TestIsAnsweredDuringAJob)
-{
-	PendingCall pending = start_job();
-	files.write("/var/other.bin", "no firmware");
-	const Reply reply = daemon().test({string_field("file", "/var/other.bin")});
-	EXPECT_EQ(text_of(reply.fields, "error_code"), "3");
-	EXPECT_EQ(daemon().state_name(), "NONE");
-	finish_download();
-	expect_outcome(pending.wait(), {});
-	expect_installed();
-}
-
-TEST_F(UpdateConcurrent, UpdateIsRefusedDuringTheDelay)
-{
-	offer(answer(good_image()));
-	start_daemon();
-	PendingCall pending = daemon().start_update({int32_field("delay", 600)});
-	ASSERT_TRUE(daemon().wait_for_state("WAIT_DELAY"));
-	expect_outcome(daemon().update({string_field("partition", "kernel")}),
-		       {.code = 6, .text = already_updating});
-	// Too late for this one.
-	expect_recorded("firmware2");
-	EXPECT_FALSE(pending.finished());
-	may_leave_image = true;
 }
 
 TEST_F(UpdateConcurrent, UpdateIsRefusedWhileAFailedStartWaits)
@@ -230,16 +172,6 @@ TEST_F(UpdateConcurrent, ToolsThatRunDuringAJobInheritNothing)
 	}
 	finish_download();
 	expect_outcome(pending.wait(), {});
-	expect_installed();
-}
-
-TEST_F(UpdateConcurrent, NextUpdateStartsOnceTheJobHasFailed)
-{
-	offer();
-	server.on(firmware, {answer(404, ""), answer(good_image())});
-	start_daemon();
-	EXPECT_EQ(code_of(daemon().update()), 2);
-	expect_outcome(daemon().update(), {});
 	expect_installed();
 }
 

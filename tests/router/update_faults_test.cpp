@@ -43,17 +43,6 @@ protected:
 	}
 };
 
-TEST_F(UpdateFaults, ImageThatDoesNotFitIsAFailedDownload)
-{
-	offer(answer(good_image(0x40000)));
-	files.fill_tmp(0x10000);
-	start_daemon();
-	expect_outcome(daemon().update({string_field("partition", "unlisted")}),
-		       {.code = 2, .text = download_failed});
-	EXPECT_EQ(syslog.count("Unable to download firmware: "), 1u);
-	expect_not_installed();
-}
-
 // So small that nobody notices before the file is closed.
 TEST_F(UpdateFaults, SmallImageThatDoesNotFitIsABadImage)
 {
@@ -75,17 +64,6 @@ TEST_F(UpdateFaults, LockOnTmpThatAStrangerHoldsTakesNoTimeAway)
 	expect_outcome(update(2, {int32_field("timeout", 4)}), {});
 	expect_installed();
 	close(folder);
-}
-
-TEST_F(UpdateFaults, KilledWorkerIsAFailedDownload)
-{
-	PendingCall pending = start_hanging_job();
-	::kill(worker_of_download(1), SIGKILL);
-	expect_outcome(pending.wait(), {.code = 2, .text = download_failed});
-	EXPECT_TRUE(syslog.lines().empty());
-	EXPECT_EQ(daemon().state_name(), "NONE");
-	expect_not_installed();
-	expect_nothing_leaked();
 }
 
 TEST_F(UpdateFaults, KilledWorkerIsReplacedWhileAttemptsAreLeft)
@@ -170,84 +148,6 @@ TEST_F(UpdateFaults, WorkerThatWasGivenUpKeepsItsHandsOffTheSuccessorsArchive)
 	may_leave_image = true;
 }
 
-TEST_F(UpdateFaults, CallerThatHasGoneDoesNotStopTheUpdate)
-{
-	PendingCall pending = start_hanging_job();
-	pending.abandon();
-	server.release_all();
-	expect_installed();
-	EXPECT_EQ(daemon().state_name(), "WAIT_DELAY");
-	expect_nothing_leaked();
-}
-
-TEST_F(UpdateFaults, CallerThatHasGoneDoesNotStopTheRetries)
-{
-	PendingCall pending = start_hanging_job({int32_field("attempts", 2)});
-	pending.abandon();
-	::kill(worker_of_download(1), SIGKILL);
-	::kill(worker_of_download(2), SIGKILL);
-	EXPECT_TRUE(daemon().wait_for_state("NONE"));
-	expect_not_installed();
-	// The next caller is served.
-	server.on(firmware, answer(good_image()));
-	expect_outcome(daemon().update(), {});
-	expect_installed();
-}
-
-TEST_F(UpdateFaults, TermSignalEndsTheDaemonDuringADownload)
-{
-	PendingCall pending = start_hanging_job();
-	const pid_t worker = worker_of_download(1);
-	const ExitStatus end = daemon().stop();
-	EXPECT_TRUE(end.ended);
-	EXPECT_EQ(end.code, 0);
-	EXPECT_TRUE(wait_for_object_gone("fwupdate"));
-	// The worker notices that nobody reads its reports.
-	EXPECT_TRUE(eventually([&] { return !is_alive(worker); }));
-	expect_not_installed();
-	may_crash = true;
-}
-
-TEST_F(UpdateFaults, TermSignalEndsTheDaemonDuringTheDelay)
-{
-	offer(answer(good_image()));
-	start_daemon();
-	PendingCall pending = daemon().start_update({int32_field("delay", 600)});
-	ASSERT_TRUE(daemon().wait_for_state("WAIT_DELAY"));
-	EXPECT_EQ(daemon().stop().code, 0);
-	EXPECT_EQ(files.tool_calls(installer), Calls{});
-	EXPECT_TRUE(exists(image_path));
-	may_crash = may_leave_image = true;
-}
-
-TEST_F(UpdateFaults, TermSignalEndsTheDaemonWhileAFailedStartWaits)
-{
-	break_starts(1);
-	offer();
-	start_daemon();
-	PendingCall pending = daemon().start_update({int32_field("attempts", 100)});
-	ASSERT_TRUE(syslog.wait_for("Error on reading tmpfs"));
-	EXPECT_EQ(daemon().stop().code, 0);
-	may_crash = true;
-}
-
-TEST_F(UpdateFaults, KilledDaemonLeavesNoWorker)
-{
-	PendingCall pending = start_hanging_job();
-	const pid_t worker = worker_of_download(1);
-	EXPECT_EQ(daemon().kill().signal, SIGKILL);
-	EXPECT_TRUE(wait_for_object_gone("fwupdate"));
-	EXPECT_TRUE(eventually([&] { return !is_alive(worker); }));
-	expect_not_installed();
-	may_crash = true;
-	// And the next one starts afresh.
-	start_daemon();
-	EXPECT_EQ(daemon().state_name(), "NONE");
-	server.on(firmware, answer(good_image()));
-	expect_outcome(daemon().update(), {});
-	expect_installed();
-}
-
 // The model of the router is asked over the bus.
 TEST_F(UpdateFaults, ImageIsRefusedWhenTheBusHasGone)
 {
@@ -260,31 +160,6 @@ TEST_F(UpdateFaults, ImageIsRefusedWhenTheBusHasGone)
 	EXPECT_EQ(files.tool_calls(installer), Calls{});
 	EXPECT_TRUE(daemon().running());
 	expect_no_answer(pending);
-	restore_broker();
-}
-
-TEST_F(UpdateFaults, UpdateGoesOnWhenTheBrokerWasRestarted)
-{
-	PendingCall pending = start_hanging_job();
-	bus->stop_routerd();
-	bus->stop_broker();
-	bus->start_broker();
-	bus->start_routerd();
-	server.release_all();
-	expect_installed();
-	EXPECT_TRUE(daemon().running());
-}
-
-TEST_F(UpdateFaults, BrokenOffDownloadIsRepeatedWhenTheBusHasGone)
-{
-	PendingCall pending = start_hanging_job({int32_field("attempts", 2)});
-	bus->stop_routerd();
-	bus->stop_broker();
-	::kill(worker_of_download(1), SIGKILL);
-	::kill(worker_of_download(2), SIGKILL);
-	EXPECT_TRUE(wait_until_gone(image_path));
-	EXPECT_TRUE(daemon().wait_for_workers(0));
-	EXPECT_TRUE(daemon().running());
 	restore_broker();
 }
 

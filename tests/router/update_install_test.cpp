@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: ISC
 // The end of a good update: the boot partition, the delay, the answer and the hand-over to the
 // installer.
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "router/update_fixture.h"
@@ -12,47 +10,14 @@ using namespace router_test;
 namespace
 {
 
-constexpr const char *gate_path = "/var/gate";
-
-// A tool that waits here is held until the test opens it.
-class Gate
-{
-public:
-	Gate()
-	{
-		unlink(gate_path);
-		EXPECT_EQ(mkfifo(gate_path, 0600), 0);
-		descriptor_ = ::open(gate_path, O_RDWR | O_CLOEXEC);
-	}
-	~Gate()
-	{
-		open();
-		close(descriptor_);
-		unlink(gate_path);
-	}
-	Gate(const Gate &) = delete;
-
-	void open() const
-	{
-		EXPECT_EQ(::write(descriptor_, "\n", 1), 1);
-	}
-	static std::string wait()
-	{
-		return std::string("read line <") + gate_path;
-	}
-
-private:
-	int descriptor_;
-};
-
 class UpdateInstall : public UpdateTest
 {
 };
 
 TEST_F(UpdateInstall, AnswersBeforeTheInstallerStarts)
 {
-	Gate gate;
-	files.install_recording_tool(sleep_tool, Gate::wait());
+	const Gate gate;
+	files.install_recording_tool(sleep_tool, "read line <" + gate.path());
 	offer(answer(good_image()));
 	start_daemon();
 	// The answer is here while the two seconds are not over.
@@ -61,28 +26,6 @@ TEST_F(UpdateInstall, AnswersBeforeTheInstallerStarts)
 	EXPECT_EQ(files.tool_calls(sleep_tool), (Calls{{sleep_tool, "2"}}));
 	EXPECT_EQ(files.tool_calls(installer), Calls{});
 	gate.open();
-	expect_installed();
-}
-
-TEST_F(UpdateInstall, DoesNotWaitForTheInstaller)
-{
-	Gate gate;
-	files.install_recording_tool(installer, Gate::wait());
-	offer(answer(good_image()));
-	start_daemon();
-	expect_outcome(daemon().update(), {});
-	expect_installed();
-	EXPECT_EQ(daemon().state_name(), "WAIT_DELAY");
-	EXPECT_EQ(daemon().workers(), std::vector<pid_t>{});
-}
-
-// What the daemon prints would fail the test at its end.
-TEST_F(UpdateInstall, DiscardsTheInstallersOutput)
-{
-	files.install_recording_tool(installer, "echo talk; echo complaint >&2; exit 1");
-	offer(answer(good_image()));
-	start_daemon();
-	expect_outcome(daemon().update(), {});
 	expect_installed();
 }
 
@@ -104,19 +47,6 @@ TEST_F(UpdateInstall, InstallerInheritsNoDescriptor)
 		EXPECT_EQ(open.find(kind), std::string::npos) << open;
 	}
 	unlink("/var/descriptors");
-}
-
-TEST_F(UpdateInstall, SaysNothingOfAnInstallerThatIsMissing)
-{
-	files.remove(installer);
-	offer(answer(good_image()));
-	start_daemon();
-	expect_outcome(daemon().update(), {});
-	EXPECT_EQ(daemon().state().fields,
-		  (Fields{string_field("state", "WAIT_DELAY"), string_field("message", "")}));
-	EXPECT_TRUE(exists(image_path));
-	EXPECT_TRUE(syslog.lines().empty());
-	may_leave_image = true;
 }
 
 TEST_F(UpdateInstall, RealToolsRecordAndInstall)
@@ -186,21 +116,6 @@ TEST_F(UpdateInstall, DelayIsNotStoppedByCheckAndTest)
 	expect_installed();
 }
 
-TEST_F(UpdateInstall, StateStaysUntilTheNextCheckOrTest)
-{
-	offer(answer(good_image()));
-	start_daemon();
-	expect_outcome(daemon().update(), {});
-	expect_installed();
-	EXPECT_EQ(daemon().state_name(), "WAIT_DELAY");
-	EXPECT_EQ(daemon().update({string_field("partition", "")}).status, 2);
-	EXPECT_EQ(daemon().state_name(), "WAIT_DELAY");
-	daemon().check();
-	EXPECT_EQ(daemon().state_name(), "XML_DONE");
-	daemon().test();
-	EXPECT_EQ(daemon().state_name(), "NONE");
-}
-
 TEST_F(UpdateInstall, AnswerCarriesTheForceFlagOfItsRequest)
 {
 	offer(answer(good_image()), nothing_newer());
@@ -223,55 +138,6 @@ TEST_F(UpdateInstall, FirstAttemptIsInstalledThoughThePartitionCannotBeRecorded)
 	EXPECT_EQ(downloads(), 1u);
 }
 
-TEST_F(UpdateInstall, FirstAttemptWaitsForTheDelayThoughThePartitionCannotBeRecorded)
-{
-	files.install_recording_tool(setenv_tool, "exit 1");
-	offer(answer(good_image()));
-	start_daemon();
-	PendingCall pending =
-		daemon().start_update({int32_field("delay", 600), int32_field("attempts", 3)});
-	ASSERT_TRUE(daemon().wait_for_state("WAIT_DELAY"));
-	EXPECT_FALSE(pending.finished());
-	EXPECT_EQ(downloads(), 1u);
-	may_leave_image = true;
-}
-
-TEST_F(UpdateInstall, LaterAttemptIsRepeatedWhenThePartitionCannotBeRecorded)
-{
-	files.write("/var/setenv-calls", "0");
-	files.install_recording_tool(setenv_tool, "calls=$(($(cat /var/setenv-calls) + 1))\n"
-						  "echo $calls >/var/setenv-calls\n"
-						  "[ $calls -eq 3 ]");
-	offer_one_after_another({answer(404, ""), answer(good_image())});
-	start_daemon();
-	expect_outcome(daemon().update({int32_field("attempts", 9)}), {});
-	EXPECT_EQ(files.tool_calls(setenv_tool).size(), 3u);
-	EXPECT_EQ(downloads(), 4u);
-	EXPECT_EQ(syslog.count(not_recorded), 2u);
-	expect_installed();
-}
-
-TEST_F(UpdateInstall, LastAttemptIsRefusedWhenThePartitionCannotBeRecorded)
-{
-	files.install_recording_tool(setenv_tool, "exit 1");
-	offer_one_after_another({answer(404, ""), answer(good_image())});
-	start_daemon();
-	expect_outcome(daemon().update({int32_field("attempts", 2)}),
-		       {.code = 2, .text = not_recorded});
-	EXPECT_EQ(daemon().state_name(), "NONE");
-	expect_not_installed();
-}
-
-TEST_F(UpdateInstall, RefusalCarriesTheCodeOfTheAttemptsBefore)
-{
-	files.install_recording_tool(setenv_tool, "exit 1");
-	offer_one_after_another({answer("no firmware"), answer(good_image())});
-	start_daemon();
-	expect_outcome(daemon().update({int32_field("attempts", 2)}),
-		       {.code = 3, .text = not_recorded});
-	expect_not_installed();
-}
-
 TEST_F(UpdateInstall, RefusalHasTheFixedTextWithoutDebug)
 {
 	files.install_recording_tool(setenv_tool, "exit 1");
@@ -281,27 +147,6 @@ TEST_F(UpdateInstall, RefusalHasTheFixedTextWithoutDebug)
 		       {.code = 2, .text = download_failed});
 	expect_not_installed();
 	EXPECT_TRUE(syslog.lines().empty());
-}
-
-TEST_F(UpdateInstall, RouterWithoutTheRecordingToolIsUpdated)
-{
-	files.remove(setenv_tool);
-	offer_one_after_another({answer(404, ""), answer(good_image())});
-	start_daemon();
-	expect_outcome(daemon().update({int32_field("attempts", 2)}), {});
-	EXPECT_EQ(syslog.count(not_recorded), 0u);
-	expect_installed();
-}
-
-// The shell's status says nothing of a signal.
-TEST_F(UpdateInstall, RecordingToolThatASignalEndedCounts)
-{
-	files.install_recording_tool(setenv_tool, "kill -9 $$");
-	offer_one_after_another({answer(404, ""), answer(good_image())});
-	start_daemon();
-	expect_outcome(daemon().update({int32_field("attempts", 2)}), {});
-	EXPECT_EQ(syslog.count(not_recorded), 0u);
-	expect_installed();
 }
 
 } // namespace

@@ -60,16 +60,6 @@ TEST_F(UpdateQuery, FailedQueryShowsWhatItTookFromABrokenManifest)
 		       {.code = 1, .text = query_failed, .version = "", .buildtime = "5"});
 }
 
-TEST_F(UpdateQuery, AfterACheckDoesNotAskTheServerAgain)
-{
-	offer(answer(good_image()));
-	start_daemon();
-	daemon().check();
-	expect_outcome(daemon().update(), {});
-	EXPECT_EQ(queries(), 1u);
-	expect_installed();
-}
-
 TEST_F(UpdateQuery, AfterACheckThatFoundNothingNewerDoesNotAskTheServerAgain)
 {
 	offer(nothing_newer());
@@ -101,16 +91,6 @@ TEST_F(UpdateQuery, AfterAFailedQueryAsksTheServerAgain)
 	EXPECT_EQ(queries(), 4u);
 }
 
-TEST_F(UpdateQuery, AfterAFailedJobAsksTheServerAgain)
-{
-	offer(answer(404, ""));
-	start_daemon();
-	EXPECT_EQ(code_of(daemon().update()), 2);
-	EXPECT_EQ(daemon().state_name(), "NONE");
-	EXPECT_EQ(code_of(daemon().update()), 2);
-	EXPECT_EQ(queries(), 2u);
-}
-
 TEST_F(UpdateQuery, AfterASuccessfulJobAsksTheServerAgain)
 {
 	offer(answer(good_image()));
@@ -122,16 +102,6 @@ TEST_F(UpdateQuery, AfterASuccessfulJobAsksTheServerAgain)
 	EXPECT_EQ(daemon().state_name(), "XML_DONE");
 	EXPECT_EQ(queries(), 2u);
 	expect_installed();
-}
-
-TEST_F(UpdateQuery, AfterATestAsksTheServerAgain)
-{
-	offer(nothing_newer());
-	start_daemon();
-	daemon().check();
-	daemon().test();
-	EXPECT_EQ(code_of(daemon().update()), 0);
-	EXPECT_EQ(queries(), 2u);
 }
 
 } // namespace

@@ -68,14 +68,6 @@ TEST_F(UpdateRequest, IsNotForcedByAValueThatIsNoText)
 	EXPECT_EQ(downloads(), 0u);
 }
 
-TEST_F(UpdateRequest, AnUpdateThatIsDueSaysThatItWasNotForced)
-{
-	offer(answer(404, ""));
-	start_daemon();
-	expect_outcome(daemon().update({string_field("force", "0")}),
-		       {.code = 2, .text = download_failed});
-}
-
 TEST_F(UpdateRequest, WithABadPartitionIsRefusedWithoutAnAnswer)
 {
 	offer();
@@ -112,15 +104,6 @@ TEST_F(UpdateRequest, WithABadPartitionEmptiesTheMessageAllTheSame)
 	EXPECT_EQ(text_of(daemon().state().fields, "message"), "");
 }
 
-TEST_F(UpdateRequest, PartitionOfOneCharacterIsRecorded)
-{
-	offer(answer(good_image()));
-	start_daemon();
-	EXPECT_EQ(code_of(daemon().update({string_field("partition", "p")})), 0);
-	expect_recorded("p");
-	expect_installed();
-}
-
 TEST_F(UpdateRequest, PartitionOf31CharactersIsRecordedWhole)
 {
 	const std::string name = "a-partition-of-31-characters-xy";
@@ -139,24 +122,6 @@ TEST_F(UpdateRequest, PartitionIsKeptForLaterUpdates)
 	EXPECT_EQ(code_of(daemon().update({string_field("partition", "kernel")})), 0);
 	EXPECT_EQ(code_of(daemon().update({string_field("force", "1")})), 0);
 	expect_recorded("kernel");
-	expect_installed();
-}
-
-TEST_F(UpdateRequest, WithoutAPartitionRecordsTheOneTheRouterBootsFrom)
-{
-	offer(answer(good_image()));
-	start_daemon();
-	EXPECT_EQ(code_of(daemon().update()), 0);
-	expect_recorded("firmware2");
-	expect_installed();
-}
-
-TEST_F(UpdateRequest, PartitionThatIsNoTextCountsAsAbsent)
-{
-	offer(answer(good_image()));
-	start_daemon();
-	EXPECT_EQ(code_of(daemon().update({int32_field("partition", 7)})), 0);
-	expect_recorded("firmware2");
 	expect_installed();
 }
 

@@ -46,40 +46,9 @@ TEST_F(UpdateRetry, DownloadsAgainUntilItSucceeds)
 	expect_installed();
 }
 
-TEST_F(UpdateRetry, DownloadsNoMoreOftenThanAsked)
-{
-	offer_one_after_another({answer(404, ""), answer(404, ""), answer(good_image())});
-	start_daemon();
-	expect_outcome(update(2), {.code = 2, .text = download_failed});
-	EXPECT_EQ(downloads(), 2u);
-	EXPECT_EQ(queries(), 1u);
-	expect_not_installed();
-}
-
-TEST_F(UpdateRetry, WaitsForTheDelayWhenTheFirstAttemptSucceeds)
-{
-	offer(answer(good_image()));
-	start_daemon();
-	PendingCall pending =
-		daemon().start_update({int32_field("attempts", 3), int32_field("delay", 600)});
-	ASSERT_TRUE(daemon().wait_for_state("WAIT_DELAY"));
-	EXPECT_FALSE(pending.finished());
-	expect_recorded("firmware2");
-	EXPECT_EQ(files.tool_calls(installer), Calls{});
-	may_leave_image = true;
-}
-
 TEST_F(UpdateRetry, ForgetsTheDelay)
 {
 	offer_one_after_another({answer(404, ""), answer(good_image())});
-	start_daemon();
-	expect_outcome(update(2, {int32_field("delay", 600)}), {});
-	expect_installed();
-}
-
-TEST_F(UpdateRetry, ForgetsTheDelayAlsoWhenItFollowsABadImage)
-{
-	offer_one_after_another({answer("no firmware"), answer(good_image())});
 	start_daemon();
 	expect_outcome(update(2, {int32_field("delay", 600)}), {});
 	expect_installed();
@@ -133,14 +102,6 @@ TEST_F(UpdateRetry, GivesUpAtOnceForATimeoutThatIsNotPositive)
 	}
 }
 
-TEST_F(UpdateRetry, TimeoutIsAnsweredWithTheFixedTextWithoutDebug)
-{
-	offer(silence());
-	start_daemon({});
-	expect_outcome(daemon().update({int32_field("timeout", 0)}),
-		       {.code = 2, .text = download_failed});
-}
-
 TEST_F(UpdateRetry, TimeoutEndsADownloadThatIsUnderWay)
 {
 	offer(answer(good_image()).cut_at({100}).hold());
@@ -153,51 +114,6 @@ TEST_F(UpdateRetry, TimeoutEndsADownloadThatIsUnderWay)
 	clock.advance(std::chrono::seconds(1)); // the worker reports once a second
 	EXPECT_TRUE(daemon().wait_for_workers(0));
 	expect_not_installed();
-}
-
-TEST_F(UpdateRetry, TimeoutWrapsAroundAt32Bits)
-{
-	offer(silence());
-	start_without_time();
-	PendingCall pending = daemon().start_update({int32_field("timeout", seven_tenths)});
-	ASSERT_TRUE(server.wait_for_requests(firmware, 1));
-	expect_end_after(pending, milliseconds(704));
-	expect_outcome(pending.wait(), {.code = 2, .text = timed_out_text});
-	EXPECT_TRUE(daemon().wait_for_workers(0));
-}
-
-TEST_F(UpdateRetry, TimeoutIsLoggedOnlyForTheFirstAttempt)
-{
-	offer(silence());
-	start_daemon();
-	expect_outcome(update(4, {int32_field("timeout", 0)}), {.code = 2, .text = timed_out_text});
-	EXPECT_EQ(syslog.count("Unable to download firmware: timeout"), 1u);
-	EXPECT_TRUE(daemon().wait_for_workers(0));
-}
-
-TEST_F(UpdateRetry, TimeoutAfterAnotherFailureIsNotLogged)
-{
-	offer_one_after_another({answer(404, ""), silence()});
-	start_without_time();
-	PendingCall pending = start_two_attempts();
-	ASSERT_TRUE(server.wait_for_requests(firmware, 2));
-	expect_end_after(pending, milliseconds(704));
-	expect_outcome(pending.wait(), {.code = 2, .text = download_failed});
-	EXPECT_EQ(downloads(), 2u);
-	EXPECT_EQ(syslog.count("Unable to download firmware: timeout"), 0u);
-	EXPECT_TRUE(daemon().wait_for_workers(0));
-}
-
-TEST_F(UpdateRetry, TimeoutAfterABadImageMakesItADownloadFailure)
-{
-	offer_one_after_another({answer("no firmware"), silence()});
-	start_without_time();
-	PendingCall pending = start_two_attempts();
-	ASSERT_TRUE(server.wait_for_requests(firmware, 2));
-	expect_end_after(pending, milliseconds(704));
-	expect_outcome(pending.wait(), {.code = 2, .text = "Bad Magic Number [-5]"});
-	EXPECT_EQ(syslog.count("Unable to download firmware: timeout"), 0u);
-	EXPECT_TRUE(daemon().wait_for_workers(0));
 }
 
 TEST_F(UpdateRetry, SucceedsAfterATimeout)

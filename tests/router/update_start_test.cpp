@@ -16,53 +16,6 @@ class UpdateStart : public UpdateTest
 {
 };
 
-TEST_F(UpdateStart, PartitionAsLargeAsTheFreeSpaceIsUpdated)
-{
-	const auto room = static_cast<std::uint32_t>(free_bytes("/tmp"));
-	files.set_mtd({{"firmware2", room}});
-	offer(answer(good_image()));
-	start_daemon();
-	expect_outcome(daemon().update(), {});
-	expect_installed();
-}
-
-TEST_F(UpdateStart, PartitionLargerThanTheFreeSpaceIsRefused)
-{
-	const auto room = static_cast<std::uint32_t>(free_bytes("/tmp"));
-	files.set_mtd({{"firmware2", room + 1}});
-	offer(answer(good_image()));
-	start_daemon();
-	expect_outcome(daemon().update(),
-		       {.code = 2, .text = "Error, not enough memory to load firmware!\n"});
-	EXPECT_EQ(downloads(), 0u);
-	EXPECT_EQ(daemon().state_name(), "XML_DONE");
-	EXPECT_EQ(syslog.texts(),
-		  (std::vector<std::string>{"Error, not enough memory to load firmware!"}));
-}
-
-TEST_F(UpdateStart, RoomThatBecomesFreeInTheWaitIsUsed)
-{
-	const std::string filler = files.fill_tmp(0x100000);
-	offer(answer(good_image()));
-	start_daemon();
-	PendingCall pending = daemon().start_update({int32_field("attempts", 3)});
-	ASSERT_TRUE(syslog.wait_for("Error, not enough memory to load firmware!"));
-	EXPECT_FALSE(pending.finished());
-	files.remove(filler);
-	expect_outcome(pending.wait(), {});
-	expect_installed();
-}
-
-TEST_F(UpdateStart, PartitionOfUnknownSizeIsUpdatedWhateverTheFreeSpace)
-{
-	files.fill_tmp(0x100000);
-	offer(answer(good_image()));
-	start_daemon();
-	expect_outcome(daemon().update({string_field("partition", "unlisted")}), {});
-	expect_recorded("unlisted");
-	expect_installed();
-}
-
 TEST_F(UpdateStart, FreeSpaceThatCannotBeMeasuredIsAFailedStart)
 {
 	struct {
@@ -99,16 +52,6 @@ TEST_F(UpdateStart, FreeSpaceThatIsNoNumberIsNone)
 	expect_installed();
 }
 
-TEST_F(UpdateStart, RouterWithoutAPartitionTableIsNotUpdated)
-{
-	files.remove("/proc/mtd");
-	offer();
-	start_daemon();
-	expect_outcome(daemon().update(),
-		       {.code = 2, .text = "Error, couldn't get boot partition\n"});
-	EXPECT_EQ(downloads(), 0u);
-}
-
 TEST_F(UpdateStart, RouterWithoutAPartitionTableIsUpdatedWhenAPartitionIsNamed)
 {
 	files.remove("/proc/mtd");
@@ -116,23 +59,6 @@ TEST_F(UpdateStart, RouterWithoutAPartitionTableIsUpdatedWhenAPartitionIsNamed)
 	start_daemon();
 	expect_outcome(daemon().update({string_field("partition", "firmware")}), {});
 	expect_installed();
-}
-
-TEST_F(UpdateStart, FailedStartWithoutAttemptsLeftIsAnsweredAtOnce)
-{
-	for (const std::int32_t attempts : {1, 0, -1, std::numeric_limits<std::int32_t>::min()}) {
-		SCOPED_TRACE(attempts);
-		break_starts(1);
-		offer();
-		start_daemon();
-		expect_outcome(update(attempts), {.code = 2, .text = no_free_space});
-		EXPECT_EQ(starts(), 1u);
-		EXPECT_EQ(syslog.count("Error on reading tmpfs"), 1u);
-		EXPECT_EQ(daemon().state_name(), "XML_DONE");
-		ASSERT_EQ(daemon().stop().code, 0);
-		syslog.clear();
-	}
-	may_crash = true; // stopped above
 }
 
 TEST_F(UpdateStart, FailedStartWithoutAttemptsLeftBlocksLaterUpdates)
@@ -151,22 +77,6 @@ TEST_F(UpdateStart, FailedStartWithoutAttemptsLeftBlocksLaterUpdates)
 	EXPECT_EQ(downloads(), 0u);
 }
 
-TEST_F(UpdateStart, BlockedDaemonStillTellsWhatItKnows)
-{
-	break_starts(1, 1);
-	offer();
-	start_daemon();
-	EXPECT_EQ(code_of(update(1)), 2);
-	offer(nothing_newer());
-	daemon().check();
-	expect_outcome(update(1), {.buildtime = router_builddate()});
-	server.on(manifest_path, answer(404, "gone"));
-	daemon().test();
-	expect_outcome(update(1),
-		       {.code = 1, .text = query_failed, .buildtime = router_builddate()});
-	EXPECT_EQ(daemon().update({string_field("partition", "")}).status, 2);
-}
-
 TEST_F(UpdateStart, BlockedDaemonUpdatesAfterARestart)
 {
 	break_starts(1, 1);
@@ -177,20 +87,6 @@ TEST_F(UpdateStart, BlockedDaemonUpdatesAfterARestart)
 	start_daemon();
 	expect_outcome(update(1), {});
 	expect_installed();
-}
-
-// One attempt at the failure, one at the end of the wait.
-TEST_F(UpdateStart, FailedStartCostsTwoOfTheAttempts)
-{
-	break_starts(1);
-	offer();
-	start_daemon();
-	expect_outcome(update(2), {.code = 2, .text = no_free_space});
-	EXPECT_EQ(starts(), 1u);
-	EXPECT_EQ(daemon().state_name(), "NONE");
-	// This job has ended in order: the next one is not refused.
-	expect_outcome(update(1), {.code = 2, .text = no_free_space});
-	EXPECT_EQ(starts(), 2u);
 }
 
 TEST_F(UpdateStart, FailedStartIsRepeatedAfterASecond)
@@ -208,48 +104,6 @@ TEST_F(UpdateStart, FailedStartIsRepeatedAfterASecond)
 	expect_installed();
 }
 
-TEST_F(UpdateStart, SecondFailedStartUsesUpThreeAttempts)
-{
-	break_starts(1);
-	offer();
-	start_daemon();
-	expect_outcome(update(3), {.code = 2, .text = no_free_space});
-	EXPECT_EQ(starts(), 2u);
-	EXPECT_EQ(syslog.count("Error on reading tmpfs"), 2u);
-	EXPECT_EQ(syslog.lines().size(), 2u);
-}
-
-TEST_F(UpdateStart, FailedStartOfTheLastRetryEndsTheJob)
-{
-	break_starts(2);
-	offer(answer(404, ""));
-	start_daemon();
-	expect_outcome(update(2), {.code = 2, .text = no_free_space});
-	EXPECT_EQ(starts(), 2u);
-	EXPECT_EQ(daemon().state_name(), "NONE");
-	expect_outcome(update(1), {.code = 2, .text = no_free_space});
-}
-
-TEST_F(UpdateStart, FailedStartOfARetryWaitsAndTriesAgain)
-{
-	break_starts(2, 2);
-	offer_one_after_another({answer(404, ""), answer(good_image())});
-	start_daemon();
-	expect_outcome(update(4), {});
-	EXPECT_EQ(starts(), 3u);
-	EXPECT_EQ(downloads(), 2u);
-	expect_installed();
-}
-
-TEST_F(UpdateStart, FailedStartAfterABadImageIsADownloadFailure)
-{
-	break_starts(2);
-	offer(answer("no firmware"));
-	start_daemon();
-	expect_outcome(update(2), {.code = 2, .text = no_free_space});
-	expect_not_installed();
-}
-
 TEST_F(UpdateStart, FailedStartAfterABadImageLeavesTheCheckStanding)
 {
 	break_starts(2, 2);
@@ -261,20 +115,6 @@ TEST_F(UpdateStart, FailedStartAfterABadImageLeavesTheCheckStanding)
 						   string_field("message", no_free_space)}));
 	expect_outcome(pending.wait(), {});
 	expect_installed();
-}
-
-TEST_F(UpdateStart, FailedStartAfterAFailedRecordingLeavesItStanding)
-{
-	break_starts(3, 3);
-	files.install_recording_tool(setenv_tool, "exit 1");
-	offer_one_after_another({answer(404, ""), answer(good_image())});
-	start_daemon();
-	PendingCall pending = daemon().start_update({int32_field("attempts", 4)});
-	ASSERT_TRUE(daemon().wait_for_state("FIRMWARE_UPDATE"));
-	EXPECT_EQ(daemon().state().fields, (Fields{string_field("state", "FIRMWARE_UPDATE"),
-						   string_field("message", no_free_space)}));
-	expect_outcome(pending.wait(), {.code = 2, .text = no_free_space});
-	expect_not_installed();
 }
 
 } // namespace

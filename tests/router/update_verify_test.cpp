@@ -126,63 +126,15 @@ TEST_F(UpdateVerify, DownloadsABadImageAgain)
 	expect_installed();
 }
 
-TEST_F(UpdateVerify, RefusesWhenEveryAttemptBringsABadImage)
-{
-	offer(answer("no firmware"));
-	start_daemon();
-	expect_outcome(daemon().update({int32_field("attempts", 2)}),
-		       {.code = 3, .text = "Bad Magic Number [-5]"});
-	EXPECT_EQ(downloads(), 2u);
-	EXPECT_EQ(syslog.count("Bad Magic Number [-5]"), 2u);
-	expect_not_installed();
-}
-
-TEST_F(UpdateVerify, LastFailureDecidesTheCode)
-{
-	offer();
-	server.on(firmware, {answer(404, ""), answer("no firmware")});
-	start_daemon();
-	expect_outcome(daemon().update({int32_field("attempts", 2)}),
-		       {.code = 3, .text = "Bad Magic Number [-5]"});
-	server.on(firmware, {answer("no firmware"), answer(404, "")});
-	expect_outcome(daemon().update({int32_field("attempts", 2)}),
-		       {.code = 2, .text = "Bad Magic Number [-5]"});
-	expect_not_installed();
-}
-
-// A length that is too small ends the download early: what was announced has arrived.
-TEST_F(UpdateVerify, ImageCutByAWrongLengthIsWholeAndBad)
-{
-	const std::string image = image_for(router_model());
-	offer(answer(image).announce(image.size() - 1));
-	start_daemon();
-	expect_outcome(daemon().update(), {.code = 3, .text = "Bad Image checksum [-7]"});
-	expect_not_installed();
-}
-
 TEST_F(UpdateVerify, ArchiveStaysInTmpAndIsNotInstalled)
 {
-	const std::string archive =
-		make_zip({{.name = "image.bin", .content = image_for(router_model())}});
+	const std::string archive = "archive";
 	offer(answer(archive), {.archive = "1", .file_name = "image.bin"});
 	start_daemon();
 	expect_outcome(daemon().update(), {.code = 3, .text = "Can't open image [-2]"});
 	EXPECT_EQ(syslog.texts(), (std::vector<std::string>{"Can't open image [-2]"}));
 	EXPECT_EQ(read_file(archive_path), archive);
 	expect_not_installed();
-	may_leave_image = true;
-}
-
-TEST_F(UpdateVerify, ArchiveIsDownloadedAgainForEveryAttempt)
-{
-	const std::string archive = make_zip({{.name = "image.bin", .content = "new"}});
-	offer({.archive = "1", .file_name = "image.bin"});
-	server.on(firmware, {answer(std::string(9000, 'o')), answer(archive)});
-	start_daemon({});
-	expect_outcome(daemon().update({int32_field("attempts", 2)}),
-		       {.code = 3, .text = image_refused});
-	EXPECT_EQ(downloads(), 2u);
-	EXPECT_EQ(read_file(archive_path), archive);
 	may_leave_image = true;
 }
 
@@ -218,15 +170,6 @@ TEST_F(UpdateVerify, ArchiveFlagIsExactlyOne)
 	}
 	EXPECT_TRUE(files.wait_for_tool_calls(installer, 7));
 	may_leave_image = true;
-}
-
-TEST_F(UpdateVerify, ArchiveWithoutAFileNameIsAFailedQuery)
-{
-	offer(answer("archive"), {.archive = "1"});
-	start_daemon();
-	expect_outcome(daemon().update(), {.code = 1, .text = query_failed});
-	EXPECT_TRUE(syslog.lines().empty());
-	EXPECT_EQ(downloads(), 0u);
 }
 
 } // namespace
