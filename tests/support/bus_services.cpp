@@ -82,14 +82,4 @@ void BusServices::stop_routerd()
 	stop(routerd_);
 }
 
-void BusServices::pause_routerd() const
-{
-	routerd_->signal(SIGSTOP);
-}
-
-void BusServices::resume_routerd() const
-{
-	routerd_->signal(SIGCONT);
-}
-
 } // namespace router_test

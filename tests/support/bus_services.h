@@ -29,9 +29,6 @@ public:
 	void pause_broker() const;
 	void stop_routerd();
 	void start_routerd();
-	// Freezes and thaws routerd: its objects are there but do not answer.
-	void pause_routerd() const;
-	void resume_routerd() const;
 
 private:
 	std::unique_ptr<Process> broker_;

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: ISC
 #include "support/fields.h"
 
-#include <bit>
 #include <cstring>
 #include <endian.h>
 
@@ -41,14 +40,8 @@ void append_field(blob_buf *buffer, const Field &field)
 		blobmsg_add_field(buffer, BLOBMSG_TYPE_INT8, name, &value, sizeof(value));
 		return;
 	}
-	case BLOBMSG_TYPE_DOUBLE: {
-		std::uint64_t value = htobe64(std::bit_cast<std::uint64_t>(field.real));
-		blobmsg_add_field(buffer, BLOBMSG_TYPE_DOUBLE, name, &value, sizeof(value));
-		return;
-	}
 	default: {
-		bool array = field.type == BLOBMSG_TYPE_ARRAY;
-		void *nest = blobmsg_open_nested(buffer, name, array);
+		void *nest = blobmsg_open_nested(buffer, name, false);
 		append_fields(buffer, field.members);
 		blobmsg_close_table(buffer, nest);
 	}
@@ -82,9 +75,6 @@ Field read_field(blob_attr *attribute)
 	case BLOBMSG_TYPE_TABLE:
 	case BLOBMSG_TYPE_ARRAY:
 		field.members = read_list(value, size);
-		break;
-	case BLOBMSG_TYPE_DOUBLE:
-		field.real = std::bit_cast<double>(read_integer(value, size));
 		break;
 	default:
 		field.number = read_integer(value, size);
@@ -137,22 +127,10 @@ Field bool_field(std::string_view name, bool value)
 	return integer_field(name, BLOBMSG_TYPE_INT8, value ? 1 : 0);
 }
 
-Field double_field(std::string_view name, double value)
-{
-	return {.name = std::string(name), .type = BLOBMSG_TYPE_DOUBLE, .real = value};
-}
-
 Field table_field(std::string_view name, Fields members)
 {
 	return {.name = std::string(name),
 		.type = BLOBMSG_TYPE_TABLE,
-		.members = std::move(members)};
-}
-
-Field array_field(std::string_view name, Fields members)
-{
-	return {.name = std::string(name),
-		.type = BLOBMSG_TYPE_ARRAY,
 		.members = std::move(members)};
 }
 
@@ -170,15 +148,6 @@ std::string text_of(const Fields &fields, std::string_view name)
 {
 	const Field *field = find_field(fields, name);
 	return field != nullptr && field->type == BLOBMSG_TYPE_STRING ? field->text : "";
-}
-
-std::vector<std::string> names_of(const Fields &fields)
-{
-	std::vector<std::string> names;
-	for (const Field &field : fields) {
-		names.push_back(field.name);
-	}
-	return names;
 }
 
 void append_fields(blob_buf *buffer, const Fields &fields)
@@ -206,8 +175,6 @@ std::ostream &operator<<(std::ostream &out, const Field &field)
 		return out << field.number << " (int64)";
 	case BLOBMSG_TYPE_INT32:
 		return out << field.number << " (int32)";
-	case BLOBMSG_TYPE_DOUBLE:
-		return out << field.real << " (double)";
 	case BLOBMSG_TYPE_TABLE:
 	case BLOBMSG_TYPE_ARRAY:
 		out << (field.type == BLOBMSG_TYPE_TABLE ? "{ " : "[ ");

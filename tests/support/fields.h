@@ -24,7 +24,6 @@ struct Field {
 	int type = 0;		 // BLOBMSG_TYPE_*
 	std::string text = {};	 // value of a string
 	std::int64_t number = 0; // value of an integer or boolean
-	double real = 0;	 // value of a double
 	Fields members = {};	 // members of a table or array
 
 	bool operator==(const Field &) const = default;
@@ -35,15 +34,12 @@ Field int32_field(std::string_view name, std::int32_t value);
 Field int64_field(std::string_view name, std::int64_t value);
 Field int16_field(std::string_view name, std::int16_t value);
 Field bool_field(std::string_view name, bool value); // also BLOBMSG_TYPE_INT8
-Field double_field(std::string_view name, double value);
 Field table_field(std::string_view name, Fields members);
-Field array_field(std::string_view name, Fields members);
 
 // The first field of that name, or nullptr.
 const Field *find_field(const Fields &fields, std::string_view name);
 // Its text; empty when there is no such string field.
 std::string text_of(const Fields &fields, std::string_view name);
-std::vector<std::string> names_of(const Fields &fields);
 
 // To and from the bus's format. `read_fields` reads the members of a message (the list that a
 // handler or data callback is given); it stops at the first malformed one.

@@ -35,15 +35,6 @@ std::string big_endian(std::uint32_t value)
 	return bytes;
 }
 
-std::string little_endian(std::uint64_t value, int size)
-{
-	std::string bytes;
-	for (int shift = 0; shift < 8 * size; shift += 8) {
-		bytes += static_cast<char>(value >> shift & 0xffU);
-	}
-	return bytes;
-}
-
 std::string hexadecimal(std::uint32_t value)
 {
 	char text[16];
@@ -94,30 +85,6 @@ void run_tool(const std::vector<std::string> &words)
 	}
 }
 
-std::string append_by_fwtool(std::string_view image, const char *option, std::string_view content)
-{
-	WorkFolder folder;
-	std::string file = folder.write("image", image);
-	run_tool({"fwtool", option, folder.write("content", content), file});
-	return read_file(file);
-}
-
-std::string deflated(const std::string &content)
-{
-	constexpr int raw_stream = -MAX_WBITS;
-	z_stream stream = {};
-	deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, raw_stream, 8, Z_DEFAULT_STRATEGY);
-	std::string result(deflateBound(&stream, content.size()), '\0');
-	stream.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(content.data()));
-	stream.avail_in = static_cast<uInt>(content.size());
-	stream.next_out = reinterpret_cast<Bytef *>(result.data());
-	stream.avail_out = static_cast<uInt>(result.size());
-	deflate(&stream, Z_FINISH);
-	result.resize(stream.total_out);
-	deflateEnd(&stream);
-	return result;
-}
-
 } // namespace
 
 std::string make_uimage(std::string_view payload, const UimageOptions &options)
@@ -133,15 +100,14 @@ std::string make_uimage(std::string_view payload, const UimageOptions &options)
 std::string build_uimage(std::string_view payload, UimageHeader header)
 {
 	constexpr std::size_t name_size = 32;
+	constexpr std::uint32_t magic = 0x27051956;
+	constexpr std::uint32_t kernel_for_arm = 0x05020200; // that of Linux, not compressed
 	header.name.resize(name_size);
-	std::uint32_t size =
-		header.size != 0 ? header.size : static_cast<std::uint32_t>(payload.size());
-	std::string image = big_endian(header.magic) + big_endian(0) + big_endian(header.time) +
-			    big_endian(size) + big_endian(header.load_address) +
-			    big_endian(header.entry_point) + big_endian(crc_of(payload));
-	for (std::uint8_t field :
-	     {header.system, header.architecture, header.type, header.compression}) {
-		image += static_cast<char>(field);
+	const auto size = static_cast<std::uint32_t>(payload.size());
+	std::string image;
+	for (const std::uint32_t word : {magic, 0U, 0U, size, header.load_address,
+					 header.entry_point, crc_of(payload), kernel_for_arm}) {
+		image += big_endian(word);
 	}
 	image += header.name;
 	image += payload;
@@ -178,12 +144,10 @@ std::string metadata_json(const std::vector<std::string> &devices, std::string_v
 
 std::string with_metadata(std::string_view image, std::string_view json)
 {
-	return append_by_fwtool(image, "-I", json);
-}
-
-std::string with_signature(std::string_view image, std::string_view signature)
-{
-	return append_by_fwtool(image, "-S", signature);
+	WorkFolder folder;
+	std::string file = folder.write("image", image);
+	run_tool({"fwtool", "-I", folder.write("content", json), file});
+	return read_file(file);
 }
 
 std::string noise(std::size_t count, std::uint32_t seed)
@@ -194,35 +158,6 @@ std::string noise(std::size_t count, std::uint32_t seed)
 		byte = static_cast<char>(generator() & 0xffU);
 	}
 	return bytes;
-}
-
-std::string make_zip(const std::vector<ZipMember> &members)
-{
-	constexpr std::uint32_t no_time_or_date = 0x00210000; // 1 January 1980
-	std::string archive;
-	std::string directory;
-	for (const ZipMember &member : members) {
-		std::string data = member.deflate ? deflated(member.content) : member.content;
-		std::string common =
-			little_endian(20, 2) + little_endian(0, 2) +
-			little_endian(member.deflate ? 8 : 0, 2) +
-			little_endian(no_time_or_date, 4) +
-			little_endian(crc_of(member.content), 4) +
-			little_endian(static_cast<std::uint32_t>(data.size()), 4) +
-			little_endian(static_cast<std::uint32_t>(member.content.size()), 4) +
-			little_endian(static_cast<std::uint32_t>(member.name.size()), 2) +
-			little_endian(0, 2);
-		auto offset = static_cast<std::uint32_t>(archive.size());
-		archive.append("PK\x03\x04").append(common).append(member.name).append(data);
-		directory += "PK\x01\x02" + little_endian(20, 2) + common + little_endian(0, 6) +
-			     little_endian(0, 4) + little_endian(offset, 4) + member.name;
-	}
-	auto start = static_cast<std::uint32_t>(archive.size());
-	auto count = static_cast<std::uint32_t>(members.size());
-	return archive + directory + "PK\x05\x06" + little_endian(0, 4) + little_endian(count, 2) +
-	       little_endian(count, 2) +
-	       little_endian(static_cast<std::uint32_t>(directory.size()), 4) +
-	       little_endian(start, 4) + little_endian(0, 2);
 }
 
 } // namespace router_test

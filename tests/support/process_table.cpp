@@ -89,12 +89,6 @@ std::vector<ProcessEntry> children_of(pid_t pid)
 	return children;
 }
 
-bool is_zombie(pid_t pid)
-{
-	ProcessEntry entry;
-	return read_entry(pid, entry) && entry.state == 'Z';
-}
-
 bool is_alive(pid_t pid)
 {
 	ProcessEntry entry;
@@ -144,25 +138,9 @@ std::set<std::string> mapped_files(pid_t pid)
 	return mapped;
 }
 
-long resident_kib(pid_t pid)
-{
-	return status_number(pid, "VmRSS:");
-}
-
 long mapped_kib(pid_t pid)
 {
 	return status_number(pid, "VmSize:");
-}
-
-std::vector<std::string> command_line(pid_t pid)
-{
-	std::istringstream text(read_text(proc() / std::to_string(pid) / "cmdline"));
-	std::vector<std::string> words;
-	std::string word;
-	while (std::getline(text, word, '\0')) {
-		words.push_back(word);
-	}
-	return words;
 }
 
 } // namespace router_test

@@ -22,19 +22,14 @@ struct ProcessEntry {
 
 std::vector<ProcessEntry> all_processes();
 std::vector<ProcessEntry> children_of(pid_t pid); // zombies included
-bool is_zombie(pid_t pid);
-bool is_alive(pid_t pid); // listed and no zombie
+bool is_alive(pid_t pid);			  // listed and no zombie
 
 // Descriptor number -> what it refers to ("/tmp/file", "socket:[123]", "pipe:[77]").
 std::map<int, std::string> open_descriptors(pid_t pid);
 // The files that a process has in its address space ("/lib/libc.so r-xp 26000"), its programs and
 // libraries included. Heap, stack and other memory without a file come and go with the allocator.
 std::set<std::string> mapped_files(pid_t pid);
-// Resident memory in KiB, 0 for a process that is gone.
-long resident_kib(pid_t pid);
-// The size of its address space in KiB, likewise.
+// The size of its address space in KiB, 0 for a process that is gone.
 long mapped_kib(pid_t pid);
-// The words a process was started with, as the kernel holds them.
-std::vector<std::string> command_line(pid_t pid);
 
 } // namespace router_test

@@ -4,8 +4,6 @@
 #include <cerrno>
 #include <cstddef>
 #include <future>
-#include <limits>
-#include <linux/capability.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <poll.h>
@@ -54,61 +52,10 @@ void require(bool installed)
 	}
 }
 
-// Which of the calls of one thread are refused, counted from 1; what it starts is refused nothing.
-struct Refused {
-	int error;
-	int first;
-	int last;
-};
-
-// Answers each call that the filter hands over. Returns when the filtered thread has ended.
-void answer_calls(int listener, pid_t thread, const Refused &refused)
-{
-	pollfd watched = {.fd = listener, .events = POLLIN, .revents = 0};
-	int count = 0;
-	while (poll(&watched, 1, -1) > 0 && (watched.revents & POLLIN) != 0) {
-		seccomp_notif request = {};
-		if (ioctl(listener, SECCOMP_IOCTL_NOTIF_RECV, &request) != 0) {
-			continue;
-		}
-		count += static_cast<pid_t>(request.pid) == thread ? 1 : 0;
-		seccomp_notif_resp response = {.id = request.id, .val = 0, .error = 0, .flags = 0};
-		if (static_cast<pid_t>(request.pid) == thread && count >= refused.first &&
-		    count <= refused.last) {
-			response.error = -refused.error;
-		} else {
-			response.flags = SECCOMP_USER_NOTIF_FLAG_CONTINUE;
-		}
-		ioctl(listener, SECCOMP_IOCTL_NOTIF_SEND, &response);
-	}
-}
-
 // What the step throws, get() throws to the caller.
 std::future<void> in_own_thread(const std::function<void()> &step)
 {
 	return std::async(std::launch::async, step);
-}
-
-void with_some_refused(const std::vector<int> &calls, const Refused &refused,
-		       const std::function<void()> &step)
-{
-	std::promise<std::pair<int, pid_t>> filtered;
-	std::future<void> running = in_own_thread([&] {
-		const int installed = install(make_filter(calls, SECCOMP_RET_USER_NOTIF),
-					      SECCOMP_FILTER_FLAG_NEW_LISTENER);
-		filtered.set_value({installed, static_cast<pid_t>(syscall(SYS_gettid))});
-		if (installed >= 0) {
-			step();
-		}
-	});
-	const auto [listener, thread] = filtered.get_future().get();
-	if (listener >= 0) {
-		answer_calls(listener, thread, refused);
-		close(listener);
-	}
-	running.wait();
-	require(listener >= 0);
-	running.get();
 }
 
 } // namespace
@@ -130,12 +77,6 @@ const std::vector<int> pipe_calls = {
 	SYS_pipe,
 #endif
 };
-static const std::vector<int> open_calls = {
-	SYS_openat,
-#ifdef SYS_open
-	SYS_open,
-#endif
-};
 
 void with_refused(const std::vector<int> &calls, int error, const std::function<void()> &step)
 {
@@ -149,18 +90,6 @@ void with_refused(const std::vector<int> &calls, int error, const std::function<
 void with_processes_refused(const std::function<void()> &step)
 {
 	with_refused(process_calls, EAGAIN, step);
-}
-
-void with_pipes_refused(const std::function<void()> &step, int commands_before)
-{
-	const int pipes_before = commands_before * (static_cast<int>(pipes_of_a_command) - 1);
-	with_some_refused(pipe_calls, {EMFILE, pipes_before + 1, std::numeric_limits<int>::max()},
-			  step);
-}
-
-void with_second_open_refused(const std::function<void()> &step)
-{
-	with_some_refused(open_calls, {EMFILE, 2, 2}, step);
 }
 
 LateRefusals::LateRefusals() : stop_(eventfd(0, EFD_CLOEXEC))
@@ -247,17 +176,6 @@ void LateRefusals::answer_all()
 		}
 		ioctl(listener_, SECCOMP_IOCTL_NOTIF_SEND, &response);
 	}
-}
-
-void without_capabilities(const std::function<void()> &step)
-{
-	in_own_thread([&] {
-		__user_cap_header_struct header = {.version = _LINUX_CAPABILITY_VERSION_3,
-						   .pid = 0};
-		__user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3] = {};
-		syscall(SYS_capset, &header, none);
-		step();
-	}).get();
 }
 
 } // namespace router_test

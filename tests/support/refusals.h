@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: ISC
-// Makes the kernel refuse what it hardly ever refuses: a process, a pipe, a file, its status. It
-// does so to one thread (and what that thread starts) for the length of one step. Every function
-// returns when the step is over, and throws what the step throws; all but the last throw
-// std::runtime_error when the kernel has no seccomp.
+// Makes the kernel refuse what it hardly ever refuses: a process, a pipe, a file's status. It does
+// so to one thread (and what that thread starts) for the length of one step. Every function returns
+// when the step is over, and throws what the step throws; std::runtime_error when the kernel has
+// no seccomp.
 #pragma once
 
 #include <cstddef>
@@ -33,12 +33,6 @@ void with_refused(const std::vector<int> &calls, int error, const std::function<
 // The same, with what fork(2), system(3) and popen(3) rest on.
 void with_processes_refused(const std::function<void()> &step);
 
-// The same for the pipes that popen(3) makes, when system(3) has run so many commands before.
-void with_pipes_refused(const std::function<void()> &step, int commands_before = 0);
-
-// The same for the second file that the step opens; all others are opened.
-void with_second_open_refused(const std::function<void()> &step);
-
 // The same for a program that `start` starts, and later: its calls are refused from `refuse` to
 // `allow`. To be kept longer than the program: without its end the calls come to nothing.
 class LateRefusals
@@ -68,8 +62,5 @@ private:
 	Decision decision_;
 	std::thread answering_;
 };
-
-// Runs `step` in a thread of its own for which a file's mode counts, although it is root's.
-void without_capabilities(const std::function<void()> &step);
 
 } // namespace router_test

@@ -165,27 +165,18 @@ std::size_t SyslogCatcher::count(std::string_view text) const
 
 std::optional<LogLine> SyslogCatcher::wait_for(std::string_view text, milliseconds limit) const
 {
-	wait_for_count(text, 1, limit);
-	for (const LogLine &line : lines()) {
-		if (line.text.find(text) != std::string::npos) {
-			return line;
-		}
-	}
-	return std::nullopt;
-}
-
-bool SyslogCatcher::wait_for_count(std::string_view text, std::size_t count,
-				   milliseconds limit) const
-{
-	auto enough = [&] {
-		std::size_t found = 0;
+	std::optional<LogLine> found;
+	auto has_come = [&] {
 		for (const LogLine &line : state_->lines) {
-			found += line.text.find(text) != std::string::npos ? 1 : 0;
+			if (!found && line.text.find(text) != std::string::npos) {
+				found = line;
+			}
 		}
-		return found >= count;
+		return found.has_value();
 	};
 	std::unique_lock lock(state_->mutex);
-	return state_->changed.wait_for(lock, limit, enough);
+	state_->changed.wait_for(lock, limit, has_come);
+	return found;
 }
 
 void SyslogCatcher::clear()

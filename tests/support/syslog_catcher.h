@@ -42,8 +42,6 @@ public:
 	// The first line whose text contains `text`; nothing when none came in time.
 	std::optional<LogLine> wait_for(std::string_view text,
 					milliseconds limit = wait_limit()) const;
-	bool wait_for_count(std::string_view text, std::size_t count,
-			    milliseconds limit = wait_limit()) const;
 	void clear();
 
 private:
