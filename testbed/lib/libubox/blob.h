@@ -42,8 +42,6 @@ struct blob_attr {
 struct blob_attr_info {
 	unsigned int type;   // BLOB_ATTR_*
 	unsigned int minlen; // bytes of head and payload
-	unsigned int maxlen; // the same; 0 is no limit
-	bool (*validate)(const struct blob_attr_info *, struct blob_attr *);
 };
 
 // Starts zeroed. Attributes are appended to `head`, the innermost open nest; every

@@ -18,23 +18,13 @@ bool blobmsg_add_json_from_string(struct blob_buf *b, const char *str);
 // beyond, null as an attribute of no type.
 bool blobmsg_add_json_element(struct blob_buf *b, const char *name, struct json_object *obj);
 
-// May return its own text for an attribute, or NULL for the usual one. The text is
-// copied.
-typedef const char *(*blobmsg_json_format_t)(void *priv, struct blob_attr *attr);
-
 // The text of a checked attribute, for free(): with `list`, of what it holds, in braces
 // (brackets for an array); without, of the attribute itself with its name. A negative
 // indent gives one line without blanks, any other that many tabs. NULL without memory
 // and for an attribute that has no text.
-char *blobmsg_format_json_with_cb(struct blob_attr *attr, bool list, blobmsg_json_format_t cb,
-				  void *priv, int indent);
+char *blobmsg_format_json_indent(struct blob_attr *attr, bool list, int indent);
 
 static inline char *blobmsg_format_json(struct blob_attr *attr, bool list)
 {
-	return blobmsg_format_json_with_cb(attr, list, NULL, NULL, -1);
-}
-
-static inline char *blobmsg_format_json_indent(struct blob_attr *attr, bool list, int indent)
-{
-	return blobmsg_format_json_with_cb(attr, list, NULL, NULL, indent);
+	return blobmsg_format_json_indent(attr, list, -1);
 }

@@ -14,8 +14,6 @@ struct writer {
 	int indent; // tabs at the start of a line; negative: all in one line
 	int depth;
 	bool too_deep;
-	blobmsg_json_format_t cb;
-	void *priv;
 };
 
 static void write_value(struct writer *w, struct blob_attr *attr);
@@ -109,12 +107,6 @@ static void write_members(struct writer *w, struct blob_attr *attr, bool array)
 
 static void write_value(struct writer *w, struct blob_attr *attr)
 {
-	const char *custom = w->cb ? w->cb(w->priv, attr) : NULL;
-
-	if (custom) {
-		fputs(custom, w->out);
-		return;
-	}
 	switch (blobmsg_type(attr)) {
 	case BLOBMSG_TYPE_UNSPEC:
 		fputs("null", w->out);
@@ -146,10 +138,9 @@ static void write_value(struct writer *w, struct blob_attr *attr)
 	}
 }
 
-char *blobmsg_format_json_with_cb(struct blob_attr *attr, bool list, blobmsg_json_format_t cb,
-				  void *priv, int indent)
+char *blobmsg_format_json_indent(struct blob_attr *attr, bool list, int indent)
 {
-	struct writer w = {.indent = indent, .cb = cb, .priv = priv};
+	struct writer w = {.indent = indent};
 	char *text = NULL;
 	size_t len = 0;
 	bool failed;
