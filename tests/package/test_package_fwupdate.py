@@ -25,6 +25,12 @@ def test_installs_these_files_and_no_others(root):
     assert files == INSTALLED
 
 
+def test_the_oldest_build_system_has_the_cmake_that_it_takes():
+    """22.03 has 3.22.3."""
+    asked = re.search(r"cmake_minimum_required\(VERSION ([\d.]+)", (PROJECT / "CMakeLists.txt").read_text())[1]
+    assert tuple(map(int, asked.split(".")[:2])) <= (3, 22)
+
+
 def test_grants_nobody_anything(root):
     """The bus lets root in. Who else needs the daemon brings a list: the page's package does."""
     assert not list(root.rglob("*acl.d*"))
