@@ -186,9 +186,7 @@ check_not_emulated() {
 }
 
 prepare_arch() {
-	local maker=sysroot
-	[[ $arch != *-musl ]] || maker=toolchain
-	"testbed/$maker" "$arch" && emulate=(testbed/emulate "$arch") &&
+	testbed/toolchain "$arch" && emulate=(testbed/emulate "$arch") &&
 		excluded=$(tests/check_not_emulated all "$arch")
 }
 
