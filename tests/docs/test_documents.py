@@ -54,6 +54,7 @@ NOT_RUN = {
         "usign -G -p maker.pub -s maker.sec", "cp maker.pub files/etc/fwupdate/keys/$(usign -F -p maker.pub)"],
     "it needs a real router": ["sysupgrade -b /tmp/backup.tar.gz"],
     "it needs the router system's build tree": [
+        "[ -f feeds.conf ] || cp feeds.conf.default feeds.conf", "make tools/install toolchain/install",
         'echo "src-link fwupdate /path/to/the/clone/package" >>feeds.conf',
         "./scripts/feeds update -a && ./scripts/feeds install -a -p fwupdate", "make menuconfig",
         "make package/fwupdate/compile"],
