@@ -71,6 +71,9 @@ def protects_its_stack(program):
 
 
 def calls_are_fortified(program):
+    """musl has no such functions. Headers of a router's build system check without them."""
+    if "[libc.so]" in readelf(program, "--dynamic"):
+        return True
     found = calls(program)
     return not found & FORTIFIED and {"__vsnprintf_chk", "__syslog_chk"} <= found
 
