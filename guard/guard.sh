@@ -19,7 +19,7 @@ write() {
 	[ "$(variable "$1")" = "${2-}" ]
 }
 
-# Of a trial that is over the build goes, and the rest stays for a return by hand.
+# What is noted of a trial. `over` takes the build's place then; the rest is for a return by hand.
 record() { variable fwupdate_trial | grep -v '^over '; }
 call_off() { write upgrade_available 0 && write fwupdate_trial "$(variable fwupdate_trial | sed 's/[^ ]*/over/')"; }
 

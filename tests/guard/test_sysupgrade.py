@@ -282,13 +282,6 @@ def test_while_the_firmware_is_on_trial_no_other_one_comes(guard):
     assert guard.variables("upgrade_available", "bootpart", "fwupdate_before") == ["1", "firmware", "firmware2"]
 
 
-def test_another_updaters_trial_is_left_alone(guard):
-    guard.must("fw_setenv upgrade_available 1")
-    guard.put(guard.good())
-    guard.must(f"fw_setenv bootpart firmware2; {GUARD} -F {IMAGE} || true")
-    assert guard.reason() == "the firmware that runs is on trial"
-    assert guard.variables("upgrade_available", "bootpart") == ["1", "firmware"]
-
 
 def test_a_trial_that_never_began_does_not_stand_in_the_way(guard):
     guard.must("fw_setenv upgrade_available 1; fw_setenv fwupdate_before firmware; fw_setenv fwupdate_trial '1 2'")

@@ -215,12 +215,6 @@ def test_after_a_return_bootpart_is_put_back_to_the_old_firmware(guard, told):
     assert guard.variable("bootpart") == "firmware"
 
 
-def test_the_old_firmware_never_confirms_itself(guard):
-    """Also where the boot loader took it without a word."""
-    begin(guard, told="", runs="171000000")
-    watch(guard)
-    assert state(guard)[3] == "taken-back 174200000 installation r1300"
-
 
 def test_a_return_that_was_cut_off_keeps_its_reason(guard):
     begin(guard, "firmware", 1, runs="171000000", fwupdate_outcome="taken-back 174200000 30-server r1300",
@@ -291,11 +285,6 @@ def test_a_build_that_is_tried_again_keeps_no_reason_of_before(guard):
 
 
 # --- By hand
-
-def test_confirm_by_hand(guard):
-    begin(guard)
-    assert guard.run(f"{TRIAL} confirm").status == 0
-    assert state(guard) == CONFIRMED
 
 
 def test_what_cannot_be_written_is_not_confirmed(guard):
