@@ -55,25 +55,37 @@ def test_power_cuts_between_the_writes_of_a_return(guard):
         assert (state(guard)[0], guard.variable("fwupdate_trial")) == ("0", OVER)
 
 
-def test_power_cuts_between_the_writes_of_an_installation(guard):
-    """Until the last of them the router starts what it ran, and no trial is confirmed or held
-    against the build."""
-    cuts = None
+def install(guard):
+    """The environment as it is before and behind each write of the guard."""
+    guard.put(guard.good())
+    guard.must("fw_setenv bootpart firmware2")
+    return writes(guard, f"{GUARD} -F {IMAGE}")
 
-    def install():
-        nonlocal cuts
-        guard.put(guard.good())
-        guard.must("fw_setenv bootpart firmware2")
-        cuts = writes(guard, "PATH=/usr/lib/fwupdate/guard:$PATH sysupgrade -F /tmp/fwupdate.bin")
-    install()
+
+def assert_old_one_runs(guard, cut):
+    """No trial is left, confirmed, or held against the build."""
+    assert start_with(guard, cut) == "firmware"
+    assert guard.variables("bootpart", "fwupdate_refused") == ["firmware", ""]
+    assert guard.variable("upgrade_available") != "1"
+    assert not guard.variable("fwupdate_outcome").startswith("confirmed")
+    assert guard.variable("fwupdate_trial").split(" ")[0] in ("", "over")
+
+
+def test_power_cuts_between_the_writes_of_an_installation(guard):
+    """Until the last of them the router starts what it ran."""
+    cuts = install(guard)
     assert len(cuts) == 8
     for cut in cuts[1:-1]:
-        assert start_with(guard, cut) == "firmware"
-        assert guard.variables("upgrade_available", "bootpart", "fwupdate_refused")[1:] == ["firmware", ""]
-        assert guard.variable("upgrade_available") != "1"
-        assert not guard.variable("fwupdate_outcome").startswith("confirmed")
-        assert guard.variable("fwupdate_trial").split(" ")[0] in ("", "over")
+        assert_old_one_runs(guard, cut)
     assert start_with(guard, cuts[-1]) == "firmware2"
+
+
+def test_power_cuts_while_an_installation_is_called_off(guard):
+    guard.replace("/sbin/sysupgrade", "exit 1")
+    cuts = install(guard)
+    assert len(cuts) == 11
+    for cut in cuts[8:]:
+        assert_old_one_runs(guard, cut)
 
 
 # --- By chance
