@@ -162,6 +162,8 @@ test("links are there where they lead somewhere", () => {
 test("who and where: the router's name, the account, and root before anybody signed in", () => {
 	const { router, account, user } = shown([{ type: "signIn", user: "viewer", password: "" }, signsIn[1], look()]);
 	assert.deepEqual([router, account, user], ["router", "viewer", "viewer"]);
+	const unnamed = { data: { hostname: "router", release: { version: "22.03", builddate: "7" } } };
+	assert.equal(shown([...signsIn, look({}, { board: unnamed })])["here-version"], "22.03", "where there is no revision");
 	assert.equal(shown([]).user, "root");
 	assert.equal(shown([{ type: "signOut" }], scene("available")).user, "root");
 });

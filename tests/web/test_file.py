@@ -49,7 +49,6 @@ def test_each_code_has_its_sentence(router, ready):
         ready.await_text("file-result", sentence)
 
 
-
 def test_no_check_during_an_update(router, ready):
     """It would overwrite what the update shows. The page has not seen the update yet: it is the router that refuses."""
     router.offer_slowly()

@@ -81,19 +81,6 @@ def test_update_started_at_the_prompt_is_seen(router, page):
     assert not page.visible("job-hint")
 
 
-def test_update_started_on_the_bus_is_seen(router, page):
-    router.offer_slowly()
-    router.run("busybox setsid ubus -t 60 call fwupdate update >/dev/null 2>&1 &")
-    router.wait_for("ubus call fwupdate state | grep -q FIRMWARE_CONNECT")
-    page.open()
-    page.sign_in()
-    page.await_stage("Downloading")
-    assert page.text("job-hint") == "Somebody else started this update."
-    assert not page.visible("versions")
-    router.release()
-    page.await_stage("Installing")
-
-
 def test_session_that_ends_does_not_end_the_update(router, page):
     downloading(router, page)
     router.end_session(page.session()["sid"])
