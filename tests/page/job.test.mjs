@@ -274,7 +274,7 @@ test("installing and restarting move: a bar without end, and the time", () => {
 	assert.deepEqual([shown([], scene("size-unknown")).bar, shown([], scene("size-unknown")).progress], [true, null]);
 	for (const name of ["installing", "restarting", "starting"]) {
 		const said = shown([after(125)], scene(name));
-		assert.deepEqual([said.bar, said.progress, said["job-stays"]], [true, null, true], name);
+		assert.deepEqual([said.bar, said.progress, said["job-stays"], said["job-hint"]], [true, null, true, false], name);
 		assert.match(said.figures, /^0[23]:\d\d so far · usually 3 to 5 minutes$/, name);
 	}
 	assert.equal(shown([], scene("done")).bar, false);
