@@ -182,6 +182,8 @@ test("an old failure says when it was, and once read stays read in every tab", (
 	assert.equal(stage(closed.model, closed.now), "idle");
 	const kept = closed.effects.find(({ keep }) => keep === "read").value;
 	assert.equal(shown([{ type: "read", read: kept }], old).stage, "idle", "in another tab");
+	const next = { ...answered("failed", "2", ""), started: 1900000000 };
+	assert.equal(shown([look({ update: next, state: "NONE" })], closed).stage, "failed", "the next one is another");
 	assert.equal(shown([look({ update: answered("failed", "2", ""), state: "NONE" })], reloaded(closed)).stage, "idle", "after a reload");
 });
 
@@ -212,6 +214,13 @@ test("a check that is refused because an update runs keeps nothing", () => {
 	const { verdict, update: button } = shown([{ type: "checkAgain" }, { type: "check", reply: { data: { status: 4, message: "" } } }], scene("available"));
 	assert.equal(verdict, "An update is already running.");
 	assert.equal(button, false);
+});
+
+test("an update that found nothing asks for the offer again, once", () => {
+	const checks = ({ effects }) => effects.filter(({ ask }) => ask === "check").length;
+	const nothing = look({ update: answered("nothing"), state: "NONE" });
+	assert.equal(checks(scene("nothing")), checks(scene("failed")) + 1);
+	assert.equal(checks(play([found(), nothing, nothing], scene("nothing"))), checks(scene("nothing")));
 });
 
 test("a start without a clear answer is doubted until a job appears", () => {
@@ -278,6 +287,7 @@ test("installing and restarting move: a bar without end, and the time", () => {
 		assert.match(said.figures, /^0[23]:\d\d so far · usually 3 to 5 minutes$/, name);
 	}
 	assert.equal(shown([], scene("done")).bar, false);
+	assert.match(shown([after(60), look(installing)], scene("installing")).figures, /^01:01 /, "a look begins no other update");
 });
 
 // --- The guard
@@ -289,7 +299,9 @@ test("a refusal gives its reason, and counts for its own job only", () => {
 });
 
 test("a trial shows its checks and ends as done, or as taken back", () => {
-	assert.equal(shown([look({ guard: { trial: { left: 9 } } })], scene("opening")).stage, "trial", "for a page that saw no restart as well");
+	const late = shown([look({ guard: { trial: { left: 9, checks: { "20-network": true, own: false } } } })], scene("opening"));
+	assert.equal(late.stage, "trial", "for a page that saw no restart as well");
+	assert.deepEqual(late["job-list"], ["✓ the network is up (20-network)", "… own"]);
 	const trial = scene("trial");
 	assert.deepEqual(shown([], trial)["job-list"], ["✓ the update service answers (10-daemon)", "… the update server answers (30-server)"]);
 	assert.equal(mayAct(trial.model, trial.now), false);
@@ -334,6 +346,7 @@ for (const [name, id, wanted] of [
 	["wrong-password", "sign-in-fault", "Wrong user name or password."], ["done", "job-title", "Update complete"],
 	["failed", "job-title", "The update failed"], ["foreign", "job-hint", "Somebody else started this update."],
 	["no-plugin", "verdict", "No updates from here: fwupdate-job is missing on the router."], ["no-daemon", "verdict", "The update service does not answer."],
+	["not-started", "connection", "Not started. The update service does not answer."],
 	["size-unknown", "job-text", "The size of the firmware is not known yet."], ["long-away", "job-hint", text("longAway")]])
 	test(`scene ${name} says in plain words: ${wanted}`, () => assert.equal(shown([], scene(name))[id], wanted));
 
