@@ -121,6 +121,7 @@ private:
 		story_.clear();
 		next_peer_ = 100;
 		completed_ = 0;
+		due_ = 0;
 		lowest_free_ = lowest_free_descriptor();
 	}
 
@@ -146,7 +147,9 @@ private:
 		const Phase before = model_.phase;
 		tell_model(event, world.for_model, peer);
 		deferred_ = false;
+		event_began_ = now();
 		tell_job(event, peer);
+		event_ended_ = now();
 		expected_deferral_ =
 			is_update && before == Phase::idle &&
 			(model_.phase == Phase::downloading || model_.phase == Phase::retry_wait);
@@ -288,18 +291,25 @@ private:
 		return job_.watch.fd == (model_.starts == 0 ? 0 : -1);
 	}
 
-	bool timer_is_right() const
+	static std::int64_t now()
+	{
+		timespec time = {};
+		clock_gettime(CLOCK_MONOTONIC, &time);
+		return std::int64_t{time.tv_sec} * 1000000 + time.tv_nsec / 1000;
+	}
+
+	// Set during this event, or left as it was: exact, however busy the machine is.
+	bool timer_is_right()
 	{
 		const int expected = model_.timer();
 		if (expected == 0) {
 			return !job_.timer.pending;
 		}
-		const std::int64_t left =
-			uloop_timeout_remaining64(const_cast<uloop_timeout *>(&job_.timer));
-		const std::int64_t most = std::max(expected, 0);
-		// The rest has gone by meanwhile, which takes long on a busy machine.
-		const std::int64_t gone_by = most > 1000 ? 20000 : 900;
-		return job_.timer.pending && left <= most && left > most - gone_by;
+		const std::int64_t wait = std::int64_t{std::max(expected, 0)} * 1000;
+		const std::int64_t before = due_;
+		due_ = std::int64_t{job_.timer.time.tv_sec} * 1000000 + job_.timer.time.tv_usec;
+		const bool set_now = due_ >= event_began_ + wait && due_ <= event_ended_ + wait;
+		return job_.timer.pending && (set_now || due_ == before);
 	}
 
 	bool compare(SharedWorld &world)
@@ -372,6 +382,7 @@ private:
 	std::vector<Event> story_;
 	std::string wrong_;
 	std::size_t completed_ = 0;
+	std::int64_t event_began_ = 0, event_ended_ = 0, due_ = 0; // microseconds
 	std::uint32_t next_peer_ = 0;
 	int attempts_ = 0;
 	int lowest_free_ = 0;
