@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: ISC
 """Fixtures for the tests of fwupdate-publish."""
 import pathlib
+import signal
 import sys
 
 import pytest
@@ -18,6 +19,9 @@ from simulated_router import Router  # noqa: E402
 
 # Its tables of characters would lie in the project's folder otherwise.
 hypothesis.configuration.set_hypothesis_home_dir(project / "build/hypothesis")
+
+# A shell lets what it starts in the background ignore Ctrl-C, and programs inherit that.
+signal.signal(signal.SIGINT, signal.default_int_handler)
 
 
 class Publisher:
