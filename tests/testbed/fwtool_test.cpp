@@ -76,6 +76,7 @@ TEST_F(FwTool, RefusesWhatIsNoSoundMetadata)
 	expect_failure(with("-S", image, "S"), "Data not found");
 	expect_failure("", "File too short");
 	expect_failure(metadata.substr(metadata.size() - 16), "File too short");
+	expect_failure(metadata.substr(image.size()), "File too short"); // no image before it
 	for (const std::string &size :
 	     {"\0\0\0\0"s, "\0\0\0\x17"s, "\0\0\x80\x11"s, "\xff\xff\xff\xff"s}) {
 		expect_failure(metadata.substr(0, metadata.size() - 4) + size, "Size error");
