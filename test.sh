@@ -20,7 +20,8 @@ RUN, with its time on two idle cores:
                       build/coverage/report (5 min)
   --web               the update page in a real browser; with --pictures the screenshots
                       in docs/pictures are taken anew (5 min)
-  --vm                updates on the virtual router, power cuts included (13 min)
+  --vm                updates on the virtual router, power cuts included (13 min); the
+                      first time its toolchain and programs are made (10 min)
   --arch ARCH         the tests with musl, as on a router: x86_64-musl, or mips-musl,
                       mipsel-musl, aarch64-musl, armhf-musl by an emulator; what it cannot
                       do is in tests/not-emulated.md (20 min). With --quick: the unit
