@@ -63,7 +63,7 @@ def test_new_firmwares_page_takes_over_when_the_router_is_back(router, page):
     page.await_stage("Installing")
     router.await_installer()
     router.power_off()
-    page.await_stage("Restarting")
+    page.await_text("job-text", "The router does not answer now.")  # not only its session service
     held = answers.Held("status")  # the first answer tells the page that the router is back
     router.relay.fault = held
     router.power_on(NEW)
