@@ -183,6 +183,16 @@ def test_adoption_adds_up_at_every_time(fleet):
     assert totals == sorted(totals) and totals[-1] == 40
 
 
+def test_page_names_each_step_and_a_pause():
+    from fwupdate_maker.fleet import page, report
+    from fwupdate_maker.fleet.state import State
+    state = State(":memory:")
+    state.add_step(0, NEW, 1, "")
+    state.add_step(30 * HOUR, NEW, 0, "")
+    text = page.page(report.collect(state, NEW, report.Times(silent=24 * HOUR, again=HOUR)), report.adoption(state))
+    assert text.count("1 %, ") == 1 and text.count("paused, ") == 1
+
+
 def test_downloads_of_the_image(fleet):
     log = fleet.log([line(0), image(1), image(2), image(3, size=100), image(4, status=206, size=50), image(5, status=503, size=9),
                      image(6, status=499, size=0), image(7, build="99")])
