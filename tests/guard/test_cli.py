@@ -232,6 +232,14 @@ def test_a_fwtool_that_hangs_is_ended_and_the_daemon_answers(guard, hanging):
     assert guard.run("pidof fwtool").status == 1
 
 
+def test_one_that_a_person_runs_is_left_alone(guard, hanging):
+    guard.must("sh -c 'fwtool; :' >/dev/null 2>&1 &")
+    guard.router.wait_for("pidof fwtool")
+    found = guard.must(". /usr/share/fwupdate-cli/guard.sh; patience_with_fwtool=0; find_hanging_fwtool; echo [$hanging]")
+    guard.must("kill $(pidof fwtool)")
+    assert found == "[]"
+
+
 def test_one_that_hangs_for_somebody_else_is_named(guard, hanging):
     guard.put(guard.good())
     guard.must(f"ubus -t 60 call fwupdate test '{{\"file\":\"{IMAGE}\"}}' >/dev/null 2>&1 &")
