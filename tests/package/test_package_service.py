@@ -15,11 +15,17 @@ def server(tmp_path_factory):
     return make_server(tmp_path_factory.mktemp("server"), url=HELD_URL)
 
 
+@pytest.fixture(scope="module")
+def installed(tmp_path_factory):
+    folder = tmp_path_factory.mktemp("installed")
+    install_package("fwupdate", folder)
+    return folder
+
+
 @pytest.fixture
-def router(server, tmp_path):
-    install_package("fwupdate", tmp_path)
-    with Router("--no-daemon", "--bind", tmp_path, server_root=server) as router:
-        router.must(f"cp -R {tmp_path}/. /")
+def router(server, installed):
+    with Router("--no-daemon", "--bind", installed, server_root=server) as router:
+        router.must(f"cp -R {installed}/. /")
         router.hold_downloads()
         yield router
         router.run(f"{SCRIPT} stop")

@@ -36,7 +36,7 @@ legal = st.fixed_dictionaries({
 })
 
 numbers = itertools.count()
-quietly = settings(deadline=None, max_examples=100, derandomize=True, database=None,
+quietly = settings(deadline=None, max_examples=50, derandomize=True, database=None,
                    suppress_health_check=[HealthCheck.function_scoped_fixture, HealthCheck.too_slow])
 
 
@@ -100,7 +100,7 @@ illegal_change = st.one_of(
 
 
 @given(legal, illegal_change)
-@settings(quietly, max_examples=400)
+@settings(quietly, max_examples=200)
 def test_illegal_input_is_refused_and_changes_nothing(tmp_path, values, change):
     out = tmp_path / "never"
     status, said = run(tmp_path, out, {**values, **change})

@@ -175,7 +175,7 @@ class Router:
             nonlocal last
             last = self.run(command)
             return last.status == 0
-        wait_until(succeeds, lambda: f"'{command}' does not succeed: {last.output}", seconds, pause=0.05)
+        wait_until(succeeds, lambda: f"'{command}' does not succeed: {last.output}", seconds)
         return last.output
 
     # --- A daemon that stands still
@@ -214,11 +214,13 @@ class Router:
 
 
 def wait_until(condition, complaint, seconds=WAIT, pause=0.02):
-    """Asks until it is true, and returns that; the complaint may be a function."""
+    """Asks until it is true, and returns that; the complaint may be a function. What takes long is
+    asked for less often: to ask is often to start a process."""
     deadline = time.monotonic() + seconds
     while not (value := condition()):
         assert time.monotonic() < deadline, complaint() if callable(complaint) else complaint
         time.sleep(pause)
+        pause = max(pause, min(1.5 * pause, 0.3))
     return value
 
 
