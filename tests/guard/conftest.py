@@ -6,6 +6,7 @@ import pathlib
 import shutil
 import subprocess
 import sys
+import time
 
 import pytest
 
@@ -85,6 +86,10 @@ class Guarded:
         return self.run("sed -n 's/^command: //p' /var/log/sysupgrade 2>/dev/null").output.split("\n")[:-1]
 
     def log(self):
+        """What the guard said: all of it is written when a later line is."""
+        mark = f"mark {time.monotonic_ns()}"
+        self.must(f"logger '{mark}'")
+        self.router.wait_for(f"grep -q '{mark}$' /var/log/messages")
         return self.must("sed -n 's/.* fwupdate-guard: //p' /var/log/messages").splitlines()
 
     def replace(self, path, script):
