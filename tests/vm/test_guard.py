@@ -170,7 +170,7 @@ def forged():
     replaced = body + chunk(body, METADATA, metadata(build="999999999"))
     no_build = with_metadata(body, build=None)
     flipped = bytearray(good)
-    flipped[6_000_000] ^= 1
+    flipped[len(image) * 3 // 4] ^= 1
     head = bytearray(good)
     head[20_000] ^= 1                          # in the kernel's place
     unsigned, ours = "not signed", "not signed by a key of this router"
@@ -202,7 +202,7 @@ def forged():
 
 # What the daemon itself already refuses, before the guard is asked.
 def refused_by_the_daemon(good):
-    return {"empty": b"", "a page of a hotspot": b"<html>log in</html>" * 1000, "half of it": good[:5_000_000],
+    return {"empty": b"", "a page of a hotspot": b"<html>log in</html>" * 1000, "half of it": good[: len(good) // 2],
             "the size of the trailer 15": good[:-4] + (15).to_bytes(4, "big")}
 
 
