@@ -81,11 +81,9 @@ def enlarge(image, size, target):
 def damage(image, target):
     """The same firmware with one bit of its data changed."""
     shutil.copyfile(image, target)
-    with open(target, "r+b") as file:
-        file.seek(6_000_000)
-        byte = file.read(1)[0]
-        file.seek(6_000_000)
-        file.write(bytes([byte ^ 1]))
+    data = bytearray(target.read_bytes())
+    data[len(data) * 3 // 4] ^= 1
+    target.write_bytes(data)
     return target
 
 
