@@ -27,12 +27,14 @@ def environment_part(flash):
         return file.read(ENVIRONMENT_SIZE)
 
 
+COPIES = [line.split()[1:3] for line in ENVIRONMENT_PLACES.read_text().splitlines() if line[0] != "#"]
+
+
 def _environment_tool(name, part, folder, *arguments):
     """Runs it on the copies that the router's own file names; they are in the file `part` then."""
     (folder / "part").write_bytes(part)
-    copies = [line.split()[1:3] for line in ENVIRONMENT_PLACES.read_text().splitlines() if line[0] != "#"]
     (folder / "fw_env.config").write_text(
-        "".join(f"{folder}/part {place} {size}\n" for place, size in copies), encoding="utf-8")
+        "".join(f"{folder}/part {place} {size}\n" for place, size in COPIES), encoding="utf-8")
     return subprocess.run([name, "-c", folder / "fw_env.config", *arguments],
                           capture_output=True, text=True, check=False)
 
@@ -46,10 +48,16 @@ def read_environment(part, folder):
 
 
 def set_variable(flash, folder, *name_and_value):
-    """As the real tool does it: a name without a value removes the variable."""
+    """As the real tool does it: a name without a value removes the variable. In a file it counts the
+    copies; on flash the byte behind the checksum is 1 in the copy that holds, and 0 in the other."""
     tool = _environment_tool("fw_setenv", environment_part(flash), folder, *name_and_value)
     assert tool.returncode == 0, tool.stderr
-    write(flash, ENVIRONMENT, (folder / "part").read_bytes())
+    part = bytearray((folder / "part").read_bytes())
+    marks = [int(place, 0) + 4 for place, _ in COPIES]
+    newest = max(marks, key=lambda mark: part[mark])
+    for mark in marks:
+        part[mark] = mark == newest
+    write(flash, ENVIRONMENT, part)
 
 
 def write(flash, place, data):
