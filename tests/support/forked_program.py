@@ -46,6 +46,8 @@ def become(words, cwd, *files):
     except BaseException:
         traceback.print_exc()
     finally:
-        sys.stdout.flush()
-        sys.stderr.flush()
-        os._exit(status)
+        try:
+            sys.stdout.flush()
+            sys.stderr.flush()
+        finally:
+            os._exit(status)  # whatever happens: this is a copy of the tests
